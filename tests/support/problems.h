@@ -1,0 +1,194 @@
+// Test support: objectives that know their answers, a counting wrapper, a
+// recorder of checkpoint calls and a capture of host messages.
+#ifndef LXOPT_TESTS_SUPPORT_PROBLEMS_H
+#define LXOPT_TESTS_SUPPORT_PROBLEMS_H
+
+#include <lxopt/lxopt.h>
+
+#include <cmath>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace lxtest {
+
+using LxOpt::LxFComponent;
+
+// Shared boilerplate: one component holding the whole value.
+class Objective : public LxOpt::LxFunc2 {
+ public:
+  using LxOpt::LxFunc2::operator();
+  std::vector<LxFComponent> GetFComponents(const double* x) override {
+    return {{"total", (*this)(x)}};
+  }
+  // No Hessian unless a problem supplies one.
+  bool operator()(const double*, double*, double*) override { return false; }
+};
+
+// f = sum_i d_i (x_i - c_i)^2, minimum 0 at c; Hessian diag(2 d).
+class DiagonalQuadratic : public Objective {
+ public:
+  using Objective::operator();
+  DiagonalQuadratic(std::vector<double> d, std::vector<double> c)
+      : d_(std::move(d)), c_(std::move(c)) {}
+  // n variables with d_i = 1 .. condition spread geometrically, c_i = 1.
+  static DiagonalQuadratic IllConditioned(unsigned int n, double condition) {
+    std::vector<double> d(n), c(n, 1.0);
+    for (unsigned int i = 0; i < n; ++i)
+      d[i] = n > 1 ? std::pow(condition, double(i) / (n - 1)) : 1.0;
+    return DiagonalQuadratic(d, c);
+  }
+  unsigned int NumVar() const override { return static_cast<unsigned int>(d_.size()); }
+  double operator()(const double* x) override {
+    double f = 0.0;
+    for (size_t i = 0; i < d_.size(); ++i) f += d_[i] * (x[i] - c_[i]) * (x[i] - c_[i]);
+    return f;
+  }
+  double operator()(const double* x, double* g) override {
+    for (size_t i = 0; i < d_.size(); ++i) g[i] = 2.0 * d_[i] * (x[i] - c_[i]);
+    return (*this)(x);
+  }
+  bool operator()(const double* x, double* h, double* g) override {
+    (*this)(x, g);
+    for (size_t i = 0; i < d_.size(); ++i) h[i * (i + 1) / 2 + i] = 2.0 * d_[i];
+    return true;
+  }
+  const std::vector<double>& minimizer() const { return c_; }
+
+ private:
+  std::vector<double> d_, c_;
+};
+
+// The curved valley f = 100 (y - x^2)^2 + (1 - x)^2; minimum 0 at (1, 1).
+class Rosenbrock : public Objective {
+ public:
+  using Objective::operator();
+  unsigned int NumVar() const override { return 2; }
+  double operator()(const double* x) override {
+    const double a = x[1] - x[0] * x[0], b = 1.0 - x[0];
+    return 100.0 * a * a + b * b;
+  }
+  double operator()(const double* x, double* g) override {
+    const double a = x[1] - x[0] * x[0];
+    g[0] = -400.0 * a * x[0] - 2.0 * (1.0 - x[0]);
+    g[1] = 200.0 * a;
+    return (*this)(x);
+  }
+  bool operator()(const double* x, double* h, double* g) override {
+    (*this)(x, g);
+    h[0] = 1200.0 * x[0] * x[0] - 400.0 * x[1] + 2.0;
+    h[1] = -400.0 * x[0];
+    h[2] = 200.0;
+    return true;
+  }
+};
+
+// A linear function: no minimum, so every search keeps going downhill.
+class Linear : public Objective {
+ public:
+  using Objective::operator();
+  explicit Linear(std::vector<double> slope) : slope_(std::move(slope)) {}
+  unsigned int NumVar() const override { return static_cast<unsigned int>(slope_.size()); }
+  double operator()(const double* x) override {
+    double f = 0.0;
+    for (size_t i = 0; i < slope_.size(); ++i) f += slope_[i] * x[i];
+    return f;
+  }
+  double operator()(const double* x, double* g) override {
+    for (size_t i = 0; i < slope_.size(); ++i) g[i] = slope_[i];
+    return (*this)(x);
+  }
+
+ private:
+  std::vector<double> slope_;
+};
+
+// Forwards to another objective and counts the evaluations of each kind.
+class Counting : public LxOpt::LxFunc2 {
+ public:
+  using LxOpt::LxFunc2::operator();
+  explicit Counting(LxOpt::LxFunc2& inner) : inner_(inner) {}
+  unsigned int NumVar() const override { return inner_.NumVar(); }
+  double operator()(const double* x) override { ++values; return inner_(x); }
+  double operator()(const double* x, double* g) override { ++gradients; return inner_(x, g); }
+  bool operator()(const double* x, double* h, double* g) override {
+    ++hessians;
+    return inner_(x, h, g);
+  }
+  std::vector<LxFComponent> GetFComponents(const double* x) override {
+    return inner_.GetFComponents(x);
+  }
+  int values = 0, gradients = 0, hessians = 0;
+
+ private:
+  LxOpt::LxFunc2& inner_;
+};
+
+// One checkpoint call as the optimizer made it.
+struct Call {
+  unsigned int iter;
+  unsigned int state;
+  double fval;
+  double gnorm;
+  bool gradNull;
+  std::vector<double> vars;
+};
+
+// Records every call; answers `answer` to state-0 reports after the first
+// `continueFor` of them.
+class Recorder : public LxOpt::LxCheckpoint1 {
+ public:
+  using LxOpt::LxCheckpoint1::operator();
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                  const double* vars, const double* grad, unsigned int state) override {
+    calls.push_back({iter, state, fval, gnorm, grad == nullptr,
+                     vars ? std::vector<double>(vars, vars + nvar) : std::vector<double>()});
+    if (state != 0) return true;
+    return ++reports <= continueFor;
+  }
+  std::vector<unsigned int> States() const {
+    std::vector<unsigned int> s;
+    for (const Call& c : calls) s.push_back(c.state);
+    return s;
+  }
+  std::vector<unsigned int> Iters() const {
+    std::vector<unsigned int> s;
+    for (const Call& c : calls) s.push_back(c.iter);
+    return s;
+  }
+  std::vector<Call> calls;
+  unsigned long continueFor = ~0ul;
+
+ private:
+  unsigned long reports = 0;
+};
+
+// Captures host messages for the lifetime of the object.
+class MessageCapture {
+ public:
+  struct Message {
+    LxOpt::LxMessageLevel level;
+    std::string text;
+  };
+  MessageCapture() {
+    previous_ = LxOpt::LxSetMessageSink([this](LxOpt::LxMessageLevel level, const std::string& text) {
+      messages.push_back({level, text});
+    });
+  }
+  ~MessageCapture() { LxOpt::LxSetMessageSink(previous_); }
+  MessageCapture(const MessageCapture&) = delete;
+  MessageCapture& operator=(const MessageCapture&) = delete;
+  std::vector<std::string> Texts() const {
+    std::vector<std::string> t;
+    for (const Message& m : messages) t.push_back(m.text);
+    return t;
+  }
+  std::vector<Message> messages;
+
+ private:
+  LxOpt::LxMessageSink previous_;
+};
+
+}  // namespace lxtest
+
+#endif  // LXOPT_TESTS_SUPPORT_PROBLEMS_H
