@@ -5,6 +5,7 @@
 #include "lxopt/host.h"
 #include "lxopt/function.h"
 #include "lxopt/optimizer.h"
+#include "lxopt/linmin.h"
 #include "lxopt/steepest.h"
 #include "lxopt/version.h"
 
