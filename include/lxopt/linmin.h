@@ -33,6 +33,108 @@ class LXOPT_API LxLineMinimize {
   virtual LxLineMinimize* CreateCopy() const = 0;
 };
 
+// The default search of the conjugate-gradient optimizers: safeguarded cubic
+// interpolation with at most 32 evaluations. It accepts a trial when
+//   f(a) <= f0 + 1e-4 a slope0   and   |slope(a) / slope0| <= 0.9,
+// except that the first trial is accepted only with a practically zero slope
+// (|slope(a) / slope0| <= 1e-10), so at least one interpolation is made.
+// The first trial step is max(1e-10, *step). Returns true when the last value
+// evaluated lies below the entry value and the entry step was at least 1e-10;
+// on false nothing is written. When all 32 trials are spent, *step reports the
+// next, unevaluated step while fval and gradOut belong to the last trial.
+class LXOPT_API LxCGLineMinimize : public LxLineMinimize {
+ public:
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
+                  double* gradOut, double* fval, double* step,
+                  LxFunc1& func) const override;
+  LxLineMinimize* CreateCopy() const override;
+};
+
+// The search of the quasi-Newton optimizers: the same cubic interpolation with
+// the ordinary test, f(a) <= f0 + c1 a slope0 and |slope(a) / slope0| <= c2,
+// which may end the search on the first trial. The first trial step is
+// max(minStep, *step); at most maxTrials evaluations. Returns false, writing
+// nothing, when the interpolation degenerates (two trials at the same step or
+// with the same slope, as on a line where f is linear), when the last value is
+// not below the entry value, or when the final step is below minStep. As with
+// LxCGLineMinimize, spent trials report the next, unevaluated step.
+class LXOPT_API LxQNLineMinimize : public LxLineMinimize {
+ public:
+  LxQNLineMinimize(unsigned int maxTrials = 32, double c1 = 1e-4, double c2 = 0.9,
+                   double minStep = 1e-10);
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
+                  double* gradOut, double* fval, double* step,
+                  LxFunc1& func) const override;
+  LxLineMinimize* CreateCopy() const override;
+
+ private:
+  double c1_;                // sufficient decrease
+  double c2_;                // curvature
+  double minStep_;           // floor of the first and of a successful final step
+  unsigned int maxTrials_;   // evaluations per call
+};
+
+// Honours a per-variable limit on the displacement of one search. When the
+// entry step would move some variable i further than limits[i] (0: no limit;
+// variables beyond the limit count are unlimited), the step a is cut to the
+// smallest limits[i] / |dir[i]|, and the search marches from x0 in steps of a
+// while the value keeps falling with a negative slope; where the descent
+// stops at s, *step is lowered to s - a/2 (if that is smaller). The search is
+// then handed to an embedded LxQNLineMinimize with the caller's arguments, so
+// all results are that minimizer's; the march writes nothing else. With no
+// cut the call goes straight to the embedded minimizer.
+class LXOPT_API LxMaxStepLineMinimize : public LxLineMinimize {
+ public:
+  LxMaxStepLineMinimize();
+  LxMaxStepLineMinimize(double* maxstep, unsigned int n);  // copies n limits
+  LxMaxStepLineMinimize(const LxMaxStepLineMinimize& other);
+  LxMaxStepLineMinimize& operator=(const LxMaxStepLineMinimize& other);
+  ~LxMaxStepLineMinimize() override;
+
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
+                  double* gradOut, double* fval, double* step,
+                  LxFunc1& func) const override;
+  // Replaces the limits with a copy of n values and returns true; n = 0
+  // changes nothing and returns false.
+  bool SetMaxStep(unsigned int n, double* maxstep) override;
+  LxLineMinimize* CreateCopy() const override;
+
+ private:
+  unsigned int count_ = 0;
+  double* limits_ = nullptr;  // malloc'ed, count_ entries
+  LxQNLineMinimize inner_;
+};
+
+// Backtracking along dir with the sufficient-decrease test only,
+//   f(a) <= f0 + 1e-4 a slope0,
+// first a quadratic then cubic interpolation of the step (each new step at
+// least 0.1 a, at most 0.5 a). It evaluates values alone while it searches
+// and value and gradient once at the point where it stops. It differs from
+// the other line minimizers in two ways:
+//  - dir is shortened in the caller's array when its length exceeds the
+//    maximum step, which SetMaxStep(n, x) sets to max(|x|, n) (a new object
+//    and every CreateCopy have no cap);
+//  - fval, step and gradOut are written on failure too, describing the last
+//    trial point, not x0.
+// Fails when the step falls below 1e-7 / max_i(|dir_i| / max(|x0_i|, 1)),
+// which is at once when n = 0 or dir is zero. initialStepMode 1 starts every
+// search at a = 1.0; any other mode at the caller's *step.
+class LXOPT_API LxNRLineSearch : public LxLineMinimize {
+ public:
+  explicit LxNRLineSearch(int initialStepMode = 0);
+
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
+                  double* gradOut, double* fval, double* step,
+                  LxFunc1& func) const override;
+  // Maximum direction length max(|x|, n) for x of n values; always true.
+  bool SetMaxStep(unsigned int n, double* x) override;
+  LxLineMinimize* CreateCopy() const override;
+
+ private:
+  double maxStep_;
+  int initialStepMode_;
+};
+
 }  // namespace LxOpt
 
 #endif  // LXOPT_LINMIN_H

@@ -6,7 +6,15 @@
 #include "lxopt/function.h"
 #include "lxopt/optimizer.h"
 #include "lxopt/linmin.h"
+#include "lxopt/conjgrad.h"
 #include "lxopt/steepest.h"
+#include "lxopt/newton.h"
 #include "lxopt/version.h"
+#include "lxopt/geomopt.h"
+#include "lxopt/anneal.h"
+#include "lxopt/quasinewton.h"
+#include "lxopt/minfinder.h"
+#include "lxopt/coordfunc.h"
+#include "lxopt/numeric.h"
 
 #endif  // LXOPT_LXOPT_H

@@ -1,0 +1,231 @@
+// Geometry optimisation: the BFGS driver LxBFGSOptimizer, the checkpoint that
+// prints its progress (LxBFGSCheckpoint) and the adaptor interface through
+// which that checkpoint turns variables into Cartesian coordinates.
+#ifndef LXOPT_GEOMOPT_H
+#define LXOPT_GEOMOPT_H
+
+#include <cstddef>
+#include <vector>
+
+#include "lxopt/host.h"
+#include "lxopt/lxopt_export.h"
+#include "lxopt/optimizer.h"
+
+namespace LxOpt {
+
+// Turns a variable vector into Cartesian coordinates (x, y, z per atom).
+class LXOPT_API LxAdaptor {
+ public:
+  virtual ~LxAdaptor();
+  // Writes the nvar Cartesian coordinates that vars stands for into coords.
+  virtual void operator()(const double* vars, double* coords) = 0;
+};
+
+// Reports the progress of a geometry optimisation: one cycle line per
+// report, "cycle %5d gnorm = %11.4e %s = %11.4f rmsd = %9.4f" (iteration,
+// gradient norm, name, value, RMSD from the reference geometry), and one
+// closing message per result state. Messages are informational messages
+// through LxThrow, issued only when verbose is set. Without an output stream
+// the final states record statistics (cycle, RMS gradient gnorm / sqrt(nvar),
+// largest atom displacement from the reference, state); with one they write a
+// two-line summary ("No of cycles%21d", "Final rms gradient   %12.5f")
+// instead. Per state:
+//   0 Cont     cycle line
+//   1 NoOpt    "System at minimum energy, no optimization will be done."
+//   2 OneVar   "Geometry optimization done, rmsd = %12.5f"; summary/statistics
+//   3 NotFound "No point lower in %s could be found"; with a stream the same
+//              line is also written to it (no summary), else statistics
+//   4 Ended    "Search is being ended. Final rmsd = %12.5f"; summary/statistics
+//   5 NotJust  "Gradient test not passed but further calculations not
+//              justified:" and "In 5 attempts to reduce %s decrease was less
+//              than %12.5f" (the RMSD is the number); summary/statistics
+//   6 Exhaust  cycle line, "Number of cycles exhausted"; summary/statistics
+//   7 Dist     null vars: "Distance test satisfied" only. Otherwise
+//              "Distance test satisfied, rmsd = %12.5f"; summary with a stream
+//              and iter != 0, statistics otherwise
+//   8 Fval     "%s test satisfied"; statistics
+//   9 Grad     "Gradient test satisfied"; statistics
+//   10 Comp    "but gradient component is larger than %12.5f" (gnorm carries
+//              the component limit); nothing recorded but the state
+//   11 Done    "Geometry optimization done, %12.5f" (RMSD); summary/statistics
+//   12 Stable  cycle line, "%s is basically stable"; statistics
+// A state of 13 or more is only recorded. Every state records itself as the
+// last state. The gradient operator always returns true.
+//
+// The driver LxBFGSOptimizer calls this class's handling directly (no virtual
+// dispatch) when it is given exactly this class; a derived class is called
+// through its virtual operator.
+class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
+ public:
+  LxBFGSCheckpoint() = default;
+
+  // name: the word for the objective in messages ("Energy"); ref: reference
+  // coordinates (3 per atom); adaptor: turns variables into coordinates, or
+  // null when the variables are coordinates; out: summary stream, or null to
+  // record statistics. The pointers are kept, not copied: they must outlive
+  // the optimisation. Resets the last cycle and the last RMS gradient to 0.
+  void SetParams(const char* name, double* ref, unsigned int nvar, LxAdaptor* adaptor,
+                 bool verbose, lxostream* out);
+
+  // Plain RMSD (no superposition) of var's coordinates from the reference;
+  // 0.0 when nvar is not a multiple of 3 (or var or the reference is null).
+  double rmsd(const double* var) const;
+  // Largest atom distance between the reference and var's coordinates, over
+  // atoms 0 .. nvar/3 - 1 (a remainder of nvar is ignored); 0.0 when nvar < 3
+  // (or var or the reference is null).
+  double maxdisp(const double* var) const;
+
+  // The value-only form cannot serve a geometry optimisation: fatal error.
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, const double* vars,
+                  unsigned int state) override;
+  // Reports as in the table above; always returns true.
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                  const double* var, const double* grad, unsigned int state) override;
+
+  // Statistics of the last final state that recorded them.
+  unsigned int GetLastCycle() const { return lastCycle_; }
+  double GetLastRmsGradient() const { return lastRmsGradient_; }
+  double GetLastMaxDisplacement() const { return lastMaxDisplacement_; }
+  // State of the most recent call.
+  unsigned int GetLastState() const { return lastState_; }
+
+ private:
+  bool SummaryOrStatistics(unsigned int iter, unsigned int nvar, double gnorm,
+                           const double* var, unsigned int state);
+  bool Summary(unsigned int iter, unsigned int nvar, double gnorm, unsigned int state);
+  bool Statistics(unsigned int iter, unsigned int nvar, double gnorm, const double* var,
+                  unsigned int state);
+  void CycleLine(unsigned int iter, double gnorm, double fval, const double* var) const;
+  void WriteLine(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  // Coordinates of var: var itself, or filled by the adaptor into scratch.
+  const double* Coordinates(const double* var, std::vector<double>& scratch) const;
+  const char* Name() const { return name_ != nullptr ? name_ : ""; }
+
+  const char* name_ = nullptr;
+  double* ref_ = nullptr;
+  unsigned int nvar_ = 0;
+  LxAdaptor* adaptor_ = nullptr;
+  lxostream* out_ = nullptr;
+  unsigned int lastCycle_ = 0;
+  double lastRmsGradient_ = 0.0;
+  double lastMaxDisplacement_ = 0.0;
+  unsigned int lastState_ = 0;
+  bool verbose_ = false;
+  char line_[256] = {};
+};
+
+// BFGS minimisation tuned for molecular geometries: the inverse Hessian is
+// kept packed (lower triangle by rows), each cycle searches along -H g with
+// its own line search, and the run ends through displacement, value,
+// gradient and component tests. Step generation, one function each:
+//   direction   d = -H g on the packed matrix; a direction that is not
+//               downhill restarts H from the identity.
+//   line search weak-Wolfe bracketing (sufficient decrease c1 = 1e-4,
+//               curvature c2 = 0.9) with safeguarded cubic interpolation
+//               (Nocedal & Wright, Numerical Optimization, 2nd ed., alg. 3.5
+//               and 3.6), each trial limited to a largest coordinate move of
+//               0.5; the bracket stops shrinking at the cycle's accuracy.
+//   update      BFGS update of the inverse Hessian (N&W eq. 6.17), skipped
+//               unless s.y > 1e-10 |s| |y|; H is scaled by s.y / y.y before
+//               its first update after a (re)start (N&W eq. 6.20).
+//   history     off by default (SetHistory): after each accepted step a GDIIS
+//               extrapolation over the stored points and gradients is tried
+//               (Csaszar & Pulay, J. Mol. Struct. 114 (1984) 31), and when it
+//               gives no lower value a quasi-Newton step restricted to the
+//               span of the stored displacements (subspace step); either is
+//               taken only when it lowers the value.
+//
+// Thresholds by tolerance tol (n variables):
+//   tol > 0.1    value change e1 = 0.001, displacement e2 = 1e-4, c = sqrt(n + 1e-5)
+//   tol == 0.1   e1 = 1e-4,  e2 = 1e-5,  c = 1
+//   tol < 0.1    e1 = 1e-23, e2 = 1e-24, c = 1
+// Start: |g| < tol reports state 1 only (iteration 0, null point and gradient)
+// and returns f(start) with out = start.
+// After each cycle (iteration = cycles done), with displacement
+// d = |step| / |x| (|step| itself when |x| = 0):
+//   stall  16 cycles in a row that lower the best value by less than 1e-7:
+//          state 12, then the final state.
+//   tests  d <= e2: state 7; else |dE| <= e1: state 8; else |g| <= c tol:
+//          state 9. After any of them: every |g_i| <= tol ends the run;
+//          otherwise state 10 (gnorm argument = tol). Six such reports in a row
+//          whose values stay within 0.01 of the first: state 5 (fval argument
+//          = 0.01), the gradient is cleared and the run ends with no final
+//          state.
+//   else   at the iteration limit the run ends; otherwise state 0.
+// Final state: 6 at the iteration limit, else 11. A search that finds no
+// lower point even from a restarted H reports 3, a direction that cannot be
+// formed (gradient not finite or zero) reports 4; both end with no final
+// state. Every exit after the start re-evaluates the value (value only) at the
+// final point and returns it, with out = that point. Reports pass the current
+// point and a null gradient; the checkpoint's answers are ignored.
+class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
+ public:
+  static constexpr unsigned int kDefaultIterLimit = 10000;
+  static constexpr double kDefaultTolerance = 0.1;
+
+  LxBFGSOptimizer();
+  LxBFGSOptimizer(const LxBFGSOptimizer& other) = default;
+  LxBFGSOptimizer& operator=(const LxBFGSOptimizer& other) = default;
+  ~LxBFGSOptimizer() override;
+
+  // Largest number of cycles.
+  void SetIterLimit(unsigned int limit) override { iterLimit_ = limit; }
+  // Selects the thresholds (see above); compared with the gradient norm and
+  // with each gradient component.
+  void SetTolerance(double tolerance) override { tolerance_ = tolerance; }
+  unsigned int GetIterLimit() const override { return iterLimit_; }
+  double GetTolerance() const override { return tolerance_; }
+
+  using LxOptimizer1::operator();
+  // Minimises func from in; writes the final point to out when out is not
+  // null and returns the final value.
+  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                    double* out) override;
+  // Value-only objectives cannot be used: fatal error.
+  virtual double operator()(LxFunc0& func, const double* in, double* out);
+  virtual double operator()(LxFunc0& func, LxCheckpoint0* checkpoint, const double* in,
+                            double* out);
+
+  // With keep-Hessian set, a run stores its final packed inverse Hessian when
+  // the final gradient norm is below the one at which H was last (re)started.
+  void SetKeepHessian(bool keep) { keepHessian_ = keep; }
+  bool GetKeepHessian() const { return keepHessian_; }
+  // n * n for the n of the latest run (0 before any run).
+  unsigned int GetHessianDimension() const { return n_ * n_; }
+  // Copies the kept packed inverse Hessian (n (n + 1) / 2 doubles) to out.
+  // False with a warning when none was kept or n is not the run's n.
+  bool GetInverseHessian(double* out, unsigned int n) const;
+
+  // Turns the DIIS and subspace steps on or off (off by default).
+  void SetHistory(bool on) { historyEnabled_ = on; }
+  bool GetHistory() const { return historyEnabled_; }
+
+  // Remembers a point: fsave = f, gsave = g, ssave = s, xsave = x (n values).
+  static void store(double f, double& fsave, double g, double& gsave, const double* x,
+                    double* xsave, double s, double& ssave, std::size_t n);
+
+ private:
+  // Restores the default settings.
+  void setup();
+  // The cycles of one run on the current point and gradient of the object.
+  void optimize(LxFunc1& func, LxCheckpoint1* checkpoint);
+
+  unsigned int n_ = 0;
+  unsigned int iterLimit_ = kDefaultIterLimit;
+  double tolerance_ = kDefaultTolerance;
+  double f_ = 0.0;
+  // Per-run arrays, empty when idle: point (n), gradient (n), and with history
+  // the stored points (n m), gradients (n m) and coefficients (m).
+  std::vector<double> run_;
+  bool idle_ = true;
+  unsigned int historyCount_ = 0;
+  unsigned int historyLength_ = 0;
+  bool historyEnabled_ = false;
+  // Kept packed inverse Hessian; empty until stored.
+  std::vector<double> keptHessian_;
+  bool keepHessian_ = false;
+};
+
+}  // namespace LxOpt
+
+#endif  // LXOPT_GEOMOPT_H

@@ -1,0 +1,447 @@
+// Global minimum search: random start-point generators, the sample-point
+// store, the validity criteria of start points and the minimum finder that
+// samples a box, optimizes locally from each accepted start point and keeps the
+// distinct minima it finds.
+//
+// The notices of the store and of the finder (index dumps, "No minimums!",
+// the minima table) go to std::cerr, one line each; errors go to LxThrow.
+#ifndef LXOPT_MINFINDER_H
+#define LXOPT_MINFINDER_H
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "lxopt/function.h"
+#include "lxopt/host.h"
+#include "lxopt/lxopt_export.h"
+#include "lxopt/optimizer.h"
+#include "lxopt/quasinewton.h"
+#include "lxopt/steepest.h"
+
+namespace LxOpt {
+namespace LxMinfinder {
+
+// ------------------------------------------------------------- generators
+
+// Draws one start point inside a box. The base owns a Mersenne Twister
+// (seeded 5489 at construction) and a uniform [0, 1) distribution over it for
+// the draws of derived generators.
+class LXOPT_API GetRandomVariables {
+ public:
+  GetRandomVariables() = default;
+  virtual ~GetRandomVariables();
+  // Writes one point into x (lower.size() entries unless the generator says
+  // otherwise) and returns true; on bad bounds reports an error through
+  // LxThrow and returns false without writing.
+  virtual bool operator()(double* x, const std::vector<double>& lower,
+                          const std::vector<double>& upper) = 0;
+  // Restarts the engine, for reproducible runs.
+  void Seed(std::uint32_t seed) { engine_.Seed(seed); }
+
+ protected:
+  double NextUniform() { return uniform_(engine_); }
+
+  MtRng engine_;
+  LxUniformDoubleRNG uniform_{0.0, 1.0};
+};
+
+// Uniform in the box: x_i = lower_i + u (upper_i - lower_i), u in [0, 1).
+// Bounds of different lengths or empty: error "Dimension of lower and upper
+// bound vectors should be equal and at least 1!", false.
+class LXOPT_API GetRandomVariablesGeneral : public GetRandomVariables {
+ public:
+  bool operator()(double* x, const std::vector<double>& lower,
+                  const std::vector<double>& upper) override;
+};
+
+}  // namespace LxMinfinder
+
+// For rigid-body searches over (q0, q1, q2, q3, t...): x[0..3] is a uniformly
+// distributed unit quaternion with x[0] >= 0, drawn from the process-wide
+// rand() (seeding it with srand is the application's business); x[4..] are
+// uniform in the box from the object's own Mersenne Twister. The bounds of the
+// first four variables are never read, and x always receives at least four
+// values, even when the bounds are shorter: give it room for four. Bounds of
+// different lengths or empty: error "Dimension of lower and upper bound
+// vectors should be equal!", false.
+class LXOPT_API LxRandomPosOrient : public LxMinfinder::GetRandomVariables {
+ public:
+  bool operator()(double* x, const std::vector<double>& lower,
+                  const std::vector<double>& upper) override;
+};
+
+namespace LxMinfinder {
+
+// ------------------------------------------------------------- sample store
+
+// Points (coordinates, value, gradient) of one kind: the samples of a search
+// cycle or the minima found. Besides the points it keeps
+//  - the lowest value ever stored (Clear keeps it),
+//  - per-variable same-point tolerances,
+//  - the store-wide radius Rt: per variable, the running MEAN OF SQUARES of
+//    start-to-minimum displacements (updateEllipsoidParemetersRt),
+//  - for a minima store, per-minimum radii r_i: per variable, the running MEAN
+//    OF ABSOLUTE displacements of the start points attracted to minimum i,
+//    with a counter of those start points (updateMinima).
+// The two radii are different statistics on purpose; both are used as radii
+// (squared in the ellipsoid tests).
+class LXOPT_API MinfinderSamplePoints {
+ public:
+  static constexpr unsigned long kReservedPoints = 1000;
+  static constexpr double kSameValueTolerance = 0.0001;  // haveItAlready by value
+  static constexpr double kEllipsoidThreshold = 0.1;
+  static constexpr double kWideEllipsoidThreshold = 0.3;  // counter > 9
+  static constexpr unsigned long kWideAfterAttracted = 9;
+
+  MinfinderSamplePoints() = default;
+
+  // Empties the store, sets n, fills the tolerances with tolerance, zeroes
+  // Rt and its update count, reserves room for 1000 points.
+  void Setup(unsigned int n, double tolerance);
+  // Empties points, values, gradients, per-minimum radii and counters; the
+  // lowest value, Rt and its update count are kept.
+  void Clear();
+
+  // When set (the default), addPoint refuses points outside the box.
+  void SetCheckMinimumInRange(bool check) { checkInRange_ = check; }
+  bool GetCheckMinimumInRange() const { return checkInRange_; }
+  void GetSamePointTolerance(std::vector<double>& tolerance) const { tolerance = tolerance_; }
+  void SetSamePointTolerance(const std::vector<double>& tolerance) { tolerance_ = tolerance; }
+
+  unsigned long getNumPoints() const { return numPoints_; }
+  unsigned int getNumVar() const { return n_; }
+  // The largest finite double until a point is stored.
+  double getLowestValue() const { return lowest_; }
+  unsigned long getUpdateCount() const { return updateCount_; }
+  const std::vector<double>& GetRt() const { return rt_; }
+  // Per-minimum radius vector (n values) and attracted counter of point i;
+  // empty / 0 when updateMinima has not reached i.
+  std::vector<double> GetMinimumRadii(unsigned long i) const;
+  unsigned long GetAttractedCount(unsigned long i) const;
+
+  // Appends (x, value, grad); with the range check set, refuses (false) a
+  // point with any x_d outside [lower_d, upper_d] (both ends allowed; a
+  // coordinate that is not a number is outside). Here and in replacePoint,
+  // updateEllipsoidParemetersRt and updateMinima a vector shorter than n is
+  // reported as an error and refused.
+  bool addPoint(const std::vector<double>& x, double value, const std::vector<double>& grad,
+                const std::vector<double>& lower, const std::vector<double>& upper);
+  // Copy out point i (x and g are resized to n). An index >= the number of
+  // points reports "index>= _numSamplePoint in getX!" (getY, getGrad alike),
+  // leaves the output alone and returns false.
+  bool getX(std::vector<double>& x, unsigned long i) const;
+  bool getY(double& value, unsigned long i) const;
+  bool getGrad(std::vector<double>& g, unsigned long i) const;
+  // Overwrites point i; an index >= the number of points reports
+  // "index>= _numSamplePoint in replacePoint!" and returns false. The lowest
+  // value takes in the new value.
+  bool replacePoint(unsigned long i, const std::vector<double>& x, double value,
+                    const std::vector<double>& grad);
+  // Asks generator for a point of the box into x (resized to n). A null
+  // generator is an error; the generator's answer is returned.
+  bool GetRandomSamplePoint(std::vector<double>& x, const std::vector<double>& lower,
+                            const std::vector<double>& upper,
+                            GetRandomVariables* generator) const;
+
+  // Euclidean distance over the n variables and its square; n = 0 gives 0.
+  // Indices must be below getNumPoints() (not checked: inner-loop helpers).
+  double CalcDistance(const double* a, const double* b) const;
+  double CalcDistance(unsigned long i, const double* x) const;
+  double CalcDistance(unsigned long i, unsigned long j) const;
+  double CalcDistance2(const double* a, const double* b) const;
+  double CalcDistance2(unsigned long i, const double* x) const;
+  double CalcDistance2(unsigned long i, unsigned long j) const;
+
+  // First stored point matching x: byCoordinates, |x_d - p_i,d| <= tolerance_d
+  // for every d; otherwise |value - y_i| <= 0.0001. Sets index and returns
+  // true; an empty store sets index 0 and returns false.
+  bool haveItAlready(unsigned long& index, const std::vector<double>& x, double value,
+                     bool byCoordinates) const;
+  // keepDegenerate: point i matches when func.IsRedundant(x, p_i, tolerance)
+  // (geometry decides); otherwise when |value - y_i| <= tolerance (equal
+  // values merge). First match sets index; empty store: index 0, false.
+  bool haveItAlready(unsigned long& index, const LxFunc1& func, double tolerance,
+                     const std::vector<double>& x, double value, bool keepDegenerate) const;
+
+  // Rt_d = (Rt_d k + (start_d - minimum_d)^2) / (k + 1), k = update count,
+  // then k += 1. False (nothing changed) on an empty store.
+  bool updateEllipsoidParemetersRt(const std::vector<double>& start,
+                                   const std::vector<double>& minimum);
+  // With c = counter[which]: r_which,d = (|start_d - minimum_d| + r_which,d c)
+  // / (c + 1), counter[which] = c + 1. Radii and counters are first grown to
+  // the number of points. False on an empty store; a bad index writes
+  // "whichOne=" and "getNumPoints()=" lines to std::cerr, reports
+  // "Bad whichOne in updateMinima!" and returns false.
+  bool updateMinima(const std::vector<double>& start, const std::vector<double>& minimum,
+                    unsigned long which);
+
+  // Minima store only: true when s = sum_d (m_i,d - x_d)^2 / r_i,d^2 <= 0.1
+  // (0.3 once minimum i has attracted 10 start points) for some minimum i.
+  // A zero radius with any difference (or none: 0/0) leaves x outside. On a
+  // store whose counters do not match its points, writes the two sizes to
+  // std::cerr, reports "IsItInAnyEllipsoid function should be called on
+  // minimums only!" and returns false.
+  bool IsItInAnyEllipsoid(const double* x) const;
+  // True when sum_d (p_i,d - x_d)^2 / Rt_d^2 <= t for some stored point.
+  bool IsItInAnyEllipsoidRt(const double* x, double t) const;
+
+  // The points in ascending order of value, one line each to std::cerr:
+  // index, coordinates, value. The second form prints only values <= bound.
+  void PrintSortedPoints() const;
+  void PrintSortedPoints(double bound) const;
+
+  // Read-only view of point i's n coordinates / gradient (i < getNumPoints()).
+  const double* PointData(unsigned long i) const { return coords_.data() + i * n_; }
+  const double* GradientData(unsigned long i) const { return grads_.data() + i * n_; }
+  // Grows on every change of stored coordinates other than an append
+  // (Setup, Clear, replacePoint), so that caches over the points can tell
+  // when they went stale.
+  std::uint64_t Generation() const { return generation_; }
+
+ private:
+  bool IndexError(unsigned long i, const char* where) const;
+  bool TooShort(std::size_t size, const char* where) const;
+  void GrowMinimaRecords();
+  void PrintSorted(bool bounded, double bound) const;
+
+  bool checkInRange_ = true;
+  unsigned long numPoints_ = 0;
+  unsigned long updateCount_ = 0;
+  unsigned int n_ = 0;
+  double lowest_ = std::numeric_limits<double>::max();
+  std::vector<double> coords_;
+  std::vector<double> values_;
+  std::vector<double> grads_;
+  std::vector<double> tolerance_;
+  std::vector<double> rt_;
+  std::vector<double> radii_;
+  std::vector<unsigned long> attracted_;
+  std::uint64_t generation_ = 0;
+};
+
+// ------------------------------------------------------------- finder
+
+// The search. Per Optimize call:
+//  1. First minimum (only while the minima store is empty): draw start points
+//     until one has FvalSampleMin < f < FvalSampleMax, pre-optimize it with
+//     steepest descent (at most 10 iterations), then BFGS; repeat until the
+//     result passes the minima value range, the objective's
+//     CheckVariablesValidity of the START point and the minima store's box
+//     check.
+//     WARNING: this loop has no bound of its own. An objective whose local
+//     minima all fail those tests (e.g. all outside the box, or all of value
+//     >= FvalMinimaMax) or whose value is never inside the sample window keeps
+//     it drawing for ever. Make sure at least one minimum can pass.
+//  2. Cycles: draw up to MaxSample points, keeping those outside every known
+//     minimum's ellipsoid that pass the gradient criterion and the sample
+//     value window, until 50 are kept; optimize each (skipping those that
+//     fell into an ellipsoid meanwhile), validate the result (RMS gradient
+//     <= 0.001, no lower random neighbour), then match it with a stored
+//     minimum or add it.
+// The search ends when a cycle needs all MaxSample draws, when the minima
+// store holds MaxNumOptPoints minima, when more than
+// ThresholdNumberOfNoChange local optimizations in a row of unproductive
+// cycles found nothing new, or after a cycle in which a minimum was added
+// past the time limit (the clock is read only when a minimum is added).
+class LXOPT_API LxMinfinderImpl {
+ public:
+  static constexpr unsigned long kSamplesPerCycle = 50;
+  static constexpr unsigned int kPreOptIterLimit = 10;
+  static constexpr double kMinimumRmsGradient = 0.001;
+  static constexpr double kNeighbourSpread = 0.01;  // neighbour offsets in [-0.005, 0.005)
+  static constexpr unsigned int kMinNeighbours = 10;
+  static constexpr double kGradientCriterionLimit = -0.01;
+
+  LxMinfinderImpl();
+
+  // Each setter returns true.
+  bool SetMaxSample(unsigned long value) { maxSample_ = value; return true; }
+  unsigned long GetMaxSample() const { return maxSample_; }
+  bool SetThresholdNumberOfNoChange(unsigned long value) { noChangeThreshold_ = value; return true; }
+  unsigned long GetThresholdNumberOfNoChange() const { return noChangeThreshold_; }
+  bool SetMaxNumOptPoints(unsigned long value) { maxNumOptPoints_ = value; return true; }
+  unsigned long GetMaxNumOptPoints() const { return maxNumOptPoints_; }
+  // Stored only; the stores receive it at Setup.
+  bool SetSamePointTolerance(double value) { samePointTolerance_ = value; return true; }
+  double GetSamePointTolerance() const { return samePointTolerance_; }
+  bool SetFvalSampleMax(double value) { fvalSampleMax_ = value; return true; }
+  double GetFvalSampleMax() const { return fvalSampleMax_; }
+  bool SetFvalSampleMin(double value) { fvalSampleMin_ = value; return true; }
+  double GetFvalSampleMin() const { return fvalSampleMin_; }
+  bool SetFvalMinimaMax(double value) { fvalMinimaMax_ = value; return true; }
+  double GetFvalMinimaMax() const { return fvalMinimaMax_; }
+  bool SetFvalMinimaMin(double value) { fvalMinimaMin_ = value; return true; }
+  double GetFvalMinimaMin() const { return fvalMinimaMin_; }
+  bool SetFvalMinimaWindow(double value) { fvalMinimaWindow_ = value; return true; }
+  double GetFvalMinimaWindow() const { return fvalMinimaWindow_; }
+  // Hours of wall-clock time.
+  bool SetTimeLimit(double hours) { timeLimit_ = hours; return true; }
+  double GetTimeLimit() const { return timeLimit_; }
+  // Also the BFGS tolerance (squared gradient norm); the steepest-descent
+  // pre-optimizer keeps its 1e-8.
+  bool SetLocalOptTolerance(double value);
+  double GetLocalOptTolerance() const { return localOptTolerance_; }
+  // Also the BFGS iteration limit.
+  bool SetLocalOptMaxIter(unsigned int value);
+  unsigned int GetLocalOptMaxIter() const { return localOptMaxIter_; }
+  bool SetCheckMinimumInRange(bool value) { checkMinimumInRange_ = value; return true; }
+  bool GetCheckMinimumInRange() const { return checkMinimumInRange_; }
+  bool SetKeepDegenerateStates(bool value) { keepDegenerateStates_ = value; return true; }
+  bool GetKeepDegenerateStates() const { return keepDegenerateStates_; }
+
+  // Borrows func and generator (both must outlive the searches). Errors, each
+  // leaving the previous setup in place and returning false:
+  //   n = 0: "numVar=0 in Setup function of the LxMinfinderImpl! Please set
+  //          up your scoring function!"
+  //   bounds of the wrong length: "Dimension of lower and upper bound vectors
+  //          should be equal to the number of variables of the scoring
+  //          function!"
+  //   lower_i >= upper_i: "The values of lower bounds should be obviously
+  //          lower than the upper bounds!"
+  bool Setup(LxFunc1& func, GetRandomVariables* generator, const std::vector<double>& lower,
+             const std::vector<double>& upper);
+  // Runs the search described above; minima of earlier calls are kept. False
+  // before Setup ("You have to setup the minfinder object first!") or when the
+  // generator fails (its error, then this call ends); true otherwise.
+  bool Optimize();
+  // The minima within FvalMinimaWindow (strictly) of the lowest, in ascending
+  // order of value: coords gets n values per minimum, values one each. No
+  // minima ("No minimums!") or a window <= 0 ("No minimums within the given
+  // window!"): the notice to std::cerr, both outputs emptied, false.
+  bool GetMinimums(std::vector<double>& coords, std::vector<double>& values) const;
+  // Every minimum in stored order to std::cerr: index, "   " before each
+  // coordinate and before the value; "No minimums yet!" when there is none.
+  void PrintMinimums() const;
+
+  // Whether z is a true minimum: RMS gradient sqrt(sum g^2 / n) <= 0.001
+  // (grad receives the gradient at z) and none of max(10, 2n) random
+  // neighbours z_i + (u - 0.5) 0.01 is lower. n = 0: false.
+  bool ValidateMinimum(double* grad, const double* x);
+  // Whether x may start a local optimization: outside every minimum's
+  // ellipsoid (else false without evaluating), and with value (written, as is
+  // grad) strictly inside the sample window and the gradient criterion met.
+  bool IsItValidPointVer2(double* grad, double& value, const double* x);
+  // Refuses x (false) when some sample point k with the same nearest minimum
+  // has sum_d (x_d - x_k,d)(g_d - g_k,d) < -0.01: the gradient turns against
+  // the segment, so x and x_k are not in one convex basin. Holds with no
+  // samples or fewer than 2 minima.
+  bool GradientToSamplesCriterion(const double* x, const double* grad) const;
+  // True when x is not in the Rt ellipsoid of any sample / any minimum.
+  bool EllipsoidRtToSamplePointsCriterion(const double* x);
+  bool EllipsoidRtToMinimumPointsCriterion(const double* x);
+
+  bool IsSetUp() const { return setUp_; }
+  MinfinderSamplePoints& GetSamples() { return samples_; }
+  const MinfinderSamplePoints& GetSamples() const { return samples_; }
+  MinfinderSamplePoints& GetMinima() { return minima_; }
+  const MinfinderSamplePoints& GetMinima() const { return minima_; }
+
+ private:
+  struct Workspace;
+  bool DrawStartPoint(std::vector<double>& x);
+  bool FindFirstMinimum(Workspace& w);
+  unsigned long FillSamples(Workspace& w, bool& ok);
+  double LocalOptimize(Workspace& w);
+  unsigned long NearestMinimum(const double* x) const;
+  unsigned long CachedNearestMinimum(unsigned long sample) const;
+
+  bool setUp_ = false;
+  bool checkMinimumInRange_ = true;
+  bool keepDegenerateStates_ = false;
+  unsigned int localOptMaxIter_ = 200;
+  unsigned long maxSample_ = 1000;
+  unsigned long noChangeThreshold_ = 500;
+  unsigned long maxNumOptPoints_ = 1000;
+  double samePointTolerance_ = 0.01;
+  double localOptTolerance_ = 1e-8;
+  double fvalSampleMax_ = std::numeric_limits<double>::max();
+  double fvalSampleMin_ = -std::numeric_limits<double>::max();
+  double fvalMinimaMax_ = std::numeric_limits<double>::max();
+  double fvalMinimaMin_ = -std::numeric_limits<double>::max();
+  double fvalMinimaWindow_ = 25.0;
+  double timeLimit_ = 6.0;
+  std::vector<double> lower_;
+  std::vector<double> upper_;
+  LxBFGSOpt localOpt_;
+  LxSteepestDescentOpt preOpt_;
+  LxFunc1* func_ = nullptr;
+  GetRandomVariables* generator_ = nullptr;
+  MinfinderSamplePoints samples_;
+  MinfinderSamplePoints minima_;
+  MtRng engine_{5489u};
+  LxUniformDoubleRNG uniform_{0.0, 1.0};
+  std::vector<double> neighbour_;  // ValidateMinimum's trial point, n values
+
+  // Nearest minimum of each sample point, valid while neither store has
+  // changed its existing points and the minima store has not grown.
+  mutable std::vector<unsigned long> nearestCache_;
+  mutable std::uint64_t cacheSamplesGeneration_ = 0;
+  mutable std::uint64_t cacheMinimaGeneration_ = 0;
+  mutable unsigned long cacheMinimaCount_ = 0;
+};
+
+// The public front: owns one LxMinfinderImpl and forwards every call to it.
+class LXOPT_API LxMinfinder {
+ public:
+  LxMinfinder();
+  ~LxMinfinder();
+  LxMinfinder(const LxMinfinder&) = delete;
+  LxMinfinder& operator=(const LxMinfinder&) = delete;
+
+  bool SetMaxSample(unsigned long value) { return impl_->SetMaxSample(value); }
+  unsigned long GetMaxSample() const { return impl_->GetMaxSample(); }
+  bool SetThresholdNumberOfNoChange(unsigned long value) {
+    return impl_->SetThresholdNumberOfNoChange(value);
+  }
+  unsigned long GetThresholdNumberOfNoChange() const {
+    return impl_->GetThresholdNumberOfNoChange();
+  }
+  bool SetMaxNumOptPoints(unsigned long value) { return impl_->SetMaxNumOptPoints(value); }
+  unsigned long GetMaxNumOptPoints() const { return impl_->GetMaxNumOptPoints(); }
+  bool SetSamePointTolerance(double value) { return impl_->SetSamePointTolerance(value); }
+  double GetSamePointTolerance() const { return impl_->GetSamePointTolerance(); }
+  bool SetFvalSampleMax(double value) { return impl_->SetFvalSampleMax(value); }
+  double GetFvalSampleMax() const { return impl_->GetFvalSampleMax(); }
+  bool SetFvalSampleMin(double value) { return impl_->SetFvalSampleMin(value); }
+  double GetFvalSampleMin() const { return impl_->GetFvalSampleMin(); }
+  bool SetFvalMinimaMax(double value) { return impl_->SetFvalMinimaMax(value); }
+  double GetFvalMinimaMax() const { return impl_->GetFvalMinimaMax(); }
+  bool SetFvalMinimaMin(double value) { return impl_->SetFvalMinimaMin(value); }
+  double GetFvalMinimaMin() const { return impl_->GetFvalMinimaMin(); }
+  bool SetFvalMinimaWindow(double value) { return impl_->SetFvalMinimaWindow(value); }
+  double GetFvalMinimaWindow() const { return impl_->GetFvalMinimaWindow(); }
+  bool SetTimeLimit(double hours) { return impl_->SetTimeLimit(hours); }
+  double GetTimeLimit() const { return impl_->GetTimeLimit(); }
+  bool SetLocalOptTolerance(double value) { return impl_->SetLocalOptTolerance(value); }
+  double GetLocalOptTolerance() const { return impl_->GetLocalOptTolerance(); }
+  bool SetLocalOptMaxIter(unsigned int value) { return impl_->SetLocalOptMaxIter(value); }
+  unsigned int GetLocalOptMaxIter() const { return impl_->GetLocalOptMaxIter(); }
+  bool SetCheckMinimumInRange(bool value) { return impl_->SetCheckMinimumInRange(value); }
+  bool GetCheckMinimumInRange() const { return impl_->GetCheckMinimumInRange(); }
+  bool SetKeepDegenerateStates(bool value) { return impl_->SetKeepDegenerateStates(value); }
+  bool GetKeepDegenerateStates() const { return impl_->GetKeepDegenerateStates(); }
+
+  // See LxMinfinderImpl, including the warning about the first-minimum loop.
+  bool Setup(LxFunc1& func, GetRandomVariables* generator, const std::vector<double>& lower,
+             const std::vector<double>& upper) {
+    return impl_->Setup(func, generator, lower, upper);
+  }
+  bool Optimize() { return impl_->Optimize(); }
+  bool GetMinimums(std::vector<double>& coords, std::vector<double>& values) const {
+    return impl_->GetMinimums(coords, values);
+  }
+  void PrintMinimums() const { impl_->PrintMinimums(); }
+
+  LxMinfinderImpl* GetImpl() { return impl_.get(); }
+  const LxMinfinderImpl* GetImpl() const { return impl_.get(); }
+
+ private:
+  std::unique_ptr<LxMinfinderImpl> impl_;
+};
+
+}  // namespace LxMinfinder
+}  // namespace LxOpt
+
+#endif  // LXOPT_MINFINDER_H

@@ -1,0 +1,219 @@
+// Newton optimizers on an explicit Hessian (damped, Levenberg-Marquardt style),
+// the constrained variant and the eigenvalue checks of a final Hessian.
+//
+// A Hessian handed across these interfaces is packed: the lower triangle row
+// by row, element (i, j) with j <= i at i * (i + 1) / 2 + j.
+#ifndef LXOPT_NEWTON_H
+#define LXOPT_NEWTON_H
+
+#include <Eigen/Core>
+#include <memory>
+#include <vector>
+
+#include "lxopt/lxopt_export.h"
+#include "lxopt/optimizer.h"
+
+namespace LxOpt {
+
+// ------------------------------------------------------------ eigenvalue checks
+
+// Whether a final Hessian describes a minimum: 1 when no eigenvalue is below
+// -1.0 (small negative eigenvalues pass on purpose), else 0 after the warning
+// "Found a negative eigenvalue = %f ...". 0 without a message when the
+// eigensolver fails; 1 for n = 0. The packed form unpacks and calls the dense
+// one; the dense form reads the lower triangle of the n x n matrix h.
+LXOPT_API int LxCheckEigenvalues(unsigned int n, const double* packed);
+LXOPT_API int LxCheckEigenvalues(unsigned int n, const Eigen::MatrixXd& h);
+
+// The same test for force-field Hessians over N atoms (n = 3N): first the
+// -1.0 test above; then, for n >= 7, every eigenvalue from index 6 upward
+// (ascending order; the six lowest belong to rigid-body motion) must be
+// >= 0.0, else 0 after the warning "Found a eigenvalue(%d) = %f ...".
+LXOPT_API int LxCheckMMFFEigenvalues(unsigned int n, const double* packed);
+LXOPT_API int LxCheckMMFFEigenvalues(unsigned int n, const Eigen::MatrixXd& h);
+
+// --------------------------------------------------------------- Newton
+
+// The damped Newton run. Per iteration, with g and H from the last Hessian
+// evaluation and the damping factor lambda:
+//   mu = lambda * (1 + |trace(H) / n|),  A = H + mu I = P^T L D L^T P;
+//   pivots D_i < 0.001 become 1000.0 (A' = P^T L D' L^T P, factorized again);
+//   x' = x - A'^{-1} g.
+// A step is rejected when f' >= f and |f' - f| >= 1e-12 (a smaller rise is
+// accepted): x is restored, lambda *= 8 and H, g are reused. An accepted step
+// sets lambda *= 0.3 (not below the minimum 0.0) after a healthy
+// factorization, lambda *= 8 after a repaired one; lambda never exceeds 1000.
+//
+// Reports (gnorm is the RMS gradient r = sqrt(sum g^2 / n) at the last
+// Hessian evaluation; grad is that g):
+//   0 Cont      after every accepted step, with the new value.
+//   11 Done     r < tolerance at the start of an accepted step; out holds the
+//               new point, its value is returned.
+//   12 Stable   the first time r < 1e-5: the run gets at most 30 more
+//               iterations (limit = iteration + 30, smaller or larger than the
+//               configured one); the run continues.
+//   3 NotFound  a step failed with lambda at its maximum. Deliberate: out is
+//               left at the failed trial point and the trial value returned.
+//               Also reported after the run when the eigenvalue check fails.
+//   6 Exhaust   iteration limit reached (limit 0: at iteration 0, r = 0, after
+//               one value evaluation); out holds the last accepted point.
+// A Hessian operation that returns false ends the run at once with 0.0 and no
+// report; out keeps the last position. A null out warns and returns 0.0.
+class LXOPT_API LxNewtonOptImpl {
+ public:
+  static constexpr unsigned int kDefaultIterLimit = 1000;
+  static constexpr double kDefaultTolerance = 1e-6;
+
+  LxNewtonOptImpl();
+  virtual ~LxNewtonOptImpl();
+  LxNewtonOptImpl(const LxNewtonOptImpl&) = default;
+  LxNewtonOptImpl& operator=(const LxNewtonOptImpl&) = default;
+
+  // Minimizes func from start into result (they may be the same array) and
+  // returns the final value; see the class comment for the exits.
+  virtual double operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
+                            const double* start, double* result);
+
+  // A fresh steepest-descent run from start into result with tolerance
+  // n * s * s (s = precondition gradient scale) and the precondition
+  // iteration limit, no checkpoint; returns its value.
+  double PreconditionWSteepestDescent(LxFunc2& func, const double* start,
+                                      double* result);
+
+  void SetIterLimit(unsigned int limit) { iterLimit_ = limit; }
+  // Converged when the RMS gradient sqrt(sum g^2 / n) < tolerance (strict).
+  void SetTolerance(double tolerance) { tolerance_ = tolerance; }
+  unsigned int GetIterLimit() const { return iterLimit_; }
+  double GetTolerance() const { return tolerance_; }
+
+ protected:
+  unsigned int iterLimit_ = kDefaultIterLimit;
+  double maxDamping_ = 1000.0;
+  double minDamping_ = 0.0;
+  double dampingDecrease_ = 0.3;
+  double dampingIncrease_ = 8.0;
+  double initialDamping_ = 0.01;
+  double tolerance_ = kDefaultTolerance;
+  double valueChangeTolerance_ = 1e-12;
+  int precondition_ = 1;
+  int preconditionIterLimit_ = 20;
+  double preconditionGradientScale_ = 1.0;
+  bool checkEigenvalues_ = false;
+  std::vector<double> gradient_;  // work vector, n per run
+  std::vector<double> packed_;    // work vector, n (n + 1) / 2 per run
+};
+
+// The front: owns one LxNewtonOptImpl; copies copy it deeply.
+class LXOPT_API LxNewtonOpt : public LxOptimizer2 {
+ public:
+  LxNewtonOpt();
+  LxNewtonOpt(const LxNewtonOpt& other);
+  LxNewtonOpt& operator=(const LxNewtonOpt& other);
+  ~LxNewtonOpt() override;
+
+  void SetIterLimit(unsigned int limit) override;
+  // Converged when the RMS gradient sqrt(sum g^2 / n) < tolerance (strict).
+  void SetTolerance(double tolerance) override;
+  unsigned int GetIterLimit() const override;
+  double GetTolerance() const override;
+
+  using LxOptimizer2::operator();
+  double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
+                    double* result) override;
+
+  LxNewtonOptImpl* GetImpl() { return impl_.get(); }
+  const LxNewtonOptImpl* GetImpl() const { return impl_.get(); }
+
+ private:
+  std::unique_ptr<LxNewtonOptImpl> impl_;
+};
+
+// ---------------------------------------------------------- constrained Newton
+
+// An equality constraint c(x) = 0 over the objective's variables.
+class LXOPT_API LxConstrFunc {
+ public:
+  virtual ~LxConstrFunc();
+  // Value c(x); writes dc/dx into grad (NumVar() doubles, zeroed by the caller).
+  virtual double operator()(const double* x, double* grad) = 0;
+  virtual unsigned int NumVar() const = 0;
+};
+
+// The Newton run under equality constraints c_k(x) = 0 (k = 1..m).
+//
+// Step: with A' the damped, pivot-repaired Hessian of the unconstrained run,
+// g the gradient, J the m x n constraint Jacobian and c the constraint values
+// at x, the step s and the multipliers lambda solve the KKT system
+//   [ A'  J^T ] [ s      ]   [ g ]
+//   [ J   0   ] [ lambda ] = [ c ],   x' = x - s,
+// by elimination: u = A'^{-1} g, W = A'^{-1} J^T,
+// (J W) lambda = J u - c, s = u - W lambda. So J s = c (linearized constraints
+// met) and A' s = g - J^T lambda.
+// Acceptance compares the Lagrangian f - lambda^T c (with this step's lambda)
+// at x and x' under the rule of the unconstrained run; -s descends on it.
+// Convergence (state 11) after an accepted step needs all of: the RMS
+// gradient of the Lagrangian, sqrt(|g - J^T nu|^2 / n) with the least-squares
+// multipliers nu = argmin |g - J^T nu|, below the tolerance; |f' - f| < 1e-12;
+// the Euclidean norm |c| < 1e-8 (both norms at the last Hessian evaluation).
+// Reports carry that Lagrangian gradient g - J^T nu and its RMS; the 1e-5
+// extension (state 12) uses the same RMS. Everything else, including the
+// exits, is as in LxNewtonOptImpl. Defaults differ: initial damping 10.0,
+// tolerance 1e-5. With no constraints it warns and runs the unconstrained
+// algorithm with these settings. A constraint whose NumVar() differs from the
+// objective's is an error: 0.0 is returned.
+class LXOPT_API LxNewtonConstrOptImpl : public LxNewtonOptImpl {
+ public:
+  static constexpr double kDefaultTolerance = 1e-5;
+
+  LxNewtonConstrOptImpl();
+  ~LxNewtonConstrOptImpl() override;
+  LxNewtonConstrOptImpl(const LxNewtonConstrOptImpl&) = default;
+  LxNewtonConstrOptImpl& operator=(const LxNewtonConstrOptImpl&) = default;
+
+  double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
+                    double* result) override;
+
+  // Appends c (not owned; keep it alive while listed); false if this very
+  // object is already listed.
+  bool Add(LxConstrFunc& c);
+  // Removes c, keeping the order of the others; false if it is not listed.
+  bool Remove(LxConstrFunc& c);
+  const std::vector<LxConstrFunc*>& Constraints() const { return constraints_; }
+
+ private:
+  std::vector<LxConstrFunc*> constraints_;
+};
+
+// The front: owns one LxNewtonConstrOptImpl; copies copy it, including the
+// list of constraint pointers (the constraints themselves are shared).
+class LXOPT_API LxNewtonConstrOpt : public LxOptimizer2 {
+ public:
+  LxNewtonConstrOpt();
+  LxNewtonConstrOpt(const LxNewtonConstrOpt& other);
+  LxNewtonConstrOpt& operator=(const LxNewtonConstrOpt& other);
+  ~LxNewtonConstrOpt() override;
+
+  void SetIterLimit(unsigned int limit) override;
+  // Converged when the RMS gradient of the Lagrangian < tolerance (strict),
+  // together with the value and constraint tests of the implementation.
+  void SetTolerance(double tolerance) override;
+  unsigned int GetIterLimit() const override;
+  double GetTolerance() const override;
+
+  using LxOptimizer2::operator();
+  double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
+                    double* result) override;
+
+  bool Add(LxConstrFunc& c);
+  bool Remove(LxConstrFunc& c);
+
+  LxNewtonConstrOptImpl* GetImpl() { return impl_.get(); }
+  const LxNewtonConstrOptImpl* GetImpl() const { return impl_.get(); }
+
+ private:
+  std::unique_ptr<LxNewtonConstrOptImpl> impl_;
+};
+
+}  // namespace LxOpt
+
+#endif  // LXOPT_NEWTON_H

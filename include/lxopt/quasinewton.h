@@ -1,0 +1,171 @@
+// Quasi-Newton optimizers: BFGS, BFGS that carries its matrix from run to run,
+// and DFP. All three keep a dense n x n approximation H of the inverse Hessian,
+// search along d = -H g with an exchangeable line minimizer and update H from
+// the step s and the change of gradient y.
+#ifndef LXOPT_QUASINEWTON_H
+#define LXOPT_QUASINEWTON_H
+
+#include <memory>
+
+#include "lxopt/linmin.h"
+#include "lxopt/lxopt_export.h"
+#include "lxopt/optimizer.h"
+
+namespace LxOpt {
+
+// The settings every quasi-Newton optimizer holds. Copies clone the line
+// minimizer through CreateCopy().
+class LXOPT_API LxQNSettings {
+ public:
+  static constexpr unsigned int kDefaultIterLimit = 1000;
+  static constexpr double kDefaultTolerance = 0.1;
+
+  // Limit 1000, tolerance 0.1, an LxQNLineMinimize(32, 1e-4, 0.9, 1e-10).
+  LxQNSettings();
+  LxQNSettings(const LxQNSettings& other);
+  LxQNSettings& operator=(const LxQNSettings& other);
+  ~LxQNSettings();
+
+  unsigned int iterLimit;
+  double tolerance;
+  std::unique_ptr<LxLineMinimize> lineMinimize;  // never null
+};
+
+// Broyden-Fletcher-Goldfarb-Shanno. The run starts from H = I, takes the first
+// trial step 1/|g|, and after each accepted search updates
+//   H += a s s' + b Hy Hy' + yHy u u',  a = 1/s.y, b = -1/yHy, u = a s + b Hy.
+// The next trial step is the line minimizer's last step scaled by the ratio
+// of the previous slope to the new one (g.d).
+//
+// Exits (checkpoints receive the Euclidean gradient norm; out always holds the
+// current point and the current value is returned):
+//   1 NoOpt    sum g^2 < tolerance at the start; H is never allocated.
+//   0 Cont     after every accepted search; answering false ends the run
+//              with a second call in state 11.
+//   11 Done    sum g^2 < tolerance after a search or after a restart, the
+//              checkpoint asked to stop, or s.y or yHy is exactly 0.
+//   3 NotFound the search failed right after a (re)start.
+//   6 Exhaust  iteration limit reached (reported with the limit).
+// A search that fails after an update restarts from the re-evaluated point
+// along -g, with H reset to the identity unless the Hessian is kept.
+// Bad input: null out warns and returns 0.0; n > 1073741823 and a matrix that
+// cannot be allocated report an error and return 0.0; scratch that cannot be
+// allocated warns and returns 0.0.
+class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
+ public:
+  LxBFGSOpt();
+  LxBFGSOpt(const LxBFGSOpt& other);
+  LxBFGSOpt& operator=(const LxBFGSOpt& other);
+  ~LxBFGSOpt() override;
+
+  void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
+  // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
+  // receive sqrt(sum g^2).
+  void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
+  unsigned int GetIterLimit() const override { return settings_.iterLimit; }
+  double GetTolerance() const override { return settings_.tolerance; }
+
+  using LxOptimizer1::operator();
+  // in and out may be the same array.
+  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                    double* out) override;
+
+  // Replaces the line minimizer by lm.CreateCopy(); returns true.
+  bool SetLineMinimize(const LxLineMinimize& lm);
+
+  // With the flag set every run stores its final H (and a search that fails
+  // after an update restarts from the current H instead of the identity).
+  void SetKeepHessian(bool keep) { keepHessian_ = keep; }
+  bool GetKeepHessian() const { return keepHessian_; }
+  // The element count n * n of the last run (0 before any run), not n.
+  unsigned int GetHessianDimension() const { return hessianDim_; }
+  // Writes the stored H packed (lower triangle by rows, (i, j) at
+  // i(i+1)/2 + j) into out, n(n+1)/2 values. False with a warning when no H
+  // was stored or it was stored for another n.
+  bool GetInverseHessian(double* out, unsigned int n) const;
+
+ protected:
+  const LxQNSettings& Settings() const { return settings_; }
+  // The element count is n * n in 32-bit arithmetic, as it is reported.
+  void SetHessianDimension(unsigned int n) { hessianDim_ = n * n; }
+
+  // How a run obtains, restarts and keeps its matrix (defined with the loop).
+  class KeptMatrix;
+
+  // Set only by derived classes; copies carry it over. With a stored matrix
+  // of the right size a run then starts from it instead of the identity.
+  bool startFromStored_ = false;
+
+ private:
+  void FreeStored();
+  void CopyStoredFrom(const LxBFGSOpt& other);
+
+  double* storedHessian_ = nullptr;  // row-major, storedCount_ values, malloc'd
+  unsigned int storedCount_ = 0;     // values in storedHessian_
+  unsigned int hessianDim_ = 0;      // n * n of the last run
+  bool keepHessian_ = false;
+  LxQNSettings settings_;
+};
+
+// BFGS that continues where its previous run stopped: it carries its own
+// inverse Hessian and the last trial step from run to run. A new object, or a
+// run with another number of variables, starts from the identity and the
+// trial step 1/|g|. Every exit after the matrix is set up (states 3, 6 and 11)
+// saves the matrix and the trial step for the next run. Apart from that it
+// behaves as LxBFGSOpt, except that there is no limit on n and a working
+// matrix that cannot be allocated is reported as a warning.
+class LXOPT_API LxBFGSModOpt : public LxBFGSOpt {
+ public:
+  LxBFGSModOpt() = default;
+  LxBFGSModOpt(const LxBFGSModOpt& other);
+  LxBFGSModOpt& operator=(const LxBFGSModOpt& other);
+  ~LxBFGSModOpt() override;
+
+  using LxBFGSOpt::operator();
+  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                    double* out) override;
+
+  // Fills the n x n array work: the identity when a restart is due, else a
+  // copy of the n x n values of persistent.
+  void SetHessian(double* work, double* persistent, unsigned int n);
+
+ private:
+  class CarriedMatrix;
+  void FreePersistent();
+
+  bool restart_ = true;  // a new object starts from the identity
+  unsigned int order_ = 0;
+  double savedStep_ = 0.0;
+  double* persistent_ = nullptr;  // order_ x order_, malloc'd
+};
+
+// Davidon-Fletcher-Powell: as LxBFGSOpt with the two-term update
+//   H += s s' / s.y - Hy Hy' / yHy,
+// always starting from the identity, restarting from it after a failed search,
+// and keeping no matrix. The NoOpt report passes a null gradient. A matrix
+// that cannot be allocated ends the run with 0.0, silently.
+class LXOPT_API LxDFPOpt : public LxOptimizer1 {
+ public:
+  LxDFPOpt() = default;
+
+  void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
+  // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
+  // receive sqrt(sum g^2).
+  void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
+  unsigned int GetIterLimit() const override { return settings_.iterLimit; }
+  double GetTolerance() const override { return settings_.tolerance; }
+
+  using LxOptimizer1::operator();
+  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                    double* out) override;
+
+  // Replaces the line minimizer by lm.CreateCopy(); returns true.
+  bool SetLineMinimize(const LxLineMinimize& lm);
+
+ private:
+  LxQNSettings settings_;
+};
+
+}  // namespace LxOpt
+
+#endif  // LXOPT_QUASINEWTON_H

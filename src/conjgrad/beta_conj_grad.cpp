@@ -1,0 +1,134 @@
+// Nonlinear conjugate gradients d' = -gNew + beta d with Powell restarts, one
+// loop for the Fletcher-Reeves, Polak-Ribiere and Hestenes-Stiefel
+// coefficients. Nocedal and Wright, Numerical Optimization, 2nd ed., section
+// 5.2 (the coefficients and Powell's restart test with the constant 0.2).
+#include <cmath>
+#include <cstring>
+
+#include "conjgrad/beta.h"
+#include "framework/internal.h"
+#include "lxopt/conjgrad.h"
+#include "lxopt/host.h"
+
+namespace LxOpt {
+namespace {
+
+constexpr double kPowellRatio = 0.2;  // restart when |gNew.g| / gNew.gNew > 0.2
+
+// Polak-Ribiere reports under the general class's name; the texts are kept as
+// clients know them.
+const char* OutOfMemoryMessage(LxBetaConjGradOpt::Beta beta) {
+  switch (beta) {
+    case LxBetaConjGradOpt::Beta::kFletcherReeves:
+      return "out of memory allocating %d in LxFletcherReevesOpt";
+    case LxBetaConjGradOpt::Beta::kHestenesStiefel:
+      return "out of memory allocating %d in LxHestenesStiefelOpt";
+    case LxBetaConjGradOpt::Beta::kPolakRibiere:
+      break;
+  }
+  return "out of memory allocating %d in LxConjGradOpt";
+}
+
+}  // namespace
+
+double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
+                                     const double* x0, double* x) {
+  using detail::Report;
+  if (x == nullptr) {
+    LxThrow.Warning("memory not provided for optimized variables");
+    return 0.0;
+  }
+  const unsigned int n = func.NumVar();
+  if (x != x0) std::memmove(x, x0, sizeof(double) * n);
+
+  // The same 6n block as LxConjGradOpt; the family uses the first three.
+  LxMallocaPtr block;
+  double* const g = block.AllocateDoubles(6 * static_cast<std::size_t>(n));
+  if (g == nullptr) {
+    LxThrow.Warning(OutOfMemoryMessage(beta_),
+                    static_cast<int>(48 * static_cast<std::size_t>(n)));
+    return 0.0;
+  }
+  double* const d = g + n;
+  double* const gNew = d + n;
+
+  detail::Zero(g, n);
+  double f = func(x, g);
+  double gg = detail::SquaredNorm(g, n);
+  for (unsigned int i = 0; i < n; ++i) d[i] = -g[i];
+  if (gg < GetTolerance()) {
+    Report(checkpoint, 0, n, f, std::sqrt(gg), x, g, kLxNoOpt);
+    return f;
+  }
+  double step = 1.0 / std::sqrt(gg);  // the only reset to 1/|g| in a run
+  if (GetIterLimit() <= 1) {
+    Report(checkpoint, 1, n, f, std::sqrt(gg), x, g, kLxExhaust);
+    return f;
+  }
+
+  unsigned int sinceRestart = 0;
+  // Whether the direction being searched is a steepest-descent (restart) one;
+  // the two "counter is 0" exits below mean exactly this.
+  bool steepest = true;
+  double slopeRef = -gg;
+  for (unsigned int k = 1;;) {
+    if (!LineMinimizer()(n, x, d, g, gNew, &f, &step, func)) {
+      if (steepest) return f;  // silent: even steepest descent found nothing
+      // Intended: carry on as after a success, moving x by the step that stood
+      // before the failed search, with f and the new gradient not refreshed
+      // (gNew keeps what the last iteration left, a copy of g), and restart.
+      sinceRestart = n;
+    }
+    detail::BetaInputs dots{gg, 0.0, 0.0, 0.0, 0.0};
+    for (unsigned int i = 0; i < n; ++i) {
+      x[i] += step * d[i];
+      dots.ggNew += gNew[i] * gNew[i];
+      dots.gNewG += gNew[i] * g[i];
+      dots.dGNew += d[i] * gNew[i];
+      dots.dG += d[i] * g[i];
+    }
+    const double gnorm = std::sqrt(dots.ggNew);
+    // Intended: this family passes no gradient to its checkpoint.
+    if (!Report(checkpoint, k, n, f, gnorm, x, nullptr, kLxCont)) {
+      Report(checkpoint, k, n, f, gnorm, x, nullptr, kLxDone);
+      return f;
+    }
+
+    bool restart;
+    if (dots.ggNew < GetTolerance()) {
+      if (steepest) return f;  // silent: converged on a steepest-descent step
+      restart = true;          // a conjugate step must be confirmed first
+    } else {
+      restart = sinceRestart >= n || std::fabs(dots.gNewG) / dots.ggNew > kPowellRatio;
+    }
+
+    // New direction; g takes gNew in the same pass (gNew keeps its copy).
+    const double beta = restart ? 0.0 : detail::ConjugacyCoefficient(beta_, dots);
+    double slope = 0.0;
+    for (unsigned int i = 0; i < n; ++i) {
+      d[i] = restart ? -gNew[i] : -gNew[i] + beta * d[i];
+      g[i] = gNew[i];
+      slope += gNew[i] * d[i];
+    }
+    gg = dots.ggNew;
+
+    // Next first trial step: kept after a restart, scaled by the slope ratio
+    // after a conjugate update.
+    if (restart) {
+      sinceRestart = 1;
+      steepest = true;
+    } else {
+      step *= slopeRef / slope;
+      ++sinceRestart;
+      steepest = false;
+    }
+    slopeRef = slope;
+
+    if (++k == GetIterLimit()) {
+      Report(checkpoint, k, n, f, std::sqrt(gg), x, g, kLxExhaust);
+      return f;
+    }
+  }
+}
+
+}  // namespace LxOpt

@@ -1,0 +1,249 @@
+// LxBFGSOptimizer: the cycle loop of the geometry driver and its end tests
+// (stall counter, displacement/value/gradient cascade, component test). The
+// step of each cycle is made by geom::CycleStep.
+#include <cmath>
+#include <cstring>
+#include <typeinfo>
+
+#include "framework/internal.h"
+#include "geomopt/geom_internal.h"
+#include "lxopt/geomopt.h"
+
+namespace LxOpt {
+namespace {
+
+// A cycle that lowers the best value by less than this counts as stalled;
+// more than kStallCycles stalled cycles in a row end the run.
+constexpr double kStallDecrease = 1e-7;
+constexpr unsigned int kStallCycles = 15;
+// The component test gives up after more than kComponentAttempts reports in
+// a row whose values stay within kComponentWindow of the first.
+constexpr unsigned int kComponentAttempts = 5;
+constexpr double kComponentWindow = 0.01;
+// Line-search accuracy of the first cycle; later cycles pick theirs from
+// the last value change.
+constexpr double kFirstAccuracy = 0.01;
+// A value change above this makes the stored history useless for DIIS.
+constexpr double kHistoryResetChange = 10.0;
+// History length: n / 2 up to this many variables, kLongHistory above.
+constexpr unsigned int kShortHistoryVariables = 31;
+constexpr unsigned int kLongHistory = 15;
+
+struct Thresholds {
+  double valueChange;     // e1
+  double displacement;    // e2
+  double gradientFactor;  // c: the gradient test is |g| <= c tol
+};
+
+Thresholds ThresholdsFor(double tolerance, unsigned int n) {
+  // Exact comparison with 0.1 is intended: the default tolerance has a row
+  // of its own.
+  if (tolerance > 0.1) return {0.001, 1e-4, std::sqrt(n + 1e-5)};
+  if (tolerance == 0.1) return {1e-4, 1e-5, 1.0};
+  return {1e-23, 1e-24, 1.0};
+}
+
+double AccuracyFor(double valueChange) {
+  if (valueChange <= 1.0) return 0.002;
+  if (valueChange <= 5.0) return 0.005;
+  return 0.01;
+}
+
+double Norm(const double* v, unsigned int n) { return std::sqrt(detail::SquaredNorm(v, n)); }
+
+bool ComponentsWithin(const double* g, unsigned int n, double tolerance) {
+  for (unsigned int i = 0; i < n; ++i)
+    if (!(std::fabs(g[i]) <= tolerance)) return false;
+  return true;
+}
+
+// A checkpoint that is exactly an LxBFGSCheckpoint is handled in place by a
+// qualified (non-virtual) call; any other is called through its virtual
+// operator. The driver passes no gradient and ignores the answers.
+void Report(LxCheckpoint1* checkpoint, unsigned int iter, unsigned int n, double f, double gnorm,
+            const double* x, unsigned int state) {
+  if (checkpoint == nullptr) return;
+  if (typeid(*checkpoint) == typeid(LxBFGSCheckpoint)) {
+    static_cast<LxBFGSCheckpoint*>(checkpoint)
+        ->LxBFGSCheckpoint::operator()(iter, n, f, gnorm, x, nullptr, state);
+  } else {
+    (*checkpoint)(iter, n, f, gnorm, x, nullptr, state);
+  }
+}
+
+// How a run ends: with the final state report (6 or 11) or without one.
+enum class Ending { kFinalState, kAlreadyReported };
+
+}  // namespace
+
+LxBFGSOptimizer::LxBFGSOptimizer() { setup(); }
+
+LxBFGSOptimizer::~LxBFGSOptimizer() = default;
+
+void LxBFGSOptimizer::setup() {
+  iterLimit_ = kDefaultIterLimit;
+  idle_ = true;
+  tolerance_ = kDefaultTolerance;
+}
+
+void LxBFGSOptimizer::store(double f, double& fsave, double g, double& gsave, const double* x,
+                            double* xsave, double s, double& ssave, std::size_t n) {
+  fsave = f;
+  gsave = g;
+  ssave = s;
+  detail::Copy(x, xsave, n);
+}
+
+double LxBFGSOptimizer::operator()(LxFunc0&, const double*, double*) {
+  LxThrow.Fatal("Cannot use LxFunc0 in gradient optimization");
+}
+
+double LxBFGSOptimizer::operator()(LxFunc0&, LxCheckpoint0*, const double*, double*) {
+  LxThrow.Fatal("Cannot use LxFunc0 in gradient optimization");
+}
+
+bool LxBFGSOptimizer::GetInverseHessian(double* out, unsigned int n) const {
+  if (keptHessian_.empty()) {
+    // The missing "was" is intended: the text is part of the interface.
+    LxThrow.Warning("Hessian can't be extracted because it not generated");
+    return false;
+  }
+  if (n != n_) {
+    LxThrow.Warning("Can't extract Hessian: Wrong number of variables");
+    return false;
+  }
+  detail::Copy(keptHessian_.data(), out, keptHessian_.size());
+  return true;
+}
+
+double LxBFGSOptimizer::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                                   double* out) {
+  n_ = func.NumVar();
+  const std::size_t n = n_;
+  historyLength_ = n_ <= kShortHistoryVariables ? n_ / 2 : kLongHistory;
+  historyCount_ = 0;
+  const std::size_t historySize =
+      historyEnabled_ ? 2 * n * historyLength_ + historyLength_ : 0;
+  run_.assign(2 * n + historySize, 0.0);
+  double* const x = run_.data();
+  double* const g = x + n;
+  if (n != 0) std::memcpy(x, in, sizeof(double) * n);
+  f_ = func(x, g);
+
+  idle_ = false;
+  optimize(func, checkpoint);
+  if (out != nullptr && n != 0) std::memcpy(out, x, sizeof(double) * n);
+  run_.clear();
+  run_.shrink_to_fit();
+  idle_ = true;
+  return f_;
+}
+
+void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
+  const unsigned int n = n_;
+  const double tol = tolerance_;
+  double* const x = run_.data();
+  double* const g = x + n;
+  const Thresholds limits = ThresholdsFor(tol, n);
+
+  double gnorm = Norm(g, n);
+  if (gnorm < tol) {
+    Report(checkpoint, 0, n, f_, gnorm, nullptr, kLxNoOpt);
+    return;
+  }
+
+  LxMallocaPtr block;
+  const std::size_t scratchSize = geom::CycleStep::ScratchSize(n);
+  double* const scratch = block.AllocateDoubles(scratchSize);
+  if (scratch == nullptr) {
+    LxThrow.Warning("out of memory allocating %d in LxBFGSOptimizer",
+                    static_cast<int>(sizeof(double) * scratchSize));
+    return;
+  }
+  geom::History history{g + n, g + n + std::size_t(n) * historyLength_,
+                        g + n + 2 * std::size_t(n) * historyLength_, historyLength_, n, 0, 0};
+  geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr);
+
+  unsigned int iter = 0;
+  double bestF = f_;
+  unsigned int stalled = 0;
+  unsigned int componentCount = 0;
+  double componentF = 0.0;
+  double accuracy = kFirstAccuracy;
+
+  auto cycles = [&]() -> Ending {
+    for (;;) {
+      const double previousF = f_;
+      double moved = 0.0;
+      const geom::StepStatus status = step.Take(accuracy, moved);
+      historyCount_ = history.count;
+      gnorm = Norm(g, n);
+      if (status == geom::StepStatus::kNotFound) {
+        Report(checkpoint, iter, n, f_, gnorm, x, kLxNotFound);
+        return Ending::kAlreadyReported;
+      }
+      if (status == geom::StepStatus::kEnded) {
+        Report(checkpoint, iter, n, f_, gnorm, x, kLxEnded);
+        return Ending::kAlreadyReported;
+      }
+      ++iter;
+
+      const double xnorm = Norm(x, n);
+      const double displacement = xnorm != 0.0 ? moved / xnorm : moved;
+      const double valueChange = std::fabs(previousF - f_);
+
+      if (bestF - f_ >= kStallDecrease) {
+        stalled = 0;
+        bestF = f_;
+      } else if (++stalled > kStallCycles) {
+        Report(checkpoint, iter, n, f_, gnorm, x, kLxStable);
+        return Ending::kFinalState;
+      }
+
+      unsigned int converged = kLxCont;
+      if (displacement > limits.displacement) {
+        if (valueChange > limits.valueChange) {
+          if (!(gnorm > limits.gradientFactor * tol)) converged = kLxGrad;
+        } else {
+          converged = kLxFval;
+        }
+      } else {
+        converged = kLxDist;
+      }
+      if (converged != kLxCont) {
+        Report(checkpoint, iter, n, f_, gnorm, x, converged);
+        if (ComponentsWithin(g, n, tol)) return Ending::kFinalState;
+        if (++componentCount == 1) componentF = f_;
+        // The component limit travels in the gnorm argument; intended.
+        Report(checkpoint, iter, n, f_, tol, x, kLxComp);
+        if (std::fabs(f_ - componentF) > kComponentWindow) {
+          componentCount = 0;
+        } else if (componentCount > kComponentAttempts) {
+          // The window travels in the value argument; intended.
+          Report(checkpoint, iter, n, kComponentWindow, gnorm, x, kLxNotJust);
+          detail::Zero(g, n);
+          return Ending::kAlreadyReported;
+        }
+      }
+
+      if (iter >= iterLimit_) return Ending::kFinalState;
+      accuracy = AccuracyFor(valueChange);
+      if (valueChange > kHistoryResetChange) geom::ClearHistory(history);
+      Report(checkpoint, iter, n, f_, gnorm, x, kLxCont);
+    }
+  };
+
+  // A limit of 0 allows no cycle at all.
+  const Ending ending = iterLimit_ == 0 ? Ending::kFinalState : cycles();
+  if (ending == Ending::kFinalState)
+    Report(checkpoint, iter, n, f_, gnorm, x, iter >= iterLimit_ ? kLxExhaust : kLxDone);
+
+  f_ = func(x);
+  gnorm = Norm(g, n);
+  if (keepHessian_ && gnorm < step.RestartGradientNorm()) {
+    const double* h = step.InverseHessian();
+    keptHessian_.assign(h, h + geom::PackedSize(n));
+  }
+}
+
+}  // namespace LxOpt

@@ -1,0 +1,174 @@
+// Step generation of the geometry BFGS driver: packed inverse-Hessian
+// algebra, the line search and the history (DIIS and subspace) steps.
+// Not part of the public interface.
+#ifndef LXOPT_SRC_GEOMOPT_GEOM_INTERNAL_H
+#define LXOPT_SRC_GEOMOPT_GEOM_INTERNAL_H
+
+#include <cstddef>
+
+#include "lxopt/function.h"
+
+namespace LxOpt {
+namespace geom {
+
+// Largest change of any one coordinate in one trial of a cycle.
+constexpr double kMaxCoordinateStep = 0.5;
+// Largest change of any one coordinate in the first trial after H was
+// (re)started from the identity, when -g carries no length information.
+constexpr double kFirstCoordinateStep = 0.1;
+
+// ------------------------------------------------ packed inverse Hessian
+// Lower triangle by rows: element (i, j), j <= i, at i (i + 1) / 2 + j.
+
+inline std::size_t PackedSize(std::size_t n) { return n * (n + 1) / 2; }
+
+// h = scale * I
+void ResetInverseHessian(double* h, unsigned int n, double scale);
+// out = H v (matxvec)
+void MatXVec(const double* h, const double* v, double* out, unsigned int n);
+// H = factor * H
+void ScaleInverseHessian(double* h, unsigned int n, double factor);
+// BFGS update of the inverse Hessian with the step s and gradient change y:
+//   H+ = H + (1 + y.Hy / s.y) s s^T / s.y - (Hy s^T + s (Hy)^T) / s.y
+// hy is scratch of n doubles. Skipped (returns false) unless
+// s.y > 1e-10 |s| |y|, which keeps H positive definite.
+bool UpdateInverseHessian(double* h, const double* s, const double* y, double* hy,
+                          unsigned int n);
+
+// ------------------------------------------------ line search (linemin)
+
+// The line x + a dir from the current point, whose value f and gradient g
+// are known; dir must point downhill (g.dir < 0).
+struct Line {
+  LxFunc1& func;
+  unsigned int n;
+  const double* x;
+  const double* g;
+  double f;
+  const double* dir;
+};
+
+// Scratch of the search: trial point and gradient, and the gradient at the
+// best point found (n doubles each).
+struct LineWork {
+  double* xt;
+  double* gt;
+  double* gBest;
+};
+
+// found: a point with a value strictly below line.f was accepted; its step a
+// (multiple of dir), value and gradient (in work.gBest) are returned.
+struct LineResult {
+  bool found;
+  double step;
+  double f;
+};
+
+// Weak-Wolfe bracketing search (c1 = 1e-4, c2 = 0.9) with safeguarded cubic
+// interpolation. firstStep is the first trial a; no trial goes beyond
+// maxStep. accuracy: the search stops refining once the bracket is narrower
+// than accuracy times its upper end, and then takes the lowest point found.
+LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep,
+                        double maxStep, double accuracy);
+
+// ------------------------------------------------ history steps
+
+// The last `count` points and gradients, newest at slot (next - 1) mod m.
+struct History {
+  double* points;     // m * n
+  double* gradients;  // m * n
+  double* coef;       // m
+  unsigned int m;
+  unsigned int n;
+  unsigned int count;
+  unsigned int next;
+};
+
+void PushHistory(History& history, const double* x, const double* g);
+inline void ClearHistory(History& history) {
+  history.count = 0;
+  history.next = 0;
+}
+
+// GDIIS: coefficients c (sum 1) minimising |sum c_i g_i|, then the point
+// sum c_i x_i - H sum c_i g_i, written to xTrial. work: 2 n doubles. False when
+// fewer than 3 entries are stored, the system is singular, a coefficient is
+// implausibly large or the point lies more than maxStep (per coordinate) away
+// from x.
+bool DiisPoint(History& history, const double* h, const double* x, double* xTrial,
+               double* work, double maxStep);
+
+// Quasi-Newton step in the span of the displacements S = x - x_i of the
+// stored points: with Y = g - g_i, solve sym(S^T Y) c = -S^T g and write
+// x + S c to xTrial. False when fewer than 3 entries are stored, the reduced
+// matrix is not positive definite or the step exceeds maxStep per coordinate.
+bool SubspacePoint(const History& history, const double* x, const double* g, double* xTrial,
+                   double maxStep);
+
+// ------------------------------------------------ one cycle's step
+
+enum class StepStatus {
+  kLowered,   // x, g and f now hold a lower point
+  kNotFound,  // no lower point, even along -g from a restarted H
+  kEnded,     // no direction can be formed: the gradient is zero or not finite
+};
+
+// Produces each cycle's move on the driver's point x, gradient g and value f:
+// d = -H g (a direction that is not downhill restarts H), the line search,
+// a restart of H and a second search along -g when a search from an updated
+// H fails, the BFGS update, and, with a history, the DIIS or subspace step.
+class CycleStep {
+ public:
+  // Doubles of scratch the object needs.
+  static std::size_t ScratchSize(unsigned int n);
+
+  // scratch: ScratchSize(n) doubles. history: null when history is off.
+  // Starts with H = I.
+  CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double& f, double* scratch,
+            History* history);
+
+  // One cycle. On kLowered, displacement = |x_new - x_old|.
+  StepStatus Take(double accuracy, double& displacement);
+
+  const double* InverseHessian() const { return h_; }
+  // |g| when H was last set to the identity.
+  double RestartGradientNorm() const { return restartGnorm_; }
+
+ private:
+  void Restart();
+  LineResult Search(double accuracy);
+  // Takes the accepted point of a search: x += step dir, g = gBest, f = fNew.
+  void Move(double step, double fNew);
+  // BFGS update from the move xOld -> x, gOld -> g; scales H first after a
+  // restart.
+  void Update();
+  void TryHistoryStep();
+  // Moves to xTrial (in xt) when its value is lower than f.
+  bool TryPoint();
+
+  LxFunc1& func_;
+  unsigned int n_;
+  double* x_;
+  double* g_;
+  double& f_;
+  History* history_;
+  double* h_;
+  double* dir_;
+  double* xStart_;
+  double* xOld_;
+  double* gOld_;
+  double* s_;
+  double* y_;
+  double* hy_;
+  double* xt_;
+  double* gt_;
+  double* gBest_;
+  double* historyWork_;  // 2 n
+  bool fresh_ = true;    // H was (re)started and has not been updated since
+  double restartGnorm_ = 0.0;
+};
+
+}  // namespace geom
+}  // namespace LxOpt
+
+#endif  // LXOPT_SRC_GEOMOPT_GEOM_INTERNAL_H

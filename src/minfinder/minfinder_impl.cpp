@@ -1,0 +1,225 @@
+// The minimum finder: random start points in a box, a short steepest-descent
+// run then BFGS from each, validation of the result as a true minimum, and a
+// store of the distinct minima with ellipsoids around them (regions of
+// attraction estimated from start -> minimum pairs) that keep later start
+// points away from minima already known.
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+
+#include "framework/internal.h"
+#include "lxopt/minfinder.h"
+
+namespace LxOpt {
+namespace LxMinfinder {
+namespace {
+
+constexpr double kSecondsPerHour = 3600.0;
+
+}  // namespace
+
+// The vectors of one Optimize call: start x with its gradient g, the
+// pre-optimized point y and the local minimum z.
+struct LxMinfinderImpl::Workspace {
+  explicit Workspace(std::size_t n) : x(n), g(n), y(n), z(n) {}
+  std::vector<double> x, g, y, z;
+};
+
+LxMinfinderImpl::LxMinfinderImpl() {
+  localOpt_.SetTolerance(localOptTolerance_);
+  localOpt_.SetIterLimit(localOptMaxIter_);
+  preOpt_.SetTolerance(localOptTolerance_);
+  preOpt_.SetIterLimit(kPreOptIterLimit);
+}
+
+bool LxMinfinderImpl::SetLocalOptTolerance(double value) {
+  localOptTolerance_ = value;
+  localOpt_.SetTolerance(value);
+  return true;
+}
+
+bool LxMinfinderImpl::SetLocalOptMaxIter(unsigned int value) {
+  localOptMaxIter_ = value;
+  localOpt_.SetIterLimit(value);
+  return true;
+}
+
+bool LxMinfinderImpl::Setup(LxFunc1& func, GetRandomVariables* generator,
+                            const std::vector<double>& lower, const std::vector<double>& upper) {
+  const unsigned int n = func.NumVar();
+  if (n == 0) {
+    LxThrow.Error(
+        "numVar=0 in Setup function of the LxMinfinderImpl! Please set up your scoring "
+        "function!");
+    return false;
+  }
+  if (lower.size() != n || upper.size() != lower.size()) {
+    LxThrow.Error(
+        "Dimension of lower and upper bound vectors should be equal to the number of variables "
+        "of the scoring function!");
+    return false;
+  }
+  for (unsigned int i = 0; i < n; ++i) {
+    if (!(lower[i] < upper[i])) {
+      LxThrow.Error("The values of lower bounds should be obviously lower than the upper bounds!");
+      return false;
+    }
+  }
+  // Taken only now, so that a failed Setup leaves a working earlier setup.
+  func_ = &func;
+  generator_ = generator;
+  lower_ = lower;
+  upper_ = upper;
+  samples_.Setup(n, samePointTolerance_);
+  minima_.Setup(n, samePointTolerance_);
+  neighbour_.assign(n, 0.0);
+  setUp_ = true;
+  return true;
+}
+
+double LxMinfinderImpl::LocalOptimize(Workspace& w) {
+  preOpt_(*func_, w.x.data(), w.y.data());
+  return localOpt_(*func_, w.y.data(), w.z.data());
+}
+
+bool LxMinfinderImpl::DrawStartPoint(std::vector<double>& x) {
+  if (samples_.GetRandomSamplePoint(x, lower_, upper_, generator_)) return true;
+  LxThrow.Error("The random point generator failed; the minimum search ends!");
+  return false;
+}
+
+bool LxMinfinderImpl::FindFirstMinimum(Workspace& w) {
+  const std::size_t n = lower_.size();
+  // Deliberately unbounded (see the header): it ends only with a minimum.
+  for (;;) {
+    double f;
+    do {
+      if (!DrawStartPoint(w.x)) return false;
+      detail::Zero(w.g.data(), n);
+      f = (*func_)(w.x.data(), w.g.data());
+    } while (!(fvalSampleMin_ < f && f < fvalSampleMax_));
+    samples_.addPoint(w.x, f, w.g, lower_, upper_);
+
+    f = LocalOptimize(w);
+    // Written as negated "inside" tests so that a value that is not a number
+    // fails too.
+    if (!(f < fvalMinimaMax_) || !(f > fvalMinimaMin_)) continue;
+    // Intended: validity is asked of the start point x, not of the minimum.
+    if (!func_->CheckVariablesValidity(w.x.data())) continue;
+    detail::Zero(w.g.data(), n);
+    (*func_)(w.z.data(), w.g.data());  // the minimum is stored with its own gradient
+    if (minima_.addPoint(w.z, f, w.g, lower_, upper_)) break;
+  }
+  minima_.updateMinima(w.x, w.z, 0);
+  minima_.updateEllipsoidParemetersRt(w.x, w.z);
+  samples_.updateEllipsoidParemetersRt(w.x, w.z);
+  return true;
+}
+
+// Draws until the sample store holds 50 valid points or maxSample_ draws are
+// made, and returns the number of draws; ok turns false when the generator
+// fails.
+unsigned long LxMinfinderImpl::FillSamples(Workspace& w, bool& ok) {
+  ok = true;
+  unsigned long draws = 0;
+  while (samples_.getNumPoints() < kSamplesPerCycle && draws < maxSample_) {
+    if (!DrawStartPoint(w.x)) {
+      ok = false;
+      return draws;
+    }
+    ++draws;
+    double f;
+    if (IsItValidPointVer2(w.g.data(), f, w.x.data())) samples_.addPoint(w.x, f, w.g, lower_, upper_);
+  }
+  return draws;
+}
+
+bool LxMinfinderImpl::Optimize() {
+  if (!setUp_) {
+    LxThrow.Error("You have to setup the minfinder object first!");
+    return false;
+  }
+  const std::time_t startTime = std::time(nullptr);
+  minima_.SetCheckMinimumInRange(checkMinimumInRange_);
+  Workspace w(lower_.size());
+
+  // Minima kept from an earlier call already give the cycles their start.
+  if (minima_.getNumPoints() == 0 && !FindFirstMinimum(w)) return false;
+
+  unsigned long noChange = 0;
+  unsigned long knownMinima = 1;
+  bool timeUp = false;
+  for (;;) {
+    samples_.Clear();
+    bool drawn = true;
+    const unsigned long draws = FillSamples(w, drawn);
+    if (!drawn) return false;
+    // Intended: needing every draw ends the search even when the store
+    // filled up on the last one.
+    if (draws == maxSample_) return true;
+
+    unsigned long newMinima = knownMinima;
+    unsigned long optimized = 0;
+    for (unsigned long i = 0; i < samples_.getNumPoints(); ++i) {
+      samples_.getX(w.x, i);
+      samples_.getGrad(w.g, i);
+      if (!minima_.IsItInAnyEllipsoid(w.x.data())) {
+        const double f = LocalOptimize(w);
+        ++optimized;
+        minima_.updateEllipsoidParemetersRt(w.x, w.z);
+        samples_.updateEllipsoidParemetersRt(w.x, w.z);
+        const bool valid = ValidateMinimum(w.g.data(), w.z.data());
+        // Intended: the objective judges the start point x, not the minimum.
+        const bool inRange = func_->CheckVariablesValidity(w.x.data());
+        const bool accept = valid && fvalMinimaMin_ < f && f < fvalMinimaMax_ &&
+                            f <= minima_.getLowestValue() + fvalMinimaWindow_;
+        unsigned long index = 0;
+        const bool duplicate = minima_.haveItAlready(index, *func_, samePointTolerance_, w.z, f,
+                                                     keepDegenerateStates_);
+        if (duplicate || (accept && !inRange)) {
+          // Intended: an accepted minimum from an invalid start that matches
+          // nothing widens the ellipsoid of minimum 0 (index stays 0).
+          if (accept) minima_.updateMinima(w.x, w.z, index);
+        } else if (accept && minima_.addPoint(w.z, f, w.g, lower_, upper_)) {
+          ++newMinima;
+          minima_.updateMinima(w.x, w.z, minima_.getNumPoints() - 1);
+          noChange = 0;
+          // Intended: the clock is read only here, when a minimum is added; a
+          // search that stops finding minima ends by the no-change count.
+          if (std::difftime(std::time(nullptr), startTime) > timeLimit_ * kSecondsPerHour)
+            timeUp = true;
+        }
+      }
+      if (minima_.getNumPoints() >= maxNumOptPoints_) return true;
+    }
+    if (newMinima == knownMinima)
+      noChange += optimized;
+    else
+      knownMinima = newMinima;
+    if (noChange > noChangeThreshold_ || timeUp) return true;
+  }
+}
+
+bool LxMinfinderImpl::ValidateMinimum(double* grad, const double* x) {
+  if (func_ == nullptr) {
+    LxThrow.Error("You have to setup the minfinder object first!");
+    return false;
+  }
+  const std::size_t n = lower_.size();
+  detail::Zero(grad, n);
+  const double f = (*func_)(x, grad);
+  if (n == 0) return false;
+  if (std::sqrt(detail::SquaredNorm(grad, n) / static_cast<double>(n)) > kMinimumRmsGradient)
+    return false;
+  // No neighbour within +-0.005 per variable may be lower.
+  const std::size_t neighbours = std::max<std::size_t>(kMinNeighbours, 2 * n);
+  for (std::size_t k = 0; k < neighbours; ++k) {
+    for (std::size_t i = 0; i < n; ++i)
+      neighbour_[i] = x[i] + (uniform_(engine_) - 0.5) * kNeighbourSpread;
+    if ((*func_)(neighbour_.data()) < f) return false;
+  }
+  return true;
+}
+
+}  // namespace LxMinfinder
+}  // namespace LxOpt

@@ -1,0 +1,279 @@
+// Damped Newton optimizer under equality constraints: each step solves the
+// KKT (Lagrange-multiplier) system of the damped, pivot-repaired Hessian by
+// elimination through the Schur complement J A'^{-1} J^T. Reference:
+// J. Nocedal and S. J. Wright, Numerical Optimization, 2nd ed., ch. 16.2
+// (range-space method) and ch. 18.1 (Newton's method on the KKT system).
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <new>
+
+#include "framework/internal.h"
+#include "lxopt/host.h"
+#include "lxopt/newton.h"
+#include "newton/newton_internal.h"
+
+namespace LxOpt {
+namespace {
+
+// The constraint measure |c| must fall below this for convergence.
+constexpr double kConstraintTolerance = 1e-8;
+constexpr double kDefaultInitialDamping = 10.0;
+
+// Everything one constrained run needs, sized once before the loop.
+struct Workspace {
+  Workspace(Eigen::Index n, Eigen::Index m)
+      : hessian(Eigen::MatrixXd::Zero(n, n)), factor(n), step(Eigen::VectorXd::Zero(n)),
+        solvedGradient(Eigen::VectorXd::Zero(n)), lagrangianGradient(Eigen::VectorXd::Zero(n)),
+        trialConstraintGradient(Eigen::VectorXd::Zero(n)),
+        jacobianT(Eigen::MatrixXd::Zero(n, m)), solvedJacobianT(Eigen::MatrixXd::Zero(n, m)),
+        values(Eigen::VectorXd::Zero(m)), trialValues(Eigen::VectorXd::Zero(m)),
+        multipliers(Eigen::VectorXd::Zero(m)), leastSquares(Eigen::VectorXd::Zero(m)),
+        rhs(Eigen::VectorXd::Zero(m)), schur(Eigen::MatrixXd::Zero(m, m)),
+        gram(Eigen::MatrixXd::Zero(m, m)), schurLdlt(m), gramLdlt(m) {}
+  Eigen::MatrixXd hessian;
+  detail::RepairedLdlt factor;
+  Eigen::VectorXd step;                     // s
+  Eigen::VectorXd solvedGradient;           // u = A'^{-1} g
+  Eigen::VectorXd lagrangianGradient;       // g - J^T nu
+  Eigen::VectorXd trialConstraintGradient;  // unused gradient at the trial point
+  Eigen::MatrixXd jacobianT;                // J^T: column k is grad c_k
+  Eigen::MatrixXd solvedJacobianT;          // W = A'^{-1} J^T
+  Eigen::VectorXd values;                   // c at the last Hessian evaluation
+  Eigen::VectorXd trialValues;              // c at the trial point
+  Eigen::VectorXd multipliers;              // lambda of the KKT step
+  Eigen::VectorXd leastSquares;             // nu = argmin |g - J^T nu|
+  Eigen::VectorXd rhs;
+  Eigen::MatrixXd schur;  // J W
+  Eigen::MatrixXd gram;   // J J^T
+  Eigen::LDLT<Eigen::MatrixXd> schurLdlt;
+  Eigen::LDLT<Eigen::MatrixXd> gramLdlt;
+};
+
+class ConstrainedRun {
+ public:
+  ConstrainedRun(const std::vector<LxConstrFunc*>& constraints, Workspace& w)
+      : constraints_(constraints), w_(w) {}
+
+  // c and J^T at x.
+  void EvaluateConstraints(const double* x) {
+    for (std::size_t k = 0; k < constraints_.size(); ++k) {
+      auto column = w_.jacobianT.col(static_cast<Eigen::Index>(k));
+      column.setZero();
+      w_.values(static_cast<Eigen::Index>(k)) = (*constraints_[k])(x, column.data());
+    }
+  }
+
+  // c at a trial point; the gradients are not needed there.
+  void EvaluateTrialValues(const double* x) {
+    for (std::size_t k = 0; k < constraints_.size(); ++k) {
+      w_.trialConstraintGradient.setZero();
+      w_.trialValues(static_cast<Eigen::Index>(k)) =
+          (*constraints_[k])(x, w_.trialConstraintGradient.data());
+    }
+  }
+
+  // Lagrangian gradient g - J^T nu with the least-squares multipliers
+  // (J J^T) nu = J g, i.e. the part of g that the constraint normals cannot
+  // balance; returns its RMS.
+  double LagrangianGradient(const Eigen::Map<const Eigen::VectorXd>& g) {
+    const Eigen::MatrixXd& jt = w_.jacobianT;
+    for (Eigen::Index i = 0; i < jt.cols(); ++i) {
+      w_.rhs(i) = jt.col(i).dot(g);
+      for (Eigen::Index j = 0; j <= i; ++j) w_.gram(i, j) = jt.col(i).dot(jt.col(j));
+    }
+    w_.gramLdlt.compute(w_.gram);
+    w_.leastSquares = w_.gramLdlt.solve(w_.rhs);
+    w_.lagrangianGradient = g;
+    w_.lagrangianGradient.noalias() -= jt * w_.leastSquares;
+    return detail::RmsGradient(w_.lagrangianGradient.data(),
+                               static_cast<unsigned int>(g.size()));
+  }
+
+  // The KKT step with the factorized A': u = A'^{-1} g, W = A'^{-1} J^T,
+  // (J W) lambda = J u - c, s = u - W lambda.
+  void SolveStep(const Eigen::Map<const Eigen::VectorXd>& g) {
+    const Eigen::MatrixXd& jt = w_.jacobianT;
+    w_.factor.Solve(g, w_.solvedGradient);
+    for (Eigen::Index k = 0; k < jt.cols(); ++k)
+      w_.factor.Solve(jt.col(k), w_.solvedJacobianT.col(k));
+    for (Eigen::Index i = 0; i < jt.cols(); ++i) {
+      w_.rhs(i) = jt.col(i).dot(w_.solvedGradient) - w_.values(i);
+      for (Eigen::Index j = 0; j <= i; ++j) w_.schur(i, j) = jt.col(i).dot(w_.solvedJacobianT.col(j));
+    }
+    w_.schurLdlt.compute(w_.schur);
+    w_.multipliers = w_.schurLdlt.solve(w_.rhs);
+    w_.step = w_.solvedGradient;
+    w_.step.noalias() -= w_.solvedJacobianT * w_.multipliers;
+  }
+
+  // The Lagrangian f - lambda^T c at the last Hessian evaluation and at the
+  // trial point, with this step's multipliers.
+  double MeritAtStart(double f) const { return f - w_.multipliers.dot(w_.values); }
+  double MeritAtTrial(double f) const { return f - w_.multipliers.dot(w_.trialValues); }
+
+ private:
+  const std::vector<LxConstrFunc*>& constraints_;
+  Workspace& w_;
+};
+
+}  // namespace
+
+LxNewtonConstrOptImpl::LxNewtonConstrOptImpl() {
+  initialDamping_ = kDefaultInitialDamping;
+  tolerance_ = kDefaultTolerance;
+}
+LxNewtonConstrOptImpl::~LxNewtonConstrOptImpl() = default;
+
+bool LxNewtonConstrOptImpl::Add(LxConstrFunc& c) {
+  if (std::find(constraints_.begin(), constraints_.end(), &c) != constraints_.end()) return false;
+  constraints_.push_back(&c);
+  return true;
+}
+
+bool LxNewtonConstrOptImpl::Remove(LxConstrFunc& c) {
+  const auto found = std::find(constraints_.begin(), constraints_.end(), &c);
+  if (found == constraints_.end()) return false;
+  constraints_.erase(found);
+  return true;
+}
+
+double LxNewtonConstrOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
+                                         const double* start, double* result) {
+  using detail::Report;
+  if (constraints_.empty()) {
+    LxThrow.Warning("No constraints has been applied. Will perform unconstrained optimization");
+    return LxNewtonOptImpl::operator()(func, checkpoint, start, result);
+  }
+  if (result == nullptr) {
+    LxThrow.Warning("memory not provided for optimized variables");
+    return 0.0;
+  }
+  const unsigned int n = func.NumVar();
+  for (std::size_t k = 0; k < constraints_.size(); ++k) {
+    if (constraints_[k]->NumVar() != n) {
+      LxThrow.Error("constraint %d has %u variables, the objective %u", static_cast<int>(k),
+                    constraints_[k]->NumVar(), n);
+      return 0.0;
+    }
+  }
+  const Eigen::Index m = static_cast<Eigen::Index>(constraints_.size());
+  const std::size_t packedSize = static_cast<std::size_t>(n) * (n + 1) / 2;
+  std::unique_ptr<Workspace> work;
+  try {
+    gradient_.assign(n, 0.0);
+    packed_.assign(packedSize, 0.0);
+    work = std::make_unique<Workspace>(n, m);
+  } catch (const std::bad_alloc&) {
+    const double bytes = 8.0 * (4.0 * n * n + packedSize + 4.0 * n * m);
+    LxThrow.Warning("out of memory allocating %d in LxNewtonConstrOptImpl",
+                    bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes));
+    return 0.0;
+  }
+  ConstrainedRun constrained(constraints_, *work);
+
+  double* const x = result;
+  if (precondition_) {
+    PreconditionWSteepestDescent(func, start, x);
+  } else if (x != start) {
+    std::memmove(x, start, sizeof(double) * n);
+  }
+  double* const g = gradient_.data();
+  const double* const gl = work->lagrangianGradient.data();
+  Eigen::Map<Eigen::VectorXd> xv(x, n);
+  const Eigen::Map<const Eigen::VectorXd> gv(g, n);
+
+  double fOld = func(x);
+  if (iterLimit_ == 0) {
+    Report(checkpoint, 0, n, fOld, 0.0, x, gl, kLxExhaust);
+    return fOld;
+  }
+
+  detail::DampingSchedule damping(initialDamping_, minDamping_, maxDamping_, dampingDecrease_,
+                                  dampingIncrease_);
+  detail::IterationBudget budget(iterLimit_);
+  unsigned int iteration = 0;
+  bool fresh = true;
+  double r = 0.0;
+  double constraintNorm = 0.0;
+  double fNew = fOld;
+  for (;;) {
+    if (fresh) {
+      detail::Zero(g, n);
+      detail::Zero(packed_.data(), packedSize);
+      if (!func(x, packed_.data(), g)) return 0.0;
+      constrained.EvaluateConstraints(x);
+      constraintNorm = work->values.norm();
+      r = constrained.LagrangianGradient(gv);
+    }
+    detail::UnpackSymmetric(packed_.data(), work->hessian);
+    detail::AddDampingShift(damping.lambda(), work->hessian);
+    const bool repaired = work->factor.Factorize(work->hessian);
+    constrained.SolveStep(gv);
+    const double meritOld = constrained.MeritAtStart(fOld);
+
+    xv -= work->step;
+    fNew = func(x);
+    constrained.EvaluateTrialValues(x);
+    const double meritNew = constrained.MeritAtTrial(fNew);
+    if (meritNew >= meritOld && std::fabs(meritNew - meritOld) >= valueChangeTolerance_) {
+      if (damping.AtMaximum()) {
+        // Deliberate: out stays at the failed trial point and its value is
+        // returned.
+        Report(checkpoint, iteration, n, fNew, r, x, gl, kLxNotFound);
+        break;
+      }
+      xv += work->step;
+      damping.AfterFailedStep();
+      fresh = false;
+    } else {
+      damping.AfterAcceptedStep(repaired);
+      Report(checkpoint, iteration, n, fNew, r, x, gl, kLxCont);
+      const double change = std::fabs(fNew - fOld);
+      fOld = fNew;
+      fresh = true;
+      // r and |c| belong to the start of the accepted step.
+      if (r < tolerance_ && change < valueChangeTolerance_ &&
+          constraintNorm < kConstraintTolerance) {
+        Report(checkpoint, iteration, n, fNew, r, x, gl, kLxDone);
+        break;
+      }
+    }
+    if (budget.Extend(r, iteration)) Report(checkpoint, iteration, n, fNew, r, x, gl, kLxStable);
+    if (++iteration >= budget.end()) {
+      Report(checkpoint, budget.end(), n, fNew, r, x, gl, kLxExhaust);
+      break;
+    }
+  }
+
+  // Deliberate, as in the unconstrained run: the shifted Hessian is checked.
+  if (checkEigenvalues_ && !LxCheckEigenvalues(n, work->hessian))
+    Report(checkpoint, iteration, n, fNew, r, x, gl, kLxNotFound);
+  return fNew;
+}
+
+LxNewtonConstrOpt::LxNewtonConstrOpt() : impl_(std::make_unique<LxNewtonConstrOptImpl>()) {}
+LxNewtonConstrOpt::LxNewtonConstrOpt(const LxNewtonConstrOpt& other)
+    : LxOptimizer2(other), impl_(std::make_unique<LxNewtonConstrOptImpl>(*other.impl_)) {}
+LxNewtonConstrOpt& LxNewtonConstrOpt::operator=(const LxNewtonConstrOpt& other) {
+  if (this != &other) *impl_ = *other.impl_;
+  return *this;
+}
+LxNewtonConstrOpt::~LxNewtonConstrOpt() = default;
+
+void LxNewtonConstrOpt::SetIterLimit(unsigned int limit) { impl_->SetIterLimit(limit); }
+void LxNewtonConstrOpt::SetTolerance(double tolerance) { impl_->SetTolerance(tolerance); }
+unsigned int LxNewtonConstrOpt::GetIterLimit() const { return impl_->GetIterLimit(); }
+double LxNewtonConstrOpt::GetTolerance() const { return impl_->GetTolerance(); }
+
+double LxNewtonConstrOpt::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
+                                     const double* start, double* result) {
+  return (*impl_)(func, checkpoint, start, result);
+}
+
+bool LxNewtonConstrOpt::Add(LxConstrFunc& c) { return impl_->Add(c); }
+bool LxNewtonConstrOpt::Remove(LxConstrFunc& c) { return impl_->Remove(c); }
+
+LxConstrFunc::~LxConstrFunc() = default;
+
+}  // namespace LxOpt

@@ -1,0 +1,95 @@
+// Pieces shared by the two Newton runs and the eigenvalue checks: unpacking a
+// packed Hessian, the damping shift, the RMS gradient, the damping schedule,
+// the iteration budget and the LDLT factorization with pivot repair.
+#ifndef LXOPT_SRC_NEWTON_NEWTON_INTERNAL_H
+#define LXOPT_SRC_NEWTON_NEWTON_INTERNAL_H
+
+#include <Eigen/Cholesky>
+#include <Eigen/Core>
+
+namespace LxOpt {
+namespace detail {
+
+// The extension rule: the first time the RMS gradient drops below 1e-5 the
+// run gets at most 30 further iterations.
+constexpr double kExtendBelowRms = 1e-5;
+constexpr unsigned int kExtensionIterations = 30;
+
+// h(i, j) = h(j, i) = packed[i (i + 1) / 2 + j] for j <= i; h is n x n.
+void UnpackSymmetric(const double* packed, Eigen::MatrixXd& h);
+
+// Adds mu = damping * (1 + |trace(h) / n|) to the diagonal of h in place and
+// returns mu (0 for n = 0).
+double AddDampingShift(double damping, Eigen::MatrixXd& h);
+
+// sqrt(sum g_i^2 / n); 1.0 for n = 0.
+double RmsGradient(const double* g, unsigned int n);
+
+// The Levenberg-Marquardt damping factor of one run.
+class DampingSchedule {
+ public:
+  DampingSchedule(double initial, double minimum, double maximum, double decrease,
+                  double increase)
+      : lambda_(initial), min_(minimum), max_(maximum), decrease_(decrease),
+        increase_(increase) {}
+  double lambda() const { return lambda_; }
+  // |lambda - maximum| < 1e-10: a failing step now ends the run.
+  bool AtMaximum() const;
+  void AfterFailedStep() { Raise(); }
+  // Healthy factorization: lambda = max(minimum, lambda * decrease);
+  // repaired: lambda * increase. Both capped at the maximum.
+  void AfterAcceptedStep(bool repaired);
+
+ private:
+  void Raise();
+  double lambda_, min_, max_, decrease_, increase_;
+};
+
+// The end of the loop: the configured limit, moved once by the extension.
+class IterationBudget {
+ public:
+  explicit IterationBudget(unsigned int limit) : end_(limit) {}
+  unsigned int end() const { return end_; }
+  // True (and end = iteration + 30) the first time rms < 1e-5.
+  bool Extend(double rms, unsigned int iteration);
+
+ private:
+  unsigned int end_;
+  bool extended_ = false;
+};
+
+// Symmetric LDLT with diagonal pivoting whose small pivots are repaired:
+// A = P^T L D L^T P; every D_i < 0.001 becomes 1000.0, then
+// A' = P^T L D' L^T P is rebuilt from the factors and factorized again.
+// Every matrix is sized once in the constructor; Factorize and Solve do not
+// allocate.
+class RepairedLdlt {
+ public:
+  static constexpr double kSmallestPivot = 0.001;
+  static constexpr double kRepairedPivot = 1000.0;
+
+  explicit RepairedLdlt(Eigen::Index n);
+
+  // Factorizes a (its lower triangle is read); true when pivots were repaired.
+  bool Factorize(const Eigen::MatrixXd& a);
+
+  // x = A'^{-1} b with the last factorization (A' = A when healthy). x may be
+  // a column of a matrix; b and x may be the same vector.
+  template <class Rhs, class Dst>
+  void Solve(const Rhs& b, Dst&& x) const {
+    x = ldlt_.solve(b);
+  }
+
+ private:
+  void RebuildRepaired();
+
+  Eigen::LDLT<Eigen::MatrixXd> ldlt_;
+  Eigen::MatrixXd repaired_;
+  Eigen::MatrixXd scratch_;
+  Eigen::VectorXd pivots_;
+};
+
+}  // namespace detail
+}  // namespace LxOpt
+
+#endif  // LXOPT_SRC_NEWTON_NEWTON_INTERNAL_H

@@ -1,0 +1,122 @@
+// BFGS that carries its inverse Hessian and trial step from run to run, so
+// that a series of related minimisations starts from the curvature learnt so
+// far. The iteration is quasi_newton_loop.cpp's.
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "quasinewton/bfgs_matrix.h"
+#include "quasinewton/inverse_hessian.h"
+
+namespace LxOpt {
+namespace {
+
+void WarnWorkingMatrix(unsigned int n) {
+  // The message names the base class; kept as it stands.
+  LxThrow.Warning("out of memory allocating %d in LxBFGSOpt::operator()",
+                  detail::ByteCountForMessage(sizeof(double) * n * static_cast<std::size_t>(n)));
+}
+
+}  // namespace
+
+class LxBFGSModOpt::CarriedMatrix : public LxBFGSOpt::KeptMatrix {
+ public:
+  explicit CarriedMatrix(LxBFGSModOpt& owner) : KeptMatrix(owner), mod_(owner) {}
+
+  // No limit on n; the persistent matrix is (re)made for n when needed, and
+  // the working matrix starts from it unless a restart is due.
+  double* Acquire(unsigned int n) override {
+    double* const h = AllocateWorking(n);
+    if (h == nullptr || !PreparePersistent(n)) {
+      WarnWorkingMatrix(n);
+      return nullptr;
+    }
+    mod_.SetHessian(h, mod_.persistent_, n);
+    return h;
+  }
+
+  double FirstStep(double gg) const override {
+    return mod_.restart_ ? std::sqrt(1.0 / gg) : mod_.savedStep_;
+  }
+
+  void Keep(const double* h, unsigned int n, double step) override {
+    KeptMatrix::Keep(h, n, step);
+    detail::Mirror(h, n, mod_.persistent_, static_cast<std::size_t>(n) * n);
+    mod_.restart_ = false;
+    mod_.savedStep_ = step;
+  }
+
+ private:
+  bool PreparePersistent(unsigned int n) {
+    if (mod_.persistent_ != nullptr && mod_.order_ == n) return true;
+    const bool replaced = mod_.persistent_ != nullptr;
+    mod_.FreePersistent();
+    const std::size_t count = static_cast<std::size_t>(n) * n;
+    mod_.persistent_ = static_cast<double*>(std::malloc(sizeof(double) * (count ? count : 1)));
+    if (mod_.persistent_ == nullptr) return false;
+    mod_.order_ = n;
+    if (replaced) {
+      mod_.restart_ = true;
+    } else if (!mod_.restart_) {
+      // A copy of an object that ran with n = 0 has no matrix and no restart
+      // due; give it the identity rather than uninitialised memory.
+      detail::SetIdentityFull(mod_.persistent_, n);
+    }
+    return true;
+  }
+
+  LxBFGSModOpt& mod_;
+};
+
+LxBFGSModOpt::LxBFGSModOpt(const LxBFGSModOpt& other)
+    : LxBFGSOpt(other),
+      restart_(other.restart_),
+      order_(other.order_),
+      savedStep_(other.savedStep_) {
+  if (other.persistent_ != nullptr && other.order_ != 0) {
+    const std::size_t count = static_cast<std::size_t>(order_) * order_;
+    persistent_ = static_cast<double*>(std::malloc(sizeof(double) * count));
+    if (persistent_ != nullptr)
+      std::memcpy(persistent_, other.persistent_, sizeof(double) * count);
+  }
+}
+
+LxBFGSModOpt& LxBFGSModOpt::operator=(const LxBFGSModOpt& other) {
+  if (this == &other) return *this;
+  LxBFGSOpt::operator=(other);
+  restart_ = other.restart_;
+  order_ = other.order_;
+  savedStep_ = other.savedStep_;
+  FreePersistent();
+  if (other.persistent_ != nullptr && other.order_ != 0) {
+    const std::size_t count = static_cast<std::size_t>(order_) * order_;
+    persistent_ = static_cast<double*>(std::malloc(sizeof(double) * count));
+    if (persistent_ != nullptr)
+      std::memcpy(persistent_, other.persistent_, sizeof(double) * count);
+  }
+  return *this;
+}
+
+LxBFGSModOpt::~LxBFGSModOpt() { FreePersistent(); }
+
+void LxBFGSModOpt::FreePersistent() {
+  std::free(persistent_);
+  persistent_ = nullptr;
+}
+
+void LxBFGSModOpt::SetHessian(double* work, double* persistent, unsigned int n) {
+  if (restart_)
+    detail::SetIdentityFull(work, n);
+  else
+    std::memcpy(work, persistent, sizeof(double) * n * static_cast<std::size_t>(n));
+}
+
+double LxBFGSModOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                                double* out) {
+  const unsigned int n = func.NumVar();
+  SetHessianDimension(n);
+  CarriedMatrix matrix(*this);
+  return detail::RunQuasiNewton(Settings(), matrix, n, func, checkpoint, in, out);
+}
+
+}  // namespace LxOpt

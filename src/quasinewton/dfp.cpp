@@ -1,0 +1,54 @@
+// Davidon-Fletcher-Powell: the variable-metric iteration of
+// quasi_newton_loop.cpp with the two-term update and no kept matrix.
+#include <cstdlib>
+
+#include "lxopt/quasinewton.h"
+#include "quasinewton/inverse_hessian.h"
+#include "quasinewton/quasi_newton_loop.h"
+
+namespace LxOpt {
+namespace {
+
+// The matrix comes from malloc and always starts (and restarts) as the
+// identity. The NoOpt report passes a null gradient.
+class DFPMatrix : public detail::QuasiNewtonMatrix {
+ public:
+  DFPMatrix() : QuasiNewtonMatrix(detail::QuasiNewtonUpdate::kDFP, true) {}
+  ~DFPMatrix() override { std::free(h_); }
+  DFPMatrix(const DFPMatrix&) = delete;
+  DFPMatrix& operator=(const DFPMatrix&) = delete;
+
+  double* Acquire(unsigned int n) override {
+    // Deliberate: the byte count is n * n * 8 in unsigned 32-bit arithmetic,
+    // so it wraps for n above 23170. The request is made as computed; a block
+    // that cannot hold the n x n matrix counts as a failed allocation.
+    const unsigned int bytes = n * n * 8u;
+    h_ = static_cast<double*>(std::malloc(bytes));
+    if (h_ == nullptr) return nullptr;
+    if (bytes < sizeof(double) * n * static_cast<std::size_t>(n)) {
+      std::free(h_);
+      h_ = nullptr;
+      return nullptr;
+    }
+    detail::SetIdentityLower(h_, n);
+    return h_;
+  }
+
+ private:
+  double* h_ = nullptr;
+};
+
+}  // namespace
+
+bool LxDFPOpt::SetLineMinimize(const LxLineMinimize& lm) {
+  settings_.lineMinimize.reset(lm.CreateCopy());
+  return true;
+}
+
+double LxDFPOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                            double* out) {
+  DFPMatrix matrix;
+  return detail::RunQuasiNewton(settings_, matrix, func.NumVar(), func, checkpoint, in, out);
+}
+
+}  // namespace LxOpt
