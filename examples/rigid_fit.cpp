@@ -51,8 +51,13 @@ int main() {
 
   // The unknown pose: 70 degrees about (1, 2, -1), then a shift.
   const double half = 35 * kPi / 180, axis = std::sqrt(6.0);
-  const double truth[7] = {std::cos(half), std::sin(half) / axis, 2 * std::sin(half) / axis,
-                           -std::sin(half) / axis, 4.0, -2.5, 1.0};
+  const double truth[7] = {std::cos(half),
+                           std::sin(half) / axis,
+                           2 * std::sin(half) / axis,
+                           -std::sin(half) / axis,
+                           4.0,
+                           -2.5,
+                           1.0};
   std::vector<double> targets = body;
   LxOpt::LxCoordQuatAdapt1::ApplyTransform(targets, truth);
 
@@ -62,7 +67,7 @@ int main() {
   std::printf("RMSD before: %.6f\n", LxOpt::LxRMSD(body.data(), targets.data(), count, false));
 
   LxOpt::LxBFGSOpt optimizer;
-  optimizer.SetTolerance(1e-14);  // on the squared gradient norm
+  optimizer.SetTolerance(1e-14);                      // on the squared gradient norm
   const double score = -pose.Minimize(v, optimizer);  // Minimize returns -(minimum)
 
   std::vector<double> fitted = body;

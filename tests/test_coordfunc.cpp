@@ -97,7 +97,8 @@ TEST_F(PoseFixture, GradientMatchesCentralDifferencesAndHasNoPartAlongQ) {
       std::vector<double> vp = v, vm = v;
       vp[i] += h, vm[i] -= h;
       const double numeric = (adaptor(vp.data()) - adaptor(vm.data())) / (2 * h);
-      EXPECT_NEAR(g[i], numeric, 1e-6 * (1 + std::fabs(numeric))) << "trial " << trial << " i " << i;
+      EXPECT_NEAR(g[i], numeric, 1e-6 * (1 + std::fabs(numeric)))
+          << "trial " << trial << " i " << i;
     }
     for (double factor : {-2.5, 0.01, 40.0}) {
       std::vector<double> w = v;
@@ -114,13 +115,15 @@ TEST_F(PoseFixture, IdentityPoseAndKnownTurns) {
   EXPECT_EQ(adaptor.GetFComponents(identity)[0].name, "field");
   EXPECT_EQ(adaptor.GetFComponents(identity)[0].value, field(ref));
 
-  struct Case { std::vector<double> v, point, expected; };
+  struct Case {
+    std::vector<double> v, point, expected;
+  };
   const Case cases[] = {
       {{1, 0, 0, 0, 0.5, -1, 2}, {1, 2, 3}, {1.5, 1, 5}},
-      {{0, 0, 0, 3, 0, 0, 0}, {1, 2, 3}, {-1, -2, 3}},    // 180 degrees about z, |q| = 3
-      {{2, 2, 0, 0, 0, 0, 1}, {0, 1, 0}, {0, 0, 2}},      // 90 degrees about x, |q|² = 8
-      {{1, 1, 1, 1, 0, 0, 0}, {1, 0, 0}, {0, 1, 0}},      // 120 degrees about (1,1,1)
-      {{0, 0, 0, 0, 7, 8, 9}, {1, 2, 3}, {7, 8, 9}},      // zero quaternion collapses
+      {{0, 0, 0, 3, 0, 0, 0}, {1, 2, 3}, {-1, -2, 3}},  // 180 degrees about z, |q| = 3
+      {{2, 2, 0, 0, 0, 0, 1}, {0, 1, 0}, {0, 0, 2}},    // 90 degrees about x, |q|² = 8
+      {{1, 1, 1, 1, 0, 0, 0}, {1, 0, 0}, {0, 1, 0}},    // 120 degrees about (1,1,1)
+      {{0, 0, 0, 0, 7, 8, 9}, {1, 2, 3}, {7, 8, 9}},    // zero quaternion collapses
   };
   for (const Case& c : cases) {
     std::vector<double> p = c.point;
@@ -133,7 +136,8 @@ TEST_F(PoseFixture, ZeroQuaternion) {
   LxCoordQuatAdapt1 adaptor(&field, ref);
   const double v[7] = {0, 0, 0, 0, 0.3, -0.2, 0.1};
   std::vector<double> collapsed;
-  for (unsigned int k = 0; k < field.NumCoords(); ++k) collapsed.insert(collapsed.end(), v + 4, v + 7);
+  for (unsigned int k = 0; k < field.NumCoords(); ++k)
+    collapsed.insert(collapsed.end(), v + 4, v + 7);
   lxtest::MessageCapture capture;
   EXPECT_EQ(adaptor(v), field(collapsed));
   EXPECT_TRUE(capture.messages.empty());
@@ -168,7 +172,10 @@ class Probe : public LxOpt::LxOptimizer1 {
   void SetTolerance(double) override {}
   unsigned int GetIterLimit() const override { return 0; }
   double GetTolerance() const override { return 0; }
-  double operator()(LxOpt::LxFunc1& f, LxOpt::LxCheckpoint1*, const double* start, double* out) override {
+  double operator()(LxOpt::LxFunc1& f,
+                    LxOpt::LxCheckpoint1*,
+                    const double* start,
+                    double* out) override {
     sameArray = start == out;
     components = f.GetFComponents(start)[0].value;
     grad.assign(7, 0.0);

@@ -254,3 +254,246 @@ TEST(LineMinimizeBase, CopiesAreIndependentAndMaxStepIsIgnored) {
 }
 
 }  // namespace
+
+// --- max-step line minimizer ---------------------------------------------------
+
+namespace maxstep {
+
+using LxOpt::LxMaxStepLineMinimize;
+
+// (x - 1)^2 from 0 with a limit of 0.5 and entry step 4: the step is cut to
+// 0.5, the march finds the descent ending at 1.0 (slope 0), hands on 0.75,
+// and the quasi-Newton search accepts it at once.
+TEST(MaxStepLineMinimize, ClampMarchAndDelegation) {
+  double limit = 0.5;
+  LxMaxStepLineMinimize lm(&limit, 1);
+  Poly1D f(1, -2, 1, 0);
+  const Outcome r = Search(lm, f, 4.0);
+  EXPECT_EQ(f.gradients, (std::vector<double>{0.5, 1.0, 0.75}));
+  EXPECT_TRUE(r.ok);
+  EXPECT_EQ(r.step, 0.75);
+  EXPECT_EQ(r.fval, f.F(0.75));
+}
+
+// A descent that stops at the first clamped point hands on a/2.
+TEST(MaxStepLineMinimize, StopAtFirstClampedPointHandsOnHalf) {
+  double limit = 2.0;
+  LxMaxStepLineMinimize lm(&limit, 1);
+  Poly1D f(1, -2, 1, 0);
+  const Outcome r = Search(lm, f, 4.0);
+  EXPECT_EQ(f.gradients, (std::vector<double>{2.0, 1.0}));
+  EXPECT_EQ(r.step, 1.0);
+}
+
+// A march that reaches the caller's step leaves it as it was.
+TEST(MaxStepLineMinimize, MarchReachingTheEntryStepKeepsIt) {
+  double limit = 0.5;
+  LxMaxStepLineMinimize lm(&limit, 1);
+  Poly1D f(100, -20, 1, 0);  // (x - 10)^2
+  Search(lm, f, 1.5);
+  ASSERT_GE(f.gradients.size(), 3u);
+  EXPECT_EQ(std::vector<double>(f.gradients.begin(), f.gradients.begin() + 3),
+            (std::vector<double>{0.5, 1.0, 1.5}));
+}
+
+// No limits, zero limits or a limit the entry step respects: exactly the
+// quasi-Newton search.
+TEST(MaxStepLineMinimize, WithoutACutItIsTheQuasiNewtonSearch) {
+  double zero = 0.0, wide = 10.0;
+  const std::vector<LxMaxStepLineMinimize> searches = {
+      LxMaxStepLineMinimize(), LxMaxStepLineMinimize(&zero, 1),
+      LxMaxStepLineMinimize(&wide, 1)};
+  for (const LxMaxStepLineMinimize& lm : searches) {
+    Poly1D f(1, -2, 1, 0), g(1, -2, 1, 0);
+    const Outcome mine = Search(lm, f, 3.0);
+    const Outcome plain = Search(LxQNLineMinimize(), g, 3.0);
+    EXPECT_EQ(f.gradients, g.gradients);
+    EXPECT_EQ(mine.step, plain.step);
+    EXPECT_EQ(mine.ok, plain.ok);
+  }
+}
+
+// Several limits: the smallest ratio wins (0.3 for x1, then 0.1 for x2 with
+// the reduced step); x3, beyond the limit count, is free to move by 10.
+TEST(MaxStepLineMinimize, TightestLimitWinsAndExtraVariablesAreFree) {
+  class FirstPoint : public lxtest::DiagonalQuadratic {
+   public:
+    using DiagonalQuadratic::operator();
+    FirstPoint() : DiagonalQuadratic({1.0, 1.0, 1.0}, {5.0, 5.0, 50.0}) {}
+    double operator()(const double* x, double* g) override {
+      if (first.empty()) first.assign(x, x + 3);
+      return DiagonalQuadratic::operator()(x, g);
+    }
+    std::vector<double> first;
+  } q;
+  double limits[2] = {0.3, 0.1};
+  LxMaxStepLineMinimize lm(limits, 2);
+  const double x0[3] = {0.0, 0.0, 0.0};
+  double dir[3] = {1.0, 1.0, 100.0}, grad0[3], gradOut[3];
+  double fval = q(x0, grad0), step = 1.0;
+  q.first.clear();
+  lm(3, x0, dir, grad0, gradOut, &fval, &step, q);
+  ASSERT_EQ(q.first.size(), 3u);
+  EXPECT_DOUBLE_EQ(q.first[0], 0.1);
+  EXPECT_DOUBLE_EQ(q.first[1], 0.1);
+  EXPECT_DOUBLE_EQ(q.first[2], 10.0);
+}
+
+TEST(MaxStepLineMinimize, SetMaxStepAndDeepCopies) {
+  double first = 0.5, second = 2.0;
+  LxMaxStepLineMinimize lm(&first, 1);
+  EXPECT_FALSE(lm.SetMaxStep(0, &second));
+  const LxMaxStepLineMinimize copy(lm);
+  const std::unique_ptr<LxLineMinimize> clone(lm.CreateCopy());
+  EXPECT_TRUE(lm.SetMaxStep(1, &second));
+  first = 100.0;  // the objects hold their own copies
+  Poly1D a(1, -2, 1, 0), b(1, -2, 1, 0), c(1, -2, 1, 0);
+  Search(copy, a, 4.0);
+  Search(*clone, b, 4.0);
+  Search(lm, c, 4.0);
+  EXPECT_EQ(a.gradients.front(), 0.5);
+  EXPECT_EQ(b.gradients.front(), 0.5);
+  EXPECT_EQ(c.gradients.front(), 2.0);
+  LxMaxStepLineMinimize assigned;
+  assigned = copy;
+  Poly1D d(1, -2, 1, 0);
+  Search(assigned, d, 4.0);
+  EXPECT_EQ(d.gradients.front(), 0.5);
+}
+
+TEST(MaxStepLineMinimize, ValuesThatAreNotNumbersEndTheMarch) {
+  double limit = 1e-6;
+  LxMaxStepLineMinimize lm(&limit, 1);
+  lxtest::NotANumber f(1, -1.0);
+  const double x0 = 0.0;
+  double dir = 1.0, grad0 = -1.0, gradOut = 0.0, fval = 0.0, step = 1e6;
+  lm(1, &x0, &dir, &grad0, &gradOut, &fval, &step, f);
+  EXPECT_LE(f.evaluations, 32 + 32);
+}
+
+}  // namespace maxstep
+
+// --- backtracking search -----------------------------------------------------
+
+namespace backtracking {
+
+using LxOpt::LxNRLineSearch;
+
+// Success on the first trial: one value-only and one value-and-gradient call.
+// Mode 1 starts at 1.0 whatever *step says; mode 0 at *step.
+TEST(NRLineSearch, FirstTrialByMode) {
+  Poly1D one(1, -2, 1, 0);
+  const Outcome r1 = Search(LxNRLineSearch(1), one, 0.3);
+  EXPECT_EQ(one.values, std::vector<double>{1.0});
+  EXPECT_EQ(one.gradients, std::vector<double>{1.0});
+  EXPECT_TRUE(r1.ok);
+  EXPECT_EQ(r1.step, 1.0);
+  EXPECT_EQ(r1.fval, 0.0);
+  EXPECT_EQ(r1.grad, 0.0);
+
+  Poly1D zero(1, -2, 1, 0);
+  const Outcome r0 = Search(LxNRLineSearch(0), zero, 0.3);
+  EXPECT_EQ(zero.values, std::vector<double>{0.3});
+  EXPECT_EQ(r0.step, 0.3);
+}
+
+// (x - 0.1)^2: the full step is rejected and the quadratic backtrack lands on
+// the minimum 0.1; in mode 0 the same happens only for an entry step of
+// exactly 1.0.
+TEST(NRLineSearch, QuadraticBacktrackFromTheFullStep) {
+  for (const auto& [mode, entry] : {std::pair<int, double>{1, 7.0}, {0, 1.0}}) {
+    Poly1D f(0.01, -0.2, 1, 0);
+    const Outcome r = Search(LxNRLineSearch(mode), f, entry);
+    ASSERT_EQ(f.values.size(), 2u);
+    EXPECT_EQ(f.values[0], 1.0);
+    EXPECT_NEAR(f.values[1], 0.1, 1e-15);
+    EXPECT_TRUE(r.ok);
+  }
+}
+
+// From an entry step of 2 the cubic uses the initial previous point (1.0,
+// 0.0): a = 0.81, b = -0.62 <= 0, disc = 0.8704, and the next step is the
+// product sqrt(disc) (-b) / (3a) = 0.238..., not (-b + sqrt(disc)) / (3a).
+TEST(NRLineSearch, ProductFormulaWhenBIsNotPositive) {
+  Poly1D f(0.01, -0.2, 1, 0);
+  Search(LxNRLineSearch(0), f, 2.0);
+  ASSERT_GE(f.values.size(), 2u);
+  EXPECT_EQ(f.values[0], 2.0);
+  EXPECT_NEAR(f.values[1], std::sqrt(0.8704) * 0.62 / 2.43, 1e-12);
+}
+
+// A failed search leaves the last trial's step, value and gradient.
+TEST(NRLineSearch, FailureWritesTheLastTrial) {
+  Poly1D f(0, 0, 1, 0);  // x^2 from its minimum: nothing lower exists
+  const Outcome r = Search(LxNRLineSearch(1), f, 1.0);
+  EXPECT_FALSE(r.ok);
+  EXPECT_LT(r.step, 1e-7);
+  EXPECT_EQ(f.values.back(), r.step);
+  EXPECT_EQ(f.gradients, std::vector<double>{r.step});
+  EXPECT_EQ(r.fval, f.F(r.step));
+  EXPECT_EQ(r.grad, f.Slope(r.step));
+}
+
+// n = 0 or a zero direction: the smallest step is infinite and the first
+// trial fails after one value and one value-and-gradient evaluation.
+TEST(NRLineSearch, NoVariablesOrZeroDirectionFail) {
+  lxtest::DiagonalQuadratic empty({}, {});
+  lxtest::Counting none(empty);
+  double fval = 5.0, step = 0.5;
+  EXPECT_FALSE(LxNRLineSearch()(0, nullptr, nullptr, nullptr, nullptr, &fval, &step, none));
+  EXPECT_EQ(none.values, 1);
+  EXPECT_EQ(none.gradients, 1);
+  EXPECT_EQ(fval, 0.0);
+  EXPECT_EQ(step, 0.5);
+
+  lxtest::DiagonalQuadratic q({1.0, 1.0}, {1.0, 1.0});
+  lxtest::Counting counted(q);
+  const double x0[2] = {0.0, 0.0};
+  double dir[2] = {0.0, 0.0}, grad0[2] = {-2.0, -2.0}, gradOut[2] = {kUnset, kUnset};
+  fval = 2.0;
+  EXPECT_FALSE(LxNRLineSearch()(2, x0, dir, grad0, gradOut, &fval, &step, counted));
+  EXPECT_EQ(counted.values, 1);
+  EXPECT_EQ(counted.gradients, 1);
+  EXPECT_EQ(gradOut[0], -2.0);
+}
+
+// The cap max(|x|, n) shortens the caller's direction; CreateCopy drops it.
+TEST(NRLineSearch, DirectionCapFromSetMaxStep) {
+  lxtest::DiagonalQuadratic q({1.0, 1.0, 1.0}, {10.0, 10.0, 10.0});
+  const double x0[3] = {0.0, 0.0, 0.0};
+  double grad0[3], gradOut[3];
+  const double f0 = q(x0, grad0);
+
+  LxNRLineSearch lm;
+  double unit[3] = {1.0, 0.0, 0.0};
+  EXPECT_TRUE(lm.SetMaxStep(3, unit));  // max(1, 3) = 3
+  double dir[3] = {4.0, 4.0, 2.0};      // length 6
+  double fval = f0, step = 1.0;
+  lm(3, x0, dir, grad0, gradOut, &fval, &step, q);
+  EXPECT_EQ(dir[0], 2.0);
+  EXPECT_EQ(dir[1], 2.0);
+  EXPECT_EQ(dir[2], 1.0);
+
+  const std::unique_ptr<LxLineMinimize> copy(lm.CreateCopy());
+  double free[3] = {4.0, 4.0, 2.0};
+  fval = f0;
+  step = 1.0;
+  EXPECT_TRUE((*copy)(3, x0, free, grad0, gradOut, &fval, &step, q));
+  EXPECT_EQ(free[0], 4.0);
+
+  EXPECT_TRUE(lm.SetMaxStep(0, unit));  // a cap of 0: every search fails
+  double any[3] = {1.0, 1.0, 1.0};
+  fval = f0;
+  EXPECT_FALSE(lm(3, x0, any, grad0, gradOut, &fval, &step, q));
+  EXPECT_EQ(any[0], 0.0);
+}
+
+TEST(NRLineSearch, ValuesThatAreNotNumbersStillEnd) {
+  lxtest::NotANumber f(1, -1.0);
+  const double x0 = 0.0;
+  double dir = 1.0, grad0 = -1.0, gradOut = 0.0, fval = 0.0, step = 1.0;
+  EXPECT_FALSE(LxNRLineSearch(1)(1, &x0, &dir, &grad0, &gradOut, &fval, &step, f));
+  EXPECT_LE(f.evaluations, 40);  // 0.1 then halving down to 1e-7, plus the last
+}
+
+}  // namespace backtracking

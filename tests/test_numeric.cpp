@@ -42,7 +42,8 @@ class Polynomial : public lxtest::Objective {
   std::vector<double> Hessian(const double* x) const {
     std::vector<double> h;
     for (unsigned int i = 0; i < n_; ++i)
-      for (unsigned int j = 0; j <= i; ++j) h.push_back(A[i][j] + (cubic_ && i == j ? 6.0 * k[i] * x[i] : 0.0));
+      for (unsigned int j = 0; j <= i; ++j)
+        h.push_back(A[i][j] + (cubic_ && i == j ? 6.0 * k[i] * x[i] : 0.0));
     if (cubic_) h[1] += m * x[2], h[3] += m * x[1], h[4] += m * x[0];
     return h;
   }
@@ -83,7 +84,10 @@ TEST(NumericGradients, DisplacesOneElementAtATimeAndRestoresByArithmetic) {
   struct Points : lxtest::Objective {
     using lxtest::Objective::operator();
     unsigned int NumVar() const override { return 2; }
-    double operator()(const double* x) override { seen.push_back({x[0], x[1]}); return 0; }
+    double operator()(const double* x) override {
+      seen.push_back({x[0], x[1]});
+      return 0;
+    }
     double operator()(const double*, double*) override { return 0; }
     std::vector<std::vector<double>> seen;
   } f;
@@ -91,8 +95,11 @@ TEST(NumericGradients, DisplacesOneElementAtATimeAndRestoresByArithmetic) {
   LxOpt::NumericGradients(f, x, std::vector<double>(2).data(), h);
   const double restored = x[0] + h - 2 * h + h;
   ASSERT_NE(restored, x[0]);  // the inputs must tell the two ways apart
-  const std::vector<std::vector<double>> expected = {
-      {x[0] + h, x[1]}, {x[0] + h - 2 * h, x[1]}, {restored, x[1] + h}, {restored, x[1] + h - 2 * h}, {x[0], x[1]}};
+  const std::vector<std::vector<double>> expected = {{x[0] + h, x[1]},
+                                                     {x[0] + h - 2 * h, x[1]},
+                                                     {restored, x[1] + h},
+                                                     {restored, x[1] + h - 2 * h},
+                                                     {x[0], x[1]}};
   EXPECT_EQ(f.seen, expected);
 }
 
@@ -149,7 +156,8 @@ TEST(NumericDerivatives, MatchTheTestObjective) {
   const unsigned int n = 5;
   LxOpt::LxTestF f(n);
   const double x[n] = {0.3, -0.8, 1.2, 0.5, -0.1};
-  std::vector<double> numeric(n, 0.0), analytic(n, 0.0), h(n * (n + 1) / 2, 0.0), exact(h.size(), 0.0);
+  std::vector<double> numeric(n, 0.0), analytic(n, 0.0), h(n * (n + 1) / 2, 0.0),
+      exact(h.size(), 0.0);
   LxOpt::NumericGradients(f, x, numeric.data());
   f(x, analytic.data());
   ExpectNear(numeric, analytic, 1e-6);
@@ -180,12 +188,13 @@ TEST(NumericDerivatives, BadInputWarnsAndReturnsNeutralResults) {
   EXPECT_FALSE(LxOpt::NumericHessian({}, nullptr));
   EXPECT_TRUE(LxOpt::NumericHessian({failed}, h.data()));
   EXPECT_EQ(h, std::vector<double>(10, 3.0));
-  EXPECT_EQ(capture.Texts(), (std::vector<std::string>{
-                                 "Index passed is outside the variables range",
-                                 "Hessian row or column number can't exceed Hessian dimension",
-                                 "Hessian row or column number can't exceed Hessian dimension",
-                                 "Numeriv Hessian failed: container with differential gradients is empty",
-                                 "Hessian array is not allocated"}));
+  EXPECT_EQ(capture.Texts(),
+            (std::vector<std::string>{
+                "Index passed is outside the variables range",
+                "Hessian row or column number can't exceed Hessian dimension",
+                "Hessian row or column number can't exceed Hessian dimension",
+                "Numeriv Hessian failed: container with differential gradients is empty",
+                "Hessian array is not allocated"}));
   for (const auto& m : capture.messages) EXPECT_EQ(m.level, LxOpt::LxMessageLevel::Warning);
 
   Polynomial none(false, 0);
@@ -200,7 +209,9 @@ TEST(NumericFunc1, GivesAValueOnlyObjectiveAGradient) {
   struct ValueOnly : LxOpt::LxFunc0 {
     unsigned int NumVar() const override { return 4; }
     double operator()(const double* x) override { return quadratic(x); }
-    std::vector<LxOpt::LxFComponent> GetFComponents(const double* x) override { return {{"q", (*this)(x)}}; }
+    std::vector<LxOpt::LxFComponent> GetFComponents(const double* x) override {
+      return {{"q", (*this)(x)}};
+    }
     Polynomial quadratic{false};
   } valueOnly;
   LxOpt::NumericFunc1 f(&valueOnly);

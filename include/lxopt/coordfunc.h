@@ -98,9 +98,9 @@ class LXOPT_API LxCoordQuatAdapt1 : public LxFunc1 {
   void SetReference(const double* ref);
 
   std::unique_ptr<LxCoordFunc1> func_;
-  std::vector<double> reference_;   // 3N, fixed after construction
-  std::vector<double> working_;     // 3N, the moved points
-  std::vector<double> coordGrad_;   // 3N, gradient over the moved points
+  std::vector<double> reference_;  // 3N, fixed after construction
+  std::vector<double> working_;    // 3N, the moved points
+  std::vector<double> coordGrad_;  // 3N, gradient over the moved points
 };
 
 // A chained curved valley of n variables with its unique minimum 0 at

@@ -239,7 +239,13 @@ class LXOPT_API MinfinderSamplePoints {
 //     value window, until 50 are kept; optimize each (skipping those that
 //     fell into an ellipsoid meanwhile), validate the result (RMS gradient
 //     <= 0.001, no lower random neighbour), then match it with a stored
-//     minimum or add it.
+//     minimum or add it. A result is a new minimum when it is valid, has
+//     FvalMinimaMin < f < FvalMinimaMax and f <= lowest + FvalMinimaWindow,
+//     its start point passes CheckVariablesValidity, it lies in the box and
+//     it matches no stored minimum: through func.IsRedundant with
+//     KeepDegenerateStates, otherwise by value within SamePointTolerance (so
+//     by default minima of equal value merge). A match widens the matched
+//     minimum's ellipsoid.
 // The search ends when a cycle needs all MaxSample draws, when the minima
 // store holds MaxNumOptPoints minima, when more than
 // ThresholdNumberOfNoChange local optimizations in a row of unproductive
@@ -423,7 +429,9 @@ class LXOPT_API LxMinfinder {
   bool SetKeepDegenerateStates(bool value) { return impl_->SetKeepDegenerateStates(value); }
   bool GetKeepDegenerateStates() const { return impl_->GetKeepDegenerateStates(); }
 
-  // See LxMinfinderImpl, including the warning about the first-minimum loop.
+  // See LxMinfinderImpl. WARNING: until the first minimum is found, Optimize
+  // draws start points without limit; it never returns for an objective none
+  // of whose minima passes the value ranges, the validity test and the box.
   bool Setup(LxFunc1& func, GetRandomVariables* generator, const std::vector<double>& lower,
              const std::vector<double>& upper) {
     return impl_->Setup(func, generator, lower, upper);

@@ -122,9 +122,10 @@ void LxCoordQuatAdapt1::ApplyTransform(double* coords, unsigned int count, const
     d *= scale;
     s = a * a + b * b + c * c + d * d;
   }
-  double m[9] = {a * a + b * b - c * c - d * d, 2.0 * (b * c - a * d), 2.0 * (a * c + b * d),
-                 2.0 * (b * c + a * d), a * a - b * b + c * c - d * d, 2.0 * (c * d - a * b),
-                 2.0 * (b * d - a * c), 2.0 * (c * d + a * b), a * a - b * b - c * c + d * d};
+  double m[9] = {
+      a * a + b * b - c * c - d * d, 2.0 * (b * c - a * d),         2.0 * (a * c + b * d),
+      2.0 * (b * c + a * d),         a * a - b * b + c * c - d * d, 2.0 * (c * d - a * b),
+      2.0 * (b * d - a * c),         2.0 * (c * d + a * b),         a * a - b * b - c * c + d * d};
   // The normalised s differs from 1 only by rounding; dividing by it keeps
   // the matrix as orthogonal as the arithmetic allows.
   if (s != 1.0 && s != 0.0)
@@ -142,8 +143,7 @@ void LxCoordQuatAdapt1::ApplyTransform(std::vector<double>& coords, const double
   ApplyTransform(coords.data(), static_cast<unsigned int>(coords.size() / 3), v);
 }
 
-void LxCoordQuatAdapt1::ApplyTransform(std::vector<double>& coords,
-                                       const std::vector<double>& v) {
+void LxCoordQuatAdapt1::ApplyTransform(std::vector<double>& coords, const std::vector<double>& v) {
   ApplyTransform(coords, v.data());
 }
 

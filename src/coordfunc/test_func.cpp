@@ -5,7 +5,8 @@ namespace LxOpt {
 
 LxTestF::LxTestF(unsigned int n) : n_(new unsigned int(n)) {}
 
-LxTestF::LxTestF(const LxTestF& other) : LxFunc0(other), LxFunc1(other), n_(new unsigned int(*other.n_)) {}
+LxTestF::LxTestF(const LxTestF& other)
+    : LxFunc0(other), LxFunc1(other), n_(new unsigned int(*other.n_)) {}
 
 LxTestF& LxTestF::operator=(const LxTestF& other) {
   *n_ = *other.n_;

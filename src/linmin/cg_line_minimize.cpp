@@ -30,14 +30,16 @@ bool LxCGLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
   double* const gt = xt + n;
 
   const double f0 = *fval;
-  const double slope0 = detail::Dot(grad0, dir, n);
-  const detail::LinePoint origin{0.0, f0, slope0};
+  double slope0 = 0.0;  // grad0 . dir, formed in the first trial's pass
+  detail::LinePoint origin{0.0, f0, 0.0};
   detail::LinePoint prev = origin;
   double a = std::fmax(kMinStep, *step);
-  detail::LineSample trial{f0, slope0};
+  detail::LineSample trial{f0, 0.0};
 
   for (unsigned int left = kMaxTrials; left > 0; --left) {
-    trial = detail::SampleLine(func, n, x0, dir, a, xt, gt);
+    const bool first = left == kMaxTrials;
+    trial = detail::SampleLine(func, n, x0, dir, a, xt, gt, first ? grad0 : nullptr, &slope0);
+    if (first) prev = origin = {0.0, f0, slope0};
     // Overshot while still descending: shorten and restart from the origin.
     if (trial.slope < 0.0 && trial.value > f0) {
       a /= 3.0;
@@ -49,7 +51,6 @@ bool LxCGLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
     // curvature test alone never ends the search there.
     if (!(trial.value > f0 + kSufficientDecrease * a * slope0)) {
       const double r = std::fabs(trial.slope / slope0);
-      const bool first = left == kMaxTrials;
       if (!(r > kCurvature || (first && r > kFirstTrialCurvature))) break;
     }
     const detail::LinePoint cur{a, trial.value, trial.slope};

@@ -30,14 +30,16 @@ bool LxQNLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
   double* const gt = xt + n;
 
   const double f0 = *fval;
-  const double slope0 = detail::Dot(grad0, dir, n);
-  const detail::LinePoint origin{0.0, f0, slope0};
+  double slope0 = 0.0;  // grad0 . dir, formed in the first trial's pass
+  detail::LinePoint origin{0.0, f0, 0.0};
   detail::LinePoint prev = origin;
   double a = std::fmax(minStep_, *step);
-  detail::LineSample trial{f0, slope0};  // no trial at all (maxTrials 0) fails
+  detail::LineSample trial{f0, 0.0};  // no trial at all (maxTrials 0) fails
 
   for (unsigned int t = 0; t < maxTrials_; ++t) {
-    trial = detail::SampleLine(func, n, x0, dir, a, xt, gt);
+    const bool first = t == 0;
+    trial = detail::SampleLine(func, n, x0, dir, a, xt, gt, first ? grad0 : nullptr, &slope0);
+    if (first) prev = origin = {0.0, f0, slope0};
     // Overshot while still descending: shorten and restart from the origin.
     if (trial.slope < 0.0 && trial.value > f0) {
       a /= 3.0;

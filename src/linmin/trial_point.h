@@ -24,12 +24,27 @@ inline void FormTrialPoint(std::size_t n, const double* x0, const double* dir, d
   for (std::size_t i = 0; i < n; ++i) xt[i] = x0[i] + a * dir[i];
 }
 
-// Forms xt = x0 + a * dir, evaluates value and gradient there (gt zeroed
-// first) and returns the value with the slope dir . gt: one evaluation.
+// Forms xt = x0 + a * dir and zeroes gt in one pass, evaluates value and
+// gradient there and returns the value with the slope dir . gt: one
+// evaluation. When grad0 is given, the same pass also stores grad0 . dir, the
+// slope at x0, in *slope0 (the first trial of a search).
 inline LineSample SampleLine(LxFunc1& func, std::size_t n, const double* x0,
-                             const double* dir, double a, double* xt, double* gt) {
-  FormTrialPoint(n, x0, dir, a, xt);
-  Zero(gt, n);
+                             const double* dir, double a, double* xt, double* gt,
+                             const double* grad0 = nullptr, double* slope0 = nullptr) {
+  if (grad0 != nullptr) {
+    double s0 = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+      xt[i] = x0[i] + a * dir[i];
+      gt[i] = 0.0;
+      s0 += grad0[i] * dir[i];
+    }
+    *slope0 = s0;
+  } else {
+    for (std::size_t i = 0; i < n; ++i) {
+      xt[i] = x0[i] + a * dir[i];
+      gt[i] = 0.0;
+    }
+  }
   const double value = func(xt, gt);
   return {value, Dot(dir, gt, n)};
 }

@@ -50,9 +50,9 @@ int LxCheckEigenvalues(unsigned int n, const double* packed) {
 }
 
 int LxCheckEigenvalues(unsigned int n, const Eigen::MatrixXd& h) {
+  if (n == 0) return 1;  // the solver is not given an empty matrix
   Eigen::VectorXd values;
   if (!Eigenvalues(h, values)) return 0;
-  if (n == 0) return 1;
   return CheckNoneBelowMostNegative(values);
 }
 
@@ -61,9 +61,9 @@ int LxCheckMMFFEigenvalues(unsigned int n, const double* packed) {
 }
 
 int LxCheckMMFFEigenvalues(unsigned int n, const Eigen::MatrixXd& h) {
+  if (n == 0) return 1;  // the solver is not given an empty matrix
   Eigen::VectorXd values;
   if (!Eigenvalues(h, values)) return 0;
-  if (n == 0) return 1;
   if (CheckNoneBelowMostNegative(values) == 0) return 0;
   if (n <= kRigidBodyModes) return 1;
   for (Eigen::Index i = kRigidBodyModes; i < values.size(); ++i) {

@@ -60,9 +60,8 @@ class IterationBudget {
 
 // Symmetric LDLT with diagonal pivoting whose small pivots are repaired:
 // A = P^T L D L^T P; every D_i < 0.001 becomes 1000.0, then
-// A' = P^T L D' L^T P is rebuilt from the factors and factorized again.
-// Every matrix is sized once in the constructor; Factorize and Solve do not
-// allocate.
+// A' = P^T L D' L^T P is formed and factorized again. Every matrix is sized
+// once in the constructor; Factorize and Solve do not allocate.
 class RepairedLdlt {
  public:
   static constexpr double kSmallestPivot = 0.001;
@@ -70,7 +69,8 @@ class RepairedLdlt {
 
   explicit RepairedLdlt(Eigen::Index n);
 
-  // Factorizes a (its lower triangle is read); true when pivots were repaired.
+  // Factorizes the symmetric a (only its lower triangle is read); true when
+  // pivots were repaired.
   bool Factorize(const Eigen::MatrixXd& a);
 
   // x = A'^{-1} b with the last factorization (A' = A when healthy). x may be
@@ -81,12 +81,12 @@ class RepairedLdlt {
   }
 
  private:
-  void RebuildRepaired();
+  void BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repairedCount);
 
   Eigen::LDLT<Eigen::MatrixXd> ldlt_;
   Eigen::MatrixXd repaired_;
   Eigen::MatrixXd scratch_;
-  Eigen::VectorXd pivots_;
+  Eigen::VectorXi repairedPivots_;  // ascending pivot positions
 };
 
 }  // namespace detail

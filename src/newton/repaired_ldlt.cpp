@@ -1,13 +1,15 @@
 // LDLT with diagonal pivoting (A = P^T L D L^T P) and the repair of small
 // pivots: D_i < 0.001 becomes 1000.0, which turns those directions into very
-// short steps; A' = P^T L D' L^T P is rebuilt and factorized again.
+// short steps; A' = P^T L D' L^T P is formed and factorized again.
 //
-// The rebuild is the costly part of a repaired step. With S = L sqrt(D')
-// (every D'_i >= 0.001 > 0 after the repair), L D' L^T = S S^T, and because S
-// is lower triangular only its tiles left of the diagonal enter: the lower
-// triangle costs n^3 / 3 multiply-adds in 64 x 64 tile products. Tiles that
-// small keep the product kernel's packing buffers on the stack, so nothing
-// is allocated.
+// A' differs from A only through the repaired pivots:
+//   P A' P^T = L D' L^T = P A P^T + sum_{k repaired} (D'_k - D_k) l_k l_k^T,
+// with l_k the k-th column of L (zero above row k). So A' is formed in the
+// pivoted order as P A P^T plus V V^T, V = [l_k sqrt(D'_k - D_k)] (every
+// D'_k - D_k > 999 > 0), and permuted back. The update runs in 64 x 64 tile
+// products that skip the zero rows of V: r repaired pivots cost at most
+// r n^2 / 2 multiply-adds, all n of them n^3 / 3. Tiles that small keep the
+// product kernel's packing buffers on the stack, so nothing is allocated.
 #include <algorithm>
 #include <cmath>
 
@@ -19,60 +21,69 @@ namespace {
 
 constexpr Eigen::Index kTile = 64;
 
+// m(j, i) = m(i, j) for i > j.
+void MirrorLowerTriangle(Eigen::MatrixXd& m) {
+  for (Eigen::Index j = 0; j < m.cols(); ++j)
+    for (Eigen::Index i = j + 1; i < m.rows(); ++i) m(j, i) = m(i, j);
+}
+
 }  // namespace
 
 RepairedLdlt::RepairedLdlt(Eigen::Index n)
     : ldlt_(n), repaired_(Eigen::MatrixXd::Zero(n, n)), scratch_(Eigen::MatrixXd::Zero(n, n)),
-      pivots_(n) {}
+      repairedPivots_(n) {}
 
 bool RepairedLdlt::Factorize(const Eigen::MatrixXd& a) {
   ldlt_.compute(a);
-  pivots_ = ldlt_.vectorD();
-  bool repaired = false;
-  for (Eigen::Index i = 0; i < pivots_.size(); ++i) {
-    if (pivots_(i) < kSmallestPivot) {
-      pivots_(i) = kRepairedPivot;
-      repaired = true;
-    }
-  }
-  if (repaired) {
-    RebuildRepaired();
-    ldlt_.compute(repaired_);
-  }
-  return repaired;
+  const auto pivots = ldlt_.vectorD();
+  Eigen::Index count = 0;
+  for (Eigen::Index k = 0; k < pivots.size(); ++k)
+    if (pivots(k) < kSmallestPivot) repairedPivots_(count++) = static_cast<int>(k);
+  if (count == 0) return false;
+  BuildRepaired(a, count);
+  ldlt_.compute(repaired_);
+  return true;
 }
 
-void RepairedLdlt::RebuildRepaired() {
-  const Eigen::Index n = pivots_.size();
-  const Eigen::MatrixXd& factors = ldlt_.matrixLDLT();  // L below the diagonal
+void RepairedLdlt::BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repairedCount) {
+  const Eigen::Index n = a.rows();
+  const Eigen::MatrixXd& factors = ldlt_.matrixLDLT();  // L strictly below the diagonal
+  const auto pivots = ldlt_.vectorD();
 
-  // scratch = S = L sqrt(D'), zero above the diagonal.
-  for (Eigen::Index j = 0; j < n; ++j) {
-    const double root = std::sqrt(pivots_(j));
-    scratch_.col(j).head(j).setZero();
-    scratch_(j, j) = root;
-    scratch_.col(j).tail(n - j - 1) = factors.col(j).tail(n - j - 1) * root;
+  // V in the first columns of scratch, in ascending pivot order.
+  for (Eigen::Index j = 0; j < repairedCount; ++j) {
+    const Eigen::Index k = repairedPivots_(j);
+    const double root = std::sqrt(kRepairedPivot - pivots(k));
+    auto column = scratch_.col(j);
+    column.head(k).setZero();
+    column(k) = root;
+    column.tail(n - k - 1) = factors.col(k).tail(n - k - 1) * root;
   }
 
-  // Lower triangle of M = S S^T: tile (I, J), I >= J, sums S_IK S_JK^T over
-  // K <= J (S_JK is zero for K > J).
+  // repaired = P A P^T (A = T^T M T for the transpositions T).
+  repaired_ = a;
+  repaired_ = ldlt_.transpositionsP() * repaired_;
+  repaired_ = repaired_ * ldlt_.transpositionsP().transpose();
+
+  // Lower triangle += V V^T, tile (I, J) with I >= J. Only the columns of V
+  // whose pivot lies above the end of block J reach it; they lead V.
+  Eigen::Index reaching = 0;
   for (Eigen::Index j0 = 0; j0 < n; j0 += kTile) {
     const Eigen::Index bj = std::min(kTile, n - j0);
+    while (reaching < repairedCount && repairedPivots_(reaching) < j0 + bj) ++reaching;
     for (Eigen::Index i0 = j0; i0 < n; i0 += kTile) {
       const Eigen::Index bi = std::min(kTile, n - i0);
       auto tile = repaired_.block(i0, j0, bi, bj);
-      tile.setZero();
-      for (Eigen::Index k0 = 0; k0 <= j0; k0 += kTile) {
-        const Eigen::Index bk = std::min(kTile, n - k0);
+      for (Eigen::Index c0 = 0; c0 < reaching; c0 += kTile) {
+        const Eigen::Index bc = std::min(kTile, reaching - c0);
         tile.noalias() +=
-            scratch_.block(i0, k0, bi, bk) * scratch_.block(j0, k0, bj, bk).transpose();
+            scratch_.block(i0, c0, bi, bc) * scratch_.block(j0, c0, bj, bc).transpose();
       }
     }
   }
-  for (Eigen::Index j = 0; j < n; ++j)
-    for (Eigen::Index i = j + 1; i < n; ++i) repaired_(j, i) = repaired_(i, j);
+  MirrorLowerTriangle(repaired_);
 
-  // A' = P^T M P, rows then columns swapped in place.
+  // A' = P^T (L D' L^T) P.
   repaired_ = ldlt_.transpositionsP().transpose() * repaired_;
   repaired_ = repaired_ * ldlt_.transpositionsP();
 }

@@ -29,15 +29,16 @@ double* LxBFGSOpt::KeptMatrix::Acquire(unsigned int n) {
   if (o.startFromStored_ && o.storedHessian_ != nullptr &&
       o.storedCount_ == static_cast<std::size_t>(n) * n) {
     std::memcpy(h, o.storedHessian_, sizeof(double) * o.storedCount_);
+    detail::PackInPlace(h, n);
   } else {
-    detail::SetIdentityLower(h, n);
+    detail::SetIdentityPacked(h, n);
   }
   return h;
 }
 
 void LxBFGSOpt::KeptMatrix::Restart(double* h, unsigned int n) {
   // With the Hessian kept the search restarts from the current H on purpose.
-  detail::SetIdentityLower(h, n);
+  if (!owner_.keepHessian_) detail::SetIdentityPacked(h, n);
 }
 
 void LxBFGSOpt::KeptMatrix::Keep(const double* h, unsigned int n, double) {
@@ -55,7 +56,7 @@ void LxBFGSOpt::KeptMatrix::Keep(const double* h, unsigned int n, double) {
   o.storedCount_ = o.hessianDim_;
   // count is n * n in 32 bits; past n = 65535 it wraps and only the values
   // that fit are stored.
-  detail::Mirror(h, n, o.storedHessian_, count);
+  detail::Unpack(h, n, o.storedHessian_, count);
 }
 
 LxBFGSOpt::LxBFGSOpt() = default;

@@ -32,6 +32,7 @@ class LxBFGSModOpt::CarriedMatrix : public LxBFGSOpt::KeptMatrix {
       return nullptr;
     }
     mod_.SetHessian(h, mod_.persistent_, n);
+    detail::PackInPlace(h, n);
     return h;
   }
 
@@ -41,7 +42,7 @@ class LxBFGSModOpt::CarriedMatrix : public LxBFGSOpt::KeptMatrix {
 
   void Keep(const double* h, unsigned int n, double step) override {
     KeptMatrix::Keep(h, n, step);
-    detail::Mirror(h, n, mod_.persistent_, static_cast<std::size_t>(n) * n);
+    detail::Unpack(h, n, mod_.persistent_, static_cast<std::size_t>(n) * n);
     mod_.restart_ = false;
     mod_.savedStep_ = step;
   }

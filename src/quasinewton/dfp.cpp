@@ -30,7 +30,7 @@ class DFPMatrix : public detail::QuasiNewtonMatrix {
       h_ = nullptr;
       return nullptr;
     }
-    detail::SetIdentityLower(h_, n);
+    detail::SetIdentityPacked(h_, n);
     return h_;
   }
 

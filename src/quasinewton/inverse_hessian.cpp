@@ -1,5 +1,7 @@
-// Passes over the lower triangle of the inverse-Hessian approximation. Each
-// row is processed once, contiguously: its dot product with a vector gives
+// Passes over the packed lower triangle of the inverse-Hessian approximation.
+// The rows follow one another without gaps, so a pass is one sequential stream
+// (measured: reading the rows of the lower triangle in place in an n x n array
+// costs about as much as reading the whole array). Each row is processed once: its dot product with a vector gives
 // the row's own entry of the product, and an axpy adds the row's share to the
 // entries above it (the upper triangle's contribution, by symmetry). Dot
 // products use four partial sums so that they vectorise without reassociation
@@ -58,12 +60,14 @@ inline double UpdateDotAndAxpy(double* __restrict row, std::size_t len,
   return (s0 + s1) + (s2 + s3);
 }
 
+inline std::size_t RowStart(unsigned int i) { return static_cast<std::size_t>(i) * (i + 1) / 2; }
+
 template <bool kThirdTerm>
 void UpdateRows(double* h, unsigned int n, const double* s, const double* p, const double* u,
                 double a, double b, double c, const double* v, double* out) {
   for (unsigned int i = 0; i < n; ++i) out[i] = 0.0;
   for (unsigned int i = 0; i < n; ++i) {
-    double* row = h + static_cast<std::size_t>(i) * n;
+    double* row = h + RowStart(i);
     const double fs = a * s[i], fp = b * p[i], fu = kThirdTerm ? c * u[i] : 0.0;
     const double below = UpdateDotAndAxpy<kThirdTerm>(row, i, s, fs, p, fp, u, fu, v, v[i], out);
     double diagonal = row[i] + fs * s[i] + fp * p[i];
@@ -75,9 +79,9 @@ void UpdateRows(double* h, unsigned int n, const double* s, const double* p, con
 
 }  // namespace
 
-void SetIdentityLower(double* h, unsigned int n) {
+void SetIdentityPacked(double* h, unsigned int n) {
   for (unsigned int i = 0; i < n; ++i) {
-    double* row = h + static_cast<std::size_t>(i) * n;
+    double* row = h + RowStart(i);
     for (unsigned int j = 0; j < i; ++j) row[j] = 0.0;
     row[i] = 1.0;
   }
@@ -92,7 +96,7 @@ void SetIdentityFull(double* h, unsigned int n) {
 void SymmetricProduct(const double* h, unsigned int n, const double* v, double* out) {
   for (unsigned int i = 0; i < n; ++i) out[i] = 0.0;
   for (unsigned int i = 0; i < n; ++i) {
-    const double* row = h + static_cast<std::size_t>(i) * n;
+    const double* row = h + RowStart(i);
     out[i] += DotAndAxpy(row, i, v, v[i], out) + row[i] * v[i];
   }
 }
@@ -106,20 +110,30 @@ void UpdateAndMultiply(double* h, unsigned int n, const double* s, const double*
     UpdateRows<false>(h, n, s, p, u, a, b, c, v, out);
 }
 
-void Mirror(const double* h, unsigned int n, double* full, std::size_t count) {
-  // Tiles keep both the rows read and the columns written in cache.
+void PackInPlace(double* h, unsigned int n) {
+  // Every value moves to a lower or equal index, in increasing order, so no
+  // value is overwritten before it is read.
+  for (unsigned int i = 1; i < n; ++i) {
+    const double* from = h + static_cast<std::size_t>(i) * n;
+    double* to = h + RowStart(i);
+    for (unsigned int j = 0; j <= i; ++j) to[j] = from[j];
+  }
+}
+
+void Unpack(const double* h, unsigned int n, double* full, std::size_t count) {
+  // Tiles keep the columns being written in cache.
   constexpr unsigned int kTile = 64;
   for (unsigned int i0 = 0; i0 < n; i0 += kTile) {
     const unsigned int i1 = i0 + kTile < n ? i0 + kTile : n;
     for (unsigned int j0 = 0; j0 <= i0; j0 += kTile) {
       for (unsigned int i = i0; i < i1; ++i) {
+        const double* row = h + RowStart(i);
         const unsigned int j1 = j0 + kTile < i + 1 ? j0 + kTile : i + 1;
         for (unsigned int j = j0; j < j1; ++j) {
-          const double value = h[static_cast<std::size_t>(i) * n + j];
           const std::size_t lower = static_cast<std::size_t>(i) * n + j;
           const std::size_t upper = static_cast<std::size_t>(j) * n + i;
-          if (lower < count) full[lower] = value;
-          if (upper < count) full[upper] = value;
+          if (lower < count) full[lower] = row[j];
+          if (upper < count) full[upper] = row[j];
         }
       }
     }

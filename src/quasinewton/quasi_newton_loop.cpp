@@ -45,7 +45,7 @@ QuasiNewtonMatrix::~QuasiNewtonMatrix() = default;
 
 double QuasiNewtonMatrix::FirstStep(double gg) const { return std::sqrt(1.0 / gg); }
 
-void QuasiNewtonMatrix::Restart(double* h, unsigned int n) { SetIdentityLower(h, n); }
+void QuasiNewtonMatrix::Restart(double* h, unsigned int n) { SetIdentityPacked(h, n); }
 
 void QuasiNewtonMatrix::Keep(const double*, unsigned int, double) {}
 

@@ -23,15 +23,16 @@ class QuasiNewtonMatrix {
       : update_(update), nullGradientOnNoOpt_(nullGradientOnNoOpt) {}
   virtual ~QuasiNewtonMatrix();
 
-  // Obtains the n x n working matrix and sets its lower triangle to the
-  // starting H. Returns nullptr after reporting a failure. The matrix lives
-  // until this object is destroyed.
+  // Obtains the n x n working block and leaves the starting H in it, packed
+  // (see inverse_hessian.h). Returns nullptr after reporting a failure. The
+  // block lives until this object is destroyed.
   virtual double* Acquire(unsigned int n) = 0;
   // Trial step of the first search (sum g^2 = gg at the start).
   virtual double FirstStep(double gg) const;
   // After a failed search that followed an update. Default: H := I.
   virtual void Restart(double* h, unsigned int n);
-  // On every exit after Acquire, with the trial step of that moment.
+  // On every exit after Acquire, with the packed H and the trial step of
+  // that moment.
   virtual void Keep(const double* h, unsigned int n, double step);
 
   QuasiNewtonUpdate update() const { return update_; }

@@ -41,8 +41,12 @@ std::vector<double> ValleyStart(unsigned int n) {
 }
 
 Problem TestProblem(int order, unsigned int n) {
-  return Problem{order, "test function n=" + std::to_string(n),
-                 [n] { return std::make_unique<TestFunction>(n); }, ValleyStart(n), true, 0.0};
+  return Problem{order,
+                 "test function n=" + std::to_string(n),
+                 [n] { return std::make_unique<TestFunction>(n); },
+                 ValleyStart(n),
+                 true,
+                 0.0};
 }
 
 // sum_k |x_k - target_k|² over the points' coordinates.
