@@ -381,6 +381,24 @@ INSTANTIATE_TEST_SUITE_P(History, Convergence,
                                            ConvergenceCase{"history", true}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+TEST(GeometryDriver, HistoryStepsShortenTheRunOnACoupledQuadratic) {
+  // With 12 variables six points are kept; subspace steps solve the quadratic
+  // model within their span, so the history run needs fewer cycles.
+  lxtest::CoupledQuadratic quad(12);
+  unsigned int cycles[2] = {0, 0};
+  for (bool history : {false, true}) {
+    LxBFGSOptimizer opt;
+    opt.SetHistory(history);
+    opt.SetTolerance(1e-8);
+    Recorder rec;
+    const std::vector<double> start(12, 0.0);
+    std::vector<double> out(12);
+    opt(quad, &rec, start.data(), out.data());
+    cycles[history] = rec.calls.back().iter;
+  }
+  EXPECT_LT(cycles[1], cycles[0]);
+}
+
 TEST(GeometryDriver, KeepHessianStoresThePackedInverseThatMeetsTheLastSecant) {
   lxtest::CoupledQuadratic quad(4);
   LxBFGSOptimizer opt;

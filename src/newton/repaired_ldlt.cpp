@@ -60,10 +60,12 @@ void RepairedLdlt::BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repaired
     column.tail(n - k - 1) = factors.col(k).tail(n - k - 1) * root;
   }
 
-  // repaired = P A P^T (A = T^T M T for the transpositions T).
+  // repaired = P A P^T. The factorization swapped rows and columns k and
+  // t_k for k = 0, 1, ...; "T * M" and "M * T" repeat those swaps in that
+  // order, their transposes undo them in reverse order.
   repaired_ = a;
   repaired_ = ldlt_.transpositionsP() * repaired_;
-  repaired_ = repaired_ * ldlt_.transpositionsP().transpose();
+  repaired_ = repaired_ * ldlt_.transpositionsP();
 
   // Lower triangle += V V^T, tile (I, J) with I >= J. Only the columns of V
   // whose pivot lies above the end of block J reach it; they lead V.
@@ -85,7 +87,7 @@ void RepairedLdlt::BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repaired
 
   // A' = P^T (L D' L^T) P.
   repaired_ = ldlt_.transpositionsP().transpose() * repaired_;
-  repaired_ = repaired_ * ldlt_.transpositionsP();
+  repaired_ = repaired_ * ldlt_.transpositionsP().transpose();
 }
 
 }  // namespace detail

@@ -21,13 +21,21 @@ void SetIdentityFull(double* h, unsigned int n);
 // out := H v, reading the packed triangle once.
 void SymmetricProduct(const double* h, unsigned int n, const double* v, double* out);
 
-// Symmetric rank-two or rank-three update of the packed triangle, fused with the product
-// of the new matrix and v, in one read-and-write pass over the triangle:
-//   H_ij += (a s_i) s_j + (b p_i) p_j + (c u_i) u_j,   out := H_new v.
-// With u == nullptr the third term is left out.
+// The update H += [s p] M [s p]' with the symmetric 2 x 2 matrix
+// M = [ss sp; sp pp]. Both formulas take this form:
+//   DFP   H += a s s' + b p p'                      M = [a 0; 0 b]
+//   BFGS  H += a s s' + b p p' + c u u',  u = a s + b p,
+//                                   M = [a + c a^2, c a b; c a b, b + c b^2]
+// (with p = H y, a = 1/s.y, b = -1/yHy, c = yHy), so each entry costs two
+// products whichever formula is used.
+struct SymmetricUpdate {
+  double ss, sp, pp;
+};
+
+// Applies the update to the packed triangle and forms out := H_new v in the
+// same read-and-write pass.
 void UpdateAndMultiply(double* h, unsigned int n, const double* s, const double* p,
-                       const double* u, double a, double b, double c, const double* v,
-                       double* out);
+                       const SymmetricUpdate& m, const double* v, double* out);
 
 // Turns the row-major n x n matrix in h into its packed lower triangle, in
 // place.

@@ -17,7 +17,8 @@ namespace detail {
 namespace {
 
 // Vectors of one run: current gradient, direction, the line search's gradient
-// at the accepted point, step, gradient change, H y and the BFGS vector u.
+// at the accepted point, step, gradient change and H y; the seventh is spare
+// (the BFGS vector u never needs to be formed, see inverse_hessian.h).
 constexpr std::size_t kScratchVectors = 7;
 
 void Negate(const double* from, double* to, unsigned int n) {
@@ -68,7 +69,6 @@ double RunQuasiNewton(const LxQNSettings& settings, QuasiNewtonMatrix& matrix, u
   double* const s = w + n;
   double* const y = s + n;
   double* const hy = y + n;
-  double* const u = hy + n;
 
   double* const x = out;
   if (out != in && n != 0) std::memmove(out, in, sizeof(double) * n);
@@ -127,12 +127,12 @@ double RunQuasiNewton(const LxQNSettings& settings, QuasiNewtonMatrix& matrix, u
     if (sy == 0.0 || yHy == 0.0) return finish(k, kLxDone);
     const double a = 1.0 / sy;
     const double b = -1.0 / yHy;
+    SymmetricUpdate m{a, 0.0, b};
     if (matrix.update() == QuasiNewtonUpdate::kBFGS) {
-      for (unsigned int i = 0; i < n; ++i) u[i] = a * s[i] + b * hy[i];
-      UpdateAndMultiply(h, n, s, hy, u, a, b, yHy, g, d);
-    } else {
-      UpdateAndMultiply(h, n, s, hy, nullptr, a, b, 0.0, g, d);
+      const double c = yHy;  // weight of u u', u = a s + b Hy
+      m = {a + c * a * a, c * a * b, b + c * b * b};
     }
+    UpdateAndMultiply(h, n, s, hy, m, g, d);
     Negate(d, d, n);  // d = -H g
 
     // Scale the trial step by the ratio of the previous slope to the new one.
