@@ -34,6 +34,16 @@ bench: deps
 	cmake --build $(BENCH_BUILD) -j$(JOBS)
 	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
 
+# LxOpt next to GSL multimin, dlib and scipy.optimize on one problem set, and
+# per-iteration scaling; writes bench/results/ and docs/performance.md.
+.PHONY: bench-peers
+bench-peers: deps
+	@bash scripts/install-peer-deps.sh
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DLXOPT_BUILD_BENCH=ON \
+		-DLXOPT_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build $(BENCH_BUILD) -j$(JOBS) --target peer_compare peer_scaling lxbench_problems
+	bash scripts/run-peer-bench.sh $(BENCH_BUILD)
+
 install: build
 	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))
 

@@ -134,20 +134,27 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs)
       if (run.run_type == Run::RT_Iteration && !run.error_occurred)
-        times[run.run_name.function_name + "/" + run.run_name.args] = run.GetAdjustedRealTime();
+        times[run.run_name.function_name + "/" + run.run_name.args] = {run.GetAdjustedRealTime(),
+                                                                      run.GetAdjustedCPUTime()};
     ConsoleReporter::ReportRuns(runs);
   }
-  std::map<std::string, double> times;
+  std::map<std::string, std::pair<double, double>> times;  // real, CPU
 };
 
-double Iteration(const std::map<std::string, double>& t, const std::string& name, int n) {
-  const std::string base = name + "/" + std::to_string(n) + "/";
-  return t.at(base + "2") - t.at(base + "1");
+using Times = std::map<std::string, std::pair<double, double>>;
+
+// Real and CPU time of one iteration: limit 2 minus limit 1.
+std::pair<double, double> Iteration(const Times& t, const std::string& name, const std::string& n) {
+  const auto& two = t.at(name + n + "/2");
+  const auto& one = t.at(name + n + "/1");
+  return {two.first - one.first, two.second - one.second};
 }
 
-void PrintRatios(const std::map<std::string, double>& t) {
-  std::printf("\n%6s %12s %12s %8s %12s %8s   (ms; goal: healthy <= 1.2, repaired <= 2.3)\n",
-              "n", "LDLT+solve", "healthy", "ratio", "repaired", "ratio");
+void PrintRatios(const Times& t) {
+  std::printf("\nOne Newton iteration / one LDLT factorization and solve"
+              " (goal: healthy <= 1.2, repaired <= 2.3)\n");
+  std::printf("%6s %12s %12s %12s %14s %14s\n", "n", "LDLT ms", "healthy ms", "repaired ms",
+              "healthy ratio", "repaired ratio");
   for (int n : kSizes) {
     const std::string size = std::to_string(n);
     const std::string ldlt = "BM_Ldlt/" + size;
@@ -155,11 +162,15 @@ void PrintRatios(const std::map<std::string, double>& t) {
     for (const char* name : {"BM_NewtonHealthy/", "BM_NewtonRepaired/"})
       for (const char* limit : {"/1", "/2"}) complete = complete && t.count(name + size + limit) > 0;
     if (!complete) continue;
-    const double base = t.at(ldlt);
-    const double healthy = Iteration(t, "BM_NewtonHealthy", n);
-    const double repaired = Iteration(t, "BM_NewtonRepaired", n);
-    std::printf("%6d %12.3f %12.3f %8.2f %12.3f %8.2f\n", n, base, healthy, healthy / base,
-                repaired, repaired / base);
+    const auto base = t.at(ldlt);
+    const auto healthy = Iteration(t, "BM_NewtonHealthy/", size);
+    const auto repaired = Iteration(t, "BM_NewtonRepaired/", size);
+    std::printf("%6d %12.3f %12.3f %12.3f %8.2f (cpu) %8.2f (cpu)\n", n, base.second,
+                healthy.second, repaired.second, healthy.second / base.second,
+                repaired.second / base.second);
+    std::printf("%6s %12.3f %12.3f %12.3f %8.2f (real)%8.2f (real)\n", "", base.first,
+                healthy.first, repaired.first, healthy.first / base.first,
+                repaired.first / base.first);
   }
 }
 

@@ -32,8 +32,12 @@ std::vector<double> SecondPoint(const std::vector<double>& start) {
   return x;
 }
 
+// Rounding noise of a central difference of values of size |v| with step h.
+double Noise(double v, double h) { return 1e-15 * std::fabs(v) / h; }
+
 // The largest gap between the gradient and central differences of the value,
-// relative to the largest gradient component (at least 1).
+// beyond the differences' rounding noise, relative to the largest gradient
+// component (at least 1).
 double GradientError(Problem& p, std::vector<double> x) {
   const size_t n = x.size();
   std::vector<double> g(n, 0.0);
@@ -47,7 +51,8 @@ double GradientError(Problem& p, std::vector<double> x) {
     x[i] = xi - h;
     const double down = p(x.data());
     x[i] = xi;
-    worst = std::max(worst, std::fabs((up - down) / (2.0 * h) - g[i]));
+    const double gap = std::fabs((up - down) / (2.0 * h) - g[i]);
+    worst = std::max(worst, gap - Noise(std::max(std::fabs(up), std::fabs(down)), h));
   }
   return worst / std::max(1.0, MaxAbs(g));
 }
@@ -72,8 +77,10 @@ double HessianError(Problem& p, std::vector<double> x) {
     p(x.data(), down.data());
     x[j] = xj;
     // Column j of the full matrix: rows i >= j in the packed lower triangle.
-    for (size_t i = j; i < n; ++i)
-      worst = std::max(worst, std::fabs((up[i] - down[i]) / (2.0 * h) - packed[i * (i + 1) / 2 + j]));
+    for (size_t i = j; i < n; ++i) {
+      const double gap = std::fabs((up[i] - down[i]) / (2.0 * h) - packed[i * (i + 1) / 2 + j]);
+      worst = std::max(worst, gap - Noise(std::max(std::fabs(up[i]), std::fabs(down[i])), h));
+    }
   }
   return worst / std::max(1.0, MaxAbs(packed));
 }

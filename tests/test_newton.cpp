@@ -697,6 +697,11 @@ class MallocWatch : public LxCheckpoint1 {
 
 TEST(NewtonAllocation, IterationsDoNotAllocate) {
 #if NEWTON_TEST_COUNTS_MALLOC
+  const long before = mallocCount.load();
+  auto probe = std::make_unique<std::vector<double>>(1000);
+  ASSERT_GT(mallocCount.load(), before) << "malloc is not interposed; the test would prove nothing";
+  probe.reset();
+
   const int n = 100;  // two 64-wide tiles
   MtRng rng;
   LxUniformDoubleRNG uniform(-1.0, 1.0);

@@ -124,7 +124,10 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //               curvature c2 = 0.9) with safeguarded cubic interpolation
 //               (Nocedal & Wright, Numerical Optimization, 2nd ed., alg. 3.5
 //               and 3.6), each trial limited to a largest coordinate move of
-//               0.5; the bracket stops shrinking at the cycle's accuracy.
+//               0.5 (the first trial after a restart moves it by 0.1); the
+//               bracket stops shrinking at the cycle's accuracy (0.01 in the
+//               first cycle, then 0.002 / 0.005 / 0.01 for value changes up
+//               to 1 / up to 5 / above).
 //   update      BFGS update of the inverse Hessian (N&W eq. 6.17), skipped
 //               unless s.y > 1e-10 |s| |y|; H is scaled by s.y / y.y before
 //               its first update after a (re)start (N&W eq. 6.20).
@@ -147,12 +150,14 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //          state 12, then the final state.
 //   tests  d <= e2: state 7; else |dE| <= e1: state 8; else |g| <= c tol:
 //          state 9. After any of them: every |g_i| <= tol ends the run;
-//          otherwise state 10 (gnorm argument = tol). Six such reports in a row
-//          whose values stay within 0.01 of the first: state 5 (fval argument
-//          = 0.01), the gradient is cleared and the run ends with no final
+//          otherwise state 10 (gnorm argument = tol). The sixth such report
+//          (the count restarts when the value moves more than 0.01 from the
+//          one at the count's first report) adds state 5 (fval argument =
+//          0.01); the gradient is cleared and the run ends with no final
 //          state.
 //   else   at the iteration limit the run ends; otherwise state 0.
-// Final state: 6 at the iteration limit, else 11. A search that finds no
+// Final state: 6 at the iteration limit (a limit of 0 allows no cycle and
+// reports 6 at iteration 0), else 11. A search that finds no
 // lower point even from a restarted H reports 3, a direction that cannot be
 // formed (gradient not finite or zero) reports 4; both end with no final
 // state. Every exit after the start re-evaluates the value (value only) at the

@@ -55,8 +55,12 @@ LXOPT_API int LxCheckMMFFEigenvalues(unsigned int n, const Eigen::MatrixXd& h);
 //   3 NotFound  a step failed with lambda at its maximum. Deliberate: out is
 //               left at the failed trial point and the trial value returned.
 //               Also reported after the run when the eigenvalue check fails.
-//   6 Exhaust   iteration limit reached (limit 0: at iteration 0, r = 0, after
-//               one value evaluation); out holds the last accepted point.
+//   6 Exhaust   iteration limit reached, reported at iteration = limit (limit
+//               0: at iteration 0 with r = 0, after one value evaluation);
+//               out holds the last accepted point.
+// Deliberate: every exit returns (and reports) the last computed value; after
+// a rejected last step that is the rejected trial's while out holds the
+// accepted point.
 // A Hessian operation that returns false ends the run at once with 0.0 and no
 // report; out keeps the last position. A null out warns and returns 0.0.
 class LXOPT_API LxNewtonOptImpl {
@@ -141,26 +145,34 @@ class LXOPT_API LxConstrFunc {
 
 // The Newton run under equality constraints c_k(x) = 0 (k = 1..m).
 //
-// Step: with A' the damped, pivot-repaired Hessian of the unconstrained run,
-// g the gradient, J the m x n constraint Jacobian and c the constraint values
-// at x, the step s and the multipliers lambda solve the KKT system
+// Multipliers nu: least squares, nu = argmin |g - J^T nu|, i.e.
+// (J J^T) nu = J g, with g the gradient, J the m x n constraint Jacobian
+// and c the constraint values at x (the last Hessian evaluation).
+// Hessian of the Lagrangian f - nu^T c: the objective's Hessian minus
+// sum_k nu_k grad^2 c_k. The constraints supply no second derivatives, so
+// their curvature comes from forward differences of J^T nu along each axis
+// (step 1.5e-8 max(1, |x_i|)): m n extra constraint evaluations per Hessian
+// evaluation. Without it the step ignores the constraints' curvature and
+// stalls near a minimum on a curved constraint.
+// Step: with A' that Hessian damped and pivot-repaired as in the
+// unconstrained run, the step s and the step multipliers lambda solve the
+// KKT system
 //   [ A'  J^T ] [ s      ]   [ g ]
 //   [ J   0   ] [ lambda ] = [ c ],   x' = x - s,
 // by elimination: u = A'^{-1} g, W = A'^{-1} J^T,
-// (J W) lambda = J u - c, s = u - W lambda. So J s = c (linearized constraints
-// met) and A' s = g - J^T lambda.
-// Acceptance compares the Lagrangian f - lambda^T c (with this step's lambda)
-// at x and x' under the rule of the unconstrained run; -s descends on it.
+// (J W) lambda = J u - c, s = u - W lambda. So J s = c (linearized
+// constraints met) and A' s = g - J^T lambda.
+// Acceptance compares the Lagrangian f - lambda^T c (this step's lambda) at
+// x and x' under the rule of the unconstrained run; -s descends on it.
 // Convergence (state 11) after an accepted step needs all of: the RMS
-// gradient of the Lagrangian, sqrt(|g - J^T nu|^2 / n) with the least-squares
-// multipliers nu = argmin |g - J^T nu|, below the tolerance; |f' - f| < 1e-12;
-// the Euclidean norm |c| < 1e-8 (both norms at the last Hessian evaluation).
-// Reports carry that Lagrangian gradient g - J^T nu and its RMS; the 1e-5
-// extension (state 12) uses the same RMS. Everything else, including the
-// exits, is as in LxNewtonOptImpl. Defaults differ: initial damping 10.0,
-// tolerance 1e-5. With no constraints it warns and runs the unconstrained
-// algorithm with these settings. A constraint whose NumVar() differs from the
-// objective's is an error: 0.0 is returned.
+// gradient of the Lagrangian sqrt(|g - J^T nu|^2 / n) below the tolerance;
+// |f' - f| < 1e-12; the Euclidean norm |c| < 1e-8 (both norms at the last
+// Hessian evaluation). Reports carry the Lagrangian gradient g - J^T nu and
+// its RMS; the 1e-5 extension (state 12) uses the same RMS. Everything else,
+// including the exits, is as in LxNewtonOptImpl. Defaults differ: initial
+// damping 10.0, tolerance 1e-5. With no constraints it warns and runs the
+// unconstrained algorithm with these settings. A constraint whose NumVar()
+// differs from the objective's is an error: 0.0 is returned.
 class LXOPT_API LxNewtonConstrOptImpl : public LxNewtonOptImpl {
  public:
   static constexpr double kDefaultTolerance = 1e-5;

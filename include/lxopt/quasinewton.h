@@ -44,7 +44,10 @@ class LXOPT_API LxQNSettings {
 //              with a second call in state 11.
 //   11 Done    sum g^2 < tolerance after a search or after a restart, the
 //              checkpoint asked to stop, or s.y or yHy is exactly 0.
-//   3 NotFound the search failed right after a (re)start.
+//   3 NotFound the search failed right after a (re)start. The value is the
+//              one the line minimizer left: LxNRLineSearch writes its last
+//              trial value even on failure, and that value is returned while
+//              out keeps the last accepted point (intended).
 //   6 Exhaust  iteration limit reached (reported with the limit).
 // A search that fails after an update restarts from the re-evaluated point
 // along -g, with H reset to the identity unless the Hessian is kept.
@@ -111,9 +114,12 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
 // inverse Hessian and the last trial step from run to run. A new object, or a
 // run with another number of variables, starts from the identity and the
 // trial step 1/|g|. Every exit after the matrix is set up (states 3, 6 and 11)
-// saves the matrix and the trial step for the next run. Apart from that it
-// behaves as LxBFGSOpt, except that there is no limit on n and a working
-// matrix that cannot be allocated is reported as a warning.
+// saves the matrix and the trial step for the next run; each run still takes
+// its first search along -g. Apart from that it behaves as LxBFGSOpt,
+// SetKeepHessian included (a kept run also stores H for GetInverseHessian and
+// restarts a failed search from the current H), except that there is no limit
+// on n and a working matrix that cannot be allocated is reported as the
+// warning "out of memory allocating %d in LxBFGSOpt::operator()".
 class LXOPT_API LxBFGSModOpt : public LxBFGSOpt {
  public:
   LxBFGSModOpt() = default;

@@ -18,6 +18,9 @@ namespace {
 
 // The constraint measure |c| must fall below this for convergence.
 constexpr double kConstraintTolerance = 1e-8;
+// Relative forward-difference step of the constraint curvature (about the
+// square root of the double precision).
+constexpr double kCurvatureStep = 1.5e-8;
 constexpr double kDefaultInitialDamping = 10.0;
 
 // Everything one constrained run needs, sized once before the loop.
@@ -25,7 +28,8 @@ struct Workspace {
   Workspace(Eigen::Index n, Eigen::Index m)
       : hessian(Eigen::MatrixXd::Zero(n, n)), factor(n), step(Eigen::VectorXd::Zero(n)),
         solvedGradient(Eigen::VectorXd::Zero(n)), lagrangianGradient(Eigen::VectorXd::Zero(n)),
-        trialConstraintGradient(Eigen::VectorXd::Zero(n)),
+        trialConstraintGradient(Eigen::VectorXd::Zero(n)), curvatureColumn(Eigen::VectorXd::Zero(n)),
+        combinedGradient(Eigen::VectorXd::Zero(n)),
         jacobianT(Eigen::MatrixXd::Zero(n, m)), solvedJacobianT(Eigen::MatrixXd::Zero(n, m)),
         values(Eigen::VectorXd::Zero(m)), trialValues(Eigen::VectorXd::Zero(m)),
         multipliers(Eigen::VectorXd::Zero(m)), leastSquares(Eigen::VectorXd::Zero(m)),
@@ -36,7 +40,9 @@ struct Workspace {
   Eigen::VectorXd step;                     // s
   Eigen::VectorXd solvedGradient;           // u = A'^{-1} g
   Eigen::VectorXd lagrangianGradient;       // g - J^T nu
-  Eigen::VectorXd trialConstraintGradient;  // unused gradient at the trial point
+  Eigen::VectorXd trialConstraintGradient;  // a constraint gradient away from x
+  Eigen::VectorXd curvatureColumn;          // (sum nu_k grad^2 c_k) e_i
+  Eigen::VectorXd combinedGradient;         // J^T nu at x
   Eigen::MatrixXd jacobianT;                // J^T: column k is grad c_k
   Eigen::MatrixXd solvedJacobianT;          // W = A'^{-1} J^T
   Eigen::VectorXd values;                   // c at the last Hessian evaluation
@@ -88,6 +94,33 @@ class ConstrainedRun {
     w_.lagrangianGradient.noalias() -= jt * w_.leastSquares;
     return detail::RmsGradient(w_.lagrangianGradient.data(),
                                static_cast<unsigned int>(g.size()));
+  }
+
+  // Subtracts sum_k nu_k grad^2 c_k from the packed Hessian, so that it
+  // becomes the Lagrangian's. The constraints supply no second derivatives:
+  // column i is the forward difference of J^T nu along e_i, and the matrix
+  // is symmetrized by averaging (i, j) with (j, i). x is restored exactly.
+  void AddConstraintCurvature(double* x, double* packed) {
+    const Eigen::Index n = w_.jacobianT.rows();
+    w_.combinedGradient.noalias() = w_.jacobianT * w_.leastSquares;
+    for (Eigen::Index i = 0; i < n; ++i) {
+      const double xi = x[i];
+      x[i] = xi + kCurvatureStep * std::max(1.0, std::fabs(xi));
+      const double h = x[i] - xi;
+      w_.curvatureColumn.setZero();
+      for (std::size_t k = 0; k < constraints_.size(); ++k) {
+        w_.trialConstraintGradient.setZero();
+        (*constraints_[k])(x, w_.trialConstraintGradient.data());
+        w_.curvatureColumn += w_.leastSquares(static_cast<Eigen::Index>(k)) *
+                              w_.trialConstraintGradient;
+      }
+      x[i] = xi;
+      w_.curvatureColumn = (w_.curvatureColumn - w_.combinedGradient) / h;
+      for (Eigen::Index r = 0; r < i; ++r) packed[i * (i + 1) / 2 + r] -= 0.5 * w_.curvatureColumn(r);
+      for (Eigen::Index r = i + 1; r < n; ++r)
+        packed[r * (r + 1) / 2 + i] -= 0.5 * w_.curvatureColumn(r);
+      packed[i * (i + 1) / 2 + i] -= w_.curvatureColumn(i);
+    }
   }
 
   // The KKT step with the factorized A': u = A'^{-1} g, W = A'^{-1} J^T,
@@ -205,6 +238,7 @@ double LxNewtonConstrOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoin
       constrained.EvaluateConstraints(x);
       constraintNorm = work->values.norm();
       r = constrained.LagrangianGradient(gv);
+      constrained.AddConstraintCurvature(x, packed_.data());
     }
     detail::UnpackSymmetric(packed_.data(), work->hessian);
     detail::AddDampingShift(damping.lambda(), work->hessian);

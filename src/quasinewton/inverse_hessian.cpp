@@ -9,6 +9,15 @@
 // rounding only.
 #include "quasinewton/inverse_hessian.h"
 
+// On x86-64 the two passes are also compiled for AVX2 and chosen at load
+// time. Without FMA the wider code does the same operations in the same order,
+// so both give identical results.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define LXOPT_WIDE_VECTORS __attribute__((target_clones("avx2", "default")))
+#else
+#define LXOPT_WIDE_VECTORS
+#endif
+
 namespace LxOpt {
 namespace detail {
 namespace {
@@ -97,6 +106,7 @@ void SetIdentityFull(double* h, unsigned int n) {
   for (unsigned int i = 0; i < n; ++i) h[static_cast<std::size_t>(i) * n + i] = 1.0;
 }
 
+LXOPT_WIDE_VECTORS
 void SymmetricProduct(const double* h, unsigned int n, const double* v, double* out) {
   for (unsigned int i = 0; i < n; ++i) out[i] = 0.0;
   unsigned int i = 0;
@@ -121,6 +131,7 @@ void SymmetricProduct(const double* h, unsigned int n, const double* v, double* 
   }
 }
 
+LXOPT_WIDE_VECTORS
 void UpdateAndMultiply(double* h, unsigned int n, const double* s, const double* p,
                        const SymmetricUpdate& m, const double* v, double* out) {
   for (unsigned int i = 0; i < n; ++i) out[i] = 0.0;

@@ -1,8 +1,9 @@
 // The quasi-Newton iteration (variable-metric method): d = -H g, a line search
 // along d, then an update of H from s = x_new - x_old and y = g_new - g_old.
 // Reference: Press et al., Numerical Recipes, 3rd ed., section 10.9 (dfpmin);
-// Nocedal and Wright, Numerical Optimization, 2nd ed., eq. (6.17) (BFGS) and
-// (6.15) (DFP). Names: s, y as in the books; Hy = H y; yHy = y.Hy; sy = s.y.
+// Nocedal and Wright, Numerical Optimization, 2nd ed., section 6.1 (the BFGS
+// and DFP inverse updates). Names: s, y as in the books; Hy = H y; yHy = y.Hy;
+// sy = s.y.
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -16,9 +17,10 @@ namespace LxOpt {
 namespace detail {
 namespace {
 
-// Vectors of one run: current gradient, direction, the line search's gradient
-// at the accepted point, step, gradient change and H y; the seventh is spare
-// (the BFGS vector u never needs to be formed, see inverse_hessian.h).
+// The run's block holds seven vectors of n doubles, the size that has always
+// decided between stack and heap: current gradient, direction, the line
+// search's gradient at the accepted point, step, gradient change, H y, and one
+// left unused because the BFGS vector u is never formed (inverse_hessian.h).
 constexpr std::size_t kScratchVectors = 7;
 
 void Negate(const double* from, double* to, unsigned int n) {
@@ -111,7 +113,6 @@ double RunQuasiNewton(const LxQNSettings& settings, QuasiNewtonMatrix& matrix, u
       if (gg < tolerance) return finish(k, kLxDone);
       Negate(g, d, n);
       slope = -gg;
-      step = std::sqrt(1.0 / gg);
       fresh = true;
       continue;
     }

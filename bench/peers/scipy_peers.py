@@ -1,0 +1,183 @@
+#!/usr/bin/python3
+"""scipy.optimize on the benchmark problem set, and scipy's BFGS per iteration.
+
+The problems are the C++ ones, loaded from liblxbench_problems.so through
+ctypes, so every library evaluates the same functions. Evaluations are counted
+here, around the callables handed to scipy (never scipy's own counts).
+
+Stopping rules as close to the common one (|g| < 1e-6, 5000 iterations) as
+scipy allows: BFGS and CG take gtol=1e-6 with norm=2 (Euclidean); Newton-CG
+has no gradient test and stops on its step, xtol=1e-8 (average relative
+change of x).
+
+Writes the same CSV columns as peer_compare, and a scaling CSV in the columns
+of peer_scaling (section "bfgs", subject "scipy_bfgs").
+"""
+import argparse
+import ctypes
+import statistics
+import sys
+import time
+
+import numpy as np
+from scipy.optimize import minimize
+
+GTOL = 1e-6
+MAX_ITER = 5000
+NEWTON_XTOL = 1e-8
+SCALING_SECONDS_LIMIT = 60.0
+
+DOUBLE_P = ctypes.POINTER(ctypes.c_double)
+
+
+def load(path):
+    lib = ctypes.CDLL(path)
+    lib.lxb_count.restype = ctypes.c_int
+    lib.lxb_name.restype = ctypes.c_char_p
+    lib.lxb_name.argtypes = [ctypes.c_int]
+    lib.lxb_n.argtypes = [ctypes.c_int]
+    lib.lxb_fstar.restype = ctypes.c_double
+    lib.lxb_fstar.argtypes = [ctypes.c_int]
+    lib.lxb_start.argtypes = [ctypes.c_int, DOUBLE_P]
+    lib.lxb_value.restype = ctypes.c_double
+    lib.lxb_value.argtypes = [ctypes.c_int, DOUBLE_P]
+    lib.lxb_gradient.restype = ctypes.c_double
+    lib.lxb_gradient.argtypes = [ctypes.c_int, DOUBLE_P, DOUBLE_P]
+    lib.lxb_hessian.restype = ctypes.c_int
+    lib.lxb_hessian.argtypes = [ctypes.c_int, DOUBLE_P, DOUBLE_P, DOUBLE_P]
+    return lib
+
+
+def ptr(a):
+    return a.ctypes.data_as(DOUBLE_P)
+
+
+class Counted:
+    """Value, gradient and Hessian callables of problem i, each counted."""
+
+    def __init__(self, lib, i):
+        self.lib, self.i = lib, i
+        self.n = lib.lxb_n(i)
+        self.values = self.gradients = self.hessians = 0
+
+    def value(self, x):
+        self.values += 1
+        x = np.ascontiguousarray(x, dtype=float)
+        return self.lib.lxb_value(self.i, ptr(x))
+
+    def gradient(self, x):
+        self.gradients += 1
+        x = np.ascontiguousarray(x, dtype=float)
+        g = np.zeros(self.n)
+        self.lib.lxb_gradient(self.i, ptr(x), ptr(g))
+        return g
+
+    def hessian(self, x):
+        self.hessians += 1
+        x = np.ascontiguousarray(x, dtype=float)
+        h = np.zeros((self.n, self.n))
+        g = np.zeros(self.n)
+        self.lib.lxb_hessian(self.i, ptr(x), ptr(h), ptr(g))
+        return h
+
+
+def run(lib, i, method):
+    c = Counted(lib, i)
+    x0 = np.zeros(c.n)
+    lib.lxb_start(i, ptr(x0))
+    if method == "Newton-CG":
+        options = {"xtol": NEWTON_XTOL, "maxiter": MAX_ITER}
+        res = minimize(c.value, x0, method=method, jac=c.gradient, hess=c.hessian, options=options)
+    else:
+        options = {"gtol": GTOL, "norm": 2, "maxiter": MAX_ITER}
+        res = minimize(c.value, x0, method=method, jac=c.gradient, options=options)
+    return res, c
+
+
+def repeats_for(first):
+    return 5 if first < 0.05 else 3 if first < 0.5 else 1
+
+
+def short_status(res):
+    return "success" if res.success else "fail:" + str(res.status)
+
+
+def compare(lib, out, name_filter):
+    print("problem,n,fstar,library,method,class,status,iterations,values,gradients,"
+          "hessians,fval,gnorm,time_s,repeats", file=out)
+    classes = {"BFGS": "QN", "CG": "CG", "Newton-CG": "Newton"}
+    for i in range(lib.lxb_count()):
+        name = lib.lxb_name(i).decode()
+        if name_filter not in name:
+            continue
+        t_problem = time.perf_counter()
+        for method, cls in classes.items():
+            with np.errstate(all="ignore"):
+                t0 = time.perf_counter()
+                res, c = run(lib, i, method)
+                times = [time.perf_counter() - t0]
+                for _ in range(repeats_for(times[0]) - 1):
+                    t0 = time.perf_counter()
+                    run(lib, i, method)
+                    times.append(time.perf_counter() - t0)
+            x = np.ascontiguousarray(res.x, dtype=float)
+            g = np.zeros(c.n)
+            f = lib.lxb_gradient(i, ptr(x), ptr(g))
+            print(f"{name},{c.n},{lib.lxb_fstar(i)!r},scipy,{method},{cls},{short_status(res)},"
+                  f"{res.nit},{c.values},{c.gradients},{c.hessians},{f!r},"
+                  f"{np.linalg.norm(g):.6g},{statistics.median(times):.6g},{len(times)}",
+                  file=out, flush=True)
+        print(f"{name:28s} {time.perf_counter() - t_problem:6.2f} s", file=sys.stderr)
+
+
+def scaling(out):
+    """scipy BFGS per iteration on the cheap quadratic of peer_scaling."""
+    print("section,n,subject,seconds,iterations,values_per_iter,gradients_per_iter", file=out)
+    for n in (250, 500, 1000, 2000, 4000):
+        d = np.power(1e4, np.arange(n) / (n - 1))
+        counts = {"f": 0, "g": 0}
+
+        def f(x):
+            counts["f"] += 1
+            e = x - 1.0
+            return float(np.dot(d * e, e))
+
+        def g(x):
+            counts["g"] += 1
+            return 2.0 * d * (x - 1.0)
+
+        stamps = []
+        iterations = 8 if n >= 2000 else 20
+        t0 = time.perf_counter()
+        minimize(f, np.zeros(n), jac=g, method="BFGS",
+                 options={"gtol": 0.0, "maxiter": iterations},
+                 callback=lambda xk: stamps.append(time.perf_counter()))
+        total = time.perf_counter() - t0
+        per_iter = (stamps[-1] - stamps[0]) / (len(stamps) - 1)
+        steps = len(stamps)
+        print(f"bfgs,{n},scipy_bfgs,{per_iter:.6g},{steps},{counts['f'] / steps:.3g},"
+              f"{counts['g'] / steps:.3g}", file=out, flush=True)
+        print(f"bfgs    n={n:<8d} scipy_bfgs         {per_iter:.4g} s (run {total:.1f} s)",
+              file=sys.stderr)
+        # The next size costs at least four times as much per iteration.
+        if total * 4.0 > SCALING_SECONDS_LIMIT:
+            break
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--lib", required=True, help="path of liblxbench_problems.so")
+    parser.add_argument("--out", required=True, help="CSV of the problem-set runs")
+    parser.add_argument("--scaling-out", help="CSV of the per-iteration scaling runs")
+    parser.add_argument("--filter", default="", help="only problems whose name contains this")
+    args = parser.parse_args()
+    lib = load(args.lib)
+    with open(args.out, "w") as out:
+        compare(lib, out, args.filter)
+    if args.scaling_out:
+        with open(args.scaling_out, "w") as out:
+            scaling(out)
+
+
+if __name__ == "__main__":
+    main()
