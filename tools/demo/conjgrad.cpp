@@ -30,23 +30,6 @@ LxOpt::LxConjGradOpt WithQuasiNewtonSearch() {
 }
 const Register conjGradQN(Optimizer{24, "ConjGrad+QNSearch", false, RunWith(WithQuasiNewtonSearch())});
 
-// 100 (y - x^2)^2 + (1 - x)^2 from (-1.2, 1), minimum 0 at (1, 1).
-class Valley : public Objective {
- public:
-  using Objective::operator();
-  unsigned int NumVar() const override { return 2; }
-  double operator()(const double* x) override {
-    const double a = x[1] - x[0] * x[0], b = 1.0 - x[0];
-    return 100.0 * a * a + b * b;
-  }
-  double operator()(const double* x, double* g) override {
-    const double a = x[1] - x[0] * x[0];
-    g[0] = -400.0 * a * x[0] - 2.0 * (1.0 - x[0]);
-    g[1] = 200.0 * a;
-    return (*this)(x);
-  }
-};
-
 // Swapping the line minimizer: SetLineMinimize keeps its own copy. ConjGrad
 // on the curved valley with each of the four.
 void LineMinimizers(const Options&) {
@@ -62,13 +45,14 @@ void LineMinimizers(const Options&) {
               {"QNLineMinimize", &qn},
               {"MaxStepLineMinimize", &maxStep},
               {"NRLineSearch", &backtracking}};
+  const Problem* valley = FindProblem("curved valley");
+  if (valley == nullptr) return;
   for (const auto& row : rows) {
-    Valley valley;
+    std::unique_ptr<LxOpt::LxFunc2> objective = valley->make();
     LxOpt::LxConjGradOpt opt = Configured<LxOpt::LxConjGradOpt>();
     opt.SetLineMinimize(*row.lm);
-    const std::vector<double> start{-1.2, 1.0};
     std::vector<double> x(2);
-    const double f = opt(valley, start.data(), x.data());
+    const double f = opt(*objective, valley->start.data(), x.data());
     std::printf("  ConjGrad + %-20s f = %-12.4g x = (%.6f, %.6f)\n", row.name, f, x[0], x[1]);
   }
 }

@@ -60,6 +60,8 @@ struct Registry {
   std::vector<Section> sections;
 };
 Registry& TheRegistry();
+// The registered problem of that name; nullptr if there is none.
+const Problem* FindProblem(const std::string& name);
 
 struct Register {
   explicit Register(Problem p) { TheRegistry().problems.push_back(std::move(p)); }

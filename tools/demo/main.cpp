@@ -15,6 +15,12 @@ Registry& TheRegistry() {
   return registry;
 }
 
+const Problem* FindProblem(const std::string& name) {
+  for (const Problem& p : TheRegistry().problems)
+    if (p.name == name) return &p;
+  return nullptr;
+}
+
 namespace {
 
 // Counts every evaluation the optimizer asks for.
