@@ -309,17 +309,41 @@ TEST(QuasiNewtonExits, LimitsAndCheckpointRequests) {
   }
 }
 
-TEST(QuasiNewtonExits, LinearObjective) {
+// f = (x0^2 + x1^2 - x2^2 - x3^2) / 2. From (1, 1, 1, 1) the first trial,
+// step 1/|g| = 0.5 along -g, is exact: s = (-1, -1, 1, 1) / 2 and
+// y = (-1, -1, -1, -1) / 2, so s.y = 0 while y != 0.
+class Saddle : public lxtest::Objective {
+ public:
+  using Objective::operator();
+  unsigned int NumVar() const override { return 4; }
+  double operator()(const double* x) override {
+    return 0.5 * (x[0] * x[0] + x[1] * x[1] - x[2] * x[2] - x[3] * x[3]);
+  }
+  double operator()(const double* x, double* g) override {
+    for (int i = 0; i < 4; ++i) g[i] = i < 2 ? x[i] : -x[i];
+    return (*this)(x);
+  }
+};
+
+TEST(QuasiNewtonExits, LinearObjectiveAndZeroCurvature) {
   // The default search fails at once where f is linear; a search that takes
-  // any decrease leaves y = 0, so s.y = 0 ends the run as Done.
+  // any decrease leaves y = 0 there, or s.y = 0 on the saddle: both end the
+  // run as Done after the first step.
   for (Kind kind : kKinds) {
+    Saddle saddle;
+    const Scripted accept(Scripted::kAccept);
+    const double one[] = {1.0, 1.0, 1.0, 1.0};
+    double at[4];
+    Recorder r;
+    (*Make(kind, &accept))(saddle, &r, one, at);
+    EXPECT_EQ(StatesAt(r), (std::vector<StateAt>{{0, kLxCont}, {0, kLxDone}})) << KindName(kind);
+
     lxtest::Linear f({1.0, 2.0});
     const double start[] = {0.0, 0.0};
     double out[2];
     Recorder failing, accepting;
     EXPECT_EQ((*Make(kind))(f, &failing, start, out), 0.0);
     EXPECT_EQ(StatesAt(failing), (std::vector<StateAt>{{0, kLxNotFound}})) << KindName(kind);
-    const Scripted accept(Scripted::kAccept);
     EXPECT_NEAR((*Make(kind, &accept))(f, &accepting, start, out), -std::sqrt(5.0), 1e-15);
     EXPECT_EQ(StatesAt(accepting), (std::vector<StateAt>{{0, kLxCont}, {0, kLxDone}}));
   }
@@ -547,6 +571,27 @@ TEST(CarriedHessian, SecondRunContinuesTheFirst) {
   ASSERT_EQ(log.dirs.size(), 6u);
   EXPECT_DOUBLE_EQ(log.steps[4], 1.0 / Norm(log.grads[4]));
   EXPECT_EQ(opt.GetHessianDimension(), 4u);
+}
+
+TEST(CarriedHessian, KeptHessianSurvivesTheCarry) {
+  // A run that stops before its first search leaves the carried matrix as it
+  // found it; with the Hessian kept both runs' matrices can be read.
+  Coupled q;
+  const double start[] = {0, 0, 0};
+  double out[3];
+  const Scripted exact(Scripted::kExact);
+  LxBFGSModOpt opt;
+  opt.SetLineMinimize(exact);
+  opt.SetKeepHessian(true);
+  opt.SetIterLimit(2);
+  opt(q, start, out);
+  Vec first(6), second(6);
+  ASSERT_TRUE(opt.GetInverseHessian(first.data(), 3));
+  opt.SetIterLimit(0);
+  opt(q, out, out);
+  ASSERT_TRUE(opt.GetInverseHessian(second.data(), 3));
+  EXPECT_EQ(first, second);
+  EXPECT_GT(MaxDifference(first, {1, 0, 1, 0, 0, 1}), 1e-3);
 }
 
 TEST(CarriedHessian, SetHessianChoosesIdentityOrCopy) {

@@ -3,16 +3,17 @@
 //           n = 250 ... 4000, next to one read-and-write pass over an n x n
 //           matrix of doubles;
 //   cg:     LxOpt's conjugate gradients at n = 1e4 ... 1e6, next to one
-//           read-and-write pass over a vector of n doubles;
+//           read-and-write pass over a vector of n doubles and one in-order
+//           dot product of two such vectors;
 //   newton: an LxOpt Newton iteration on a dense quadratic at n = 250 ... 2000,
 //           next to Eigen's LDLT and LLT of the same matrix.
 // Writes CSV rows: section,n,subject,seconds,iterations,values_per_iter,
-// gradients_per_iter. "seconds" is per iteration for optimizers (the time
-// between the first and the last per-iteration report, over the iterations
-// between them, so setup is excluded) and per pass or factorization (median)
-// for the baselines.
+// gradients_per_iter. "seconds" is per iteration for optimizers (the median
+// interval between consecutive per-iteration reports, so setup is excluded) and per pass or factorization (median)
+// for the baselines (around the optimizer runs, see each section).
 //
-// Usage: peer_scaling OUT.csv [max_bfgs_n]
+// Usage: peer_scaling OUT.csv [sections], sections a comma-separated subset of
+// bfgs,cg,newton (default all).
 #include <dlib/optimization.h>
 
 #include <Eigen/Dense>
@@ -20,9 +21,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "lxopt/lxopt.h"
@@ -115,6 +116,16 @@ class DenseQuadratic : public LxOpt::LxFunc2 {
   Eigen::VectorXd b_;
 };
 
+// Seconds per iteration: the median interval between consecutive stamps, so
+// that a preemption by other work on the machine does not count.
+double MedianInterval(const std::vector<Clock::time_point>& times) {
+  if (times.size() < 2) return std::numeric_limits<double>::quiet_NaN();
+  std::vector<double> intervals;
+  for (size_t i = 1; i < times.size(); ++i)
+    intervals.push_back(std::chrono::duration<double>(times[i] - times[i - 1]).count());
+  return Median(intervals);
+}
+
 // Stamps every per-iteration report (state 0).
 class Stamps : public LxOpt::LxCheckpoint1 {
  public:
@@ -124,12 +135,7 @@ class Stamps : public LxOpt::LxCheckpoint1 {
     if (state == 0) times.push_back(Clock::now());
     return true;
   }
-  // Seconds per iteration between the first and the last stamp.
-  double PerIteration() const {
-    if (times.size() < 2) return std::numeric_limits<double>::quiet_NaN();
-    return std::chrono::duration<double>(times.back() - times.front()).count() /
-           double(times.size() - 1);
-  }
+  double PerIteration() const { return MedianInterval(times); }
   std::vector<Clock::time_point> times;
 };
 
@@ -146,6 +152,23 @@ double BarePass(size_t count, int repeats) {
   }
   volatile double sink = a[count / 2];
   (void)sink;
+  return Median(t);
+}
+
+// Median time of one dot product of two vectors of count doubles. Summed in
+// order (no reassociation), as the optimizers' own reductions are, so it is
+// bound by the latency of the additions rather than by memory.
+double BareDotPass(size_t count, int repeats) {
+  std::vector<double> a(count, 1.0), b(count, 0.5);
+  std::vector<double> t;
+  volatile double sink = 0.0;
+  for (int r = 0; r < repeats + 1; ++r) {
+    const Clock::time_point t0 = Clock::now();
+    double s = 0.0;
+    for (size_t i = 0; i < count; ++i) s += a[i] * b[i];
+    if (r > 0) t.push_back(Since(t0));
+    sink = sink + s;
+  }
   return Median(t);
 }
 
@@ -203,57 +226,70 @@ void TimedDlibBfgs(FILE* out, size_t n, unsigned int iterations) {
   std::vector<Clock::time_point> times;
   dlib::find_min(dlib::bfgs_search_strategy(), StampingStop(&times, iterations), value, gradient,
                  x, -std::numeric_limits<double>::infinity());
-  const double perIter =
-      std::chrono::duration<double>(times.back() - times.front()).count() / double(times.size() - 1);
+  const double perIter = MedianInterval(times);
   const double steps = double(times.size());
   Row(out, "bfgs", n, "dlib_bfgs", perIter, long(times.size() - 1), f.values / steps,
       f.gradients / steps);
 }
 
-void BfgsSection(FILE* out, size_t maxN) {
+void BfgsSection(FILE* out) {
   for (size_t n : {250, 500, 1000, 2000, 4000}) {
-    if (n > maxN) break;
     const unsigned int iterations = n >= 2000 ? 8 : 20;
-    Row(out, "bfgs", n, "bare_matrix_pass", BarePass(n * n, 5), 1, 0, 0);
+    const double before = BarePass(n * n, 3);
     TimedLxOpt<LxOpt::LxBFGSOpt>(out, "bfgs", "lxopt_bfgs", n, iterations);
     TimedLxOpt<LxOpt::LxDFPOpt>(out, "bfgs", "lxopt_dfp", n, iterations);
     TimedDlibBfgs(out, n, iterations);
+    // Measured before and after the optimizers; the smaller of the two medians.
+    Row(out, "bfgs", n, "bare_matrix_pass", std::min(before, BarePass(n * n, 3)), 1, 0, 0);
   }
 }
 
 void CgSection(FILE* out) {
   for (size_t n : {10000, 100000, 1000000}) {
     Row(out, "cg", n, "bare_vector_pass", BarePass(n, 21), 1, 0, 0);
+    Row(out, "cg", n, "bare_dot_pass", BareDotPass(n, 21), 1, 0, 0);
     TimedLxOpt<LxOpt::LxConjGradOpt>(out, "cg", "lxopt_conjgrad", n, 50);
     TimedLxOpt<LxOpt::LxRibierePolakOpt>(out, "cg", "lxopt_ribiere_polak", n, 50);
   }
 }
 
+// Times of `repeats` factorizations of a.
 template <class Factorization>
-double FactorizationTime(const Eigen::MatrixXd& a) {
+std::vector<double> FactorizationTimes(const Eigen::MatrixXd& a, int repeats) {
   Factorization factor(a.rows());
   std::vector<double> t;
-  for (int r = 0; r < 3; ++r) {
+  for (int r = 0; r < repeats; ++r) {
     const Clock::time_point t0 = Clock::now();
     factor.compute(a);
     t.push_back(Since(t0));
   }
-  return Median(t);
+  return t;
 }
 
+std::vector<double> Joined(std::vector<double> a, const std::vector<double>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// The factorizations are timed both before and after the Newton run (median
+// of all), so a disturbance of the machine during one phase shows less.
 void NewtonSection(FILE* out) {
+  using Ldlt = Eigen::LDLT<Eigen::MatrixXd>;
+  using Llt = Eigen::LLT<Eigen::MatrixXd>;
   for (int n : {250, 500, 1000, 2000}) {
     DenseQuadratic f(n);
-    Row(out, "newton", n, "eigen_ldlt", FactorizationTime<Eigen::LDLT<Eigen::MatrixXd>>(f.matrix()),
-        1, 0, 0);
-    Row(out, "newton", n, "eigen_llt", FactorizationTime<Eigen::LLT<Eigen::MatrixXd>>(f.matrix()),
-        1, 0, 0);
+    const std::vector<double> ldlt = FactorizationTimes<Ldlt>(f.matrix(), 3);
+    const std::vector<double> llt = FactorizationTimes<Llt>(f.matrix(), 3);
     LxOpt::LxNewtonOpt opt;
     opt.SetIterLimit(4);
     opt.SetTolerance(0.0);
     Stamps stamps;
     std::vector<double> x0(n, 0.0), x(n);
     opt(f, &stamps, x0.data(), x.data());
+    Row(out, "newton", n, "eigen_ldlt",
+        Median(Joined(ldlt, FactorizationTimes<Ldlt>(f.matrix(), 3))), 1, 0, 0);
+    Row(out, "newton", n, "eigen_llt", Median(Joined(llt, FactorizationTimes<Llt>(f.matrix(), 3))),
+        1, 0, 0);
     Row(out, "newton", n, "lxopt_newton", stamps.PerIteration(), long(stamps.times.size()), 0, 0);
   }
 }
@@ -262,7 +298,7 @@ void NewtonSection(FILE* out) {
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    std::fprintf(stderr, "usage: %s OUT.csv [max_bfgs_n]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s OUT.csv [bfgs,cg,newton]\n", argv[0]);
     return 2;
   }
   FILE* out = std::fopen(argv[1], "w");
@@ -270,11 +306,12 @@ int main(int argc, char** argv) {
     std::perror(argv[1]);
     return 1;
   }
-  const size_t maxN = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 4000;
+  const std::string sections = argc > 2 ? argv[2] : "bfgs,cg,newton";
+  const auto wanted = [&sections](const char* s) { return sections.find(s) != std::string::npos; };
   std::fprintf(out, "section,n,subject,seconds,iterations,values_per_iter,gradients_per_iter\n");
-  BfgsSection(out, maxN);
-  CgSection(out);
-  NewtonSection(out);
+  if (wanted("bfgs")) BfgsSection(out);
+  if (wanted("cg")) CgSection(out);
+  if (wanted("newton")) NewtonSection(out);
   std::fclose(out);
   return 0;
 }

@@ -34,8 +34,10 @@ LXOPT_API int LxCheckMMFFEigenvalues(unsigned int n, const Eigen::MatrixXd& h);
 
 // --------------------------------------------------------------- Newton
 
-// The damped Newton run. Per iteration, with g and H from the last Hessian
-// evaluation and the damping factor lambda:
+// The damped Newton run. It starts with PreconditionWSteepestDescent (on by
+// default: at most 20 steepest-descent iterations, tolerance n on sum g^2).
+// Per iteration, with g and H from the last Hessian evaluation and the
+// damping factor lambda (0.01 at the start of every run):
 //   mu = lambda * (1 + |trace(H) / n|),  A = H + mu I = P^T L D L^T P;
 //   pivots D_i < 0.001 become 1000.0 (A' = P^T L D' L^T P, factorized again);
 //   x' = x - A'^{-1} g.
@@ -54,7 +56,8 @@ LXOPT_API int LxCheckMMFFEigenvalues(unsigned int n, const Eigen::MatrixXd& h);
 //               configured one); the run continues.
 //   3 NotFound  a step failed with lambda at its maximum. Deliberate: out is
 //               left at the failed trial point and the trial value returned.
-//               Also reported after the run when the eigenvalue check fails.
+//               Also reported after the run when the eigenvalue check (off
+//               by default) fails on the last shifted Hessian.
 //   6 Exhaust   iteration limit reached, reported at iteration = limit (limit
 //               0: at iteration 0 with r = 0, after one value evaluation);
 //               out holds the last accepted point.

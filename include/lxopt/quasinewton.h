@@ -80,7 +80,8 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   // after an update restarts from the current H instead of the identity).
   void SetKeepHessian(bool keep) { keepHessian_ = keep; }
   bool GetKeepHessian() const { return keepHessian_; }
-  // The element count n * n of the last run (0 before any run), not n.
+  // Deliberately the element count n * n (32-bit) of the last run, not n;
+  // 0 before any run.
   unsigned int GetHessianDimension() const { return hessianDim_; }
   // Writes the stored H packed (lower triangle by rows, (i, j) at
   // i(i+1)/2 + j) into out, n(n+1)/2 values. False with a warning when no H
@@ -138,6 +139,7 @@ class LXOPT_API LxBFGSModOpt : public LxBFGSOpt {
  private:
   class CarriedMatrix;
   void FreePersistent();
+  void CopyPersistentFrom(const LxBFGSModOpt& other);
 
   bool restart_ = true;  // a new object starts from the identity
   unsigned int order_ = 0;

@@ -11,16 +11,25 @@ namespace {
 
 // Closer than this to the maximum counts as being at the maximum.
 constexpr double kAtMaximumGap = 1e-10;
+constexpr Eigen::Index kUnpackTile = 32;
 
 }  // namespace
 
 void UnpackSymmetric(const double* packed, Eigen::MatrixXd& h) {
+  // Tile by tile, so that the writes along a row of h (stride n) stay within
+  // a few cache lines instead of touching a new line each.
   const Eigen::Index n = h.rows();
-  for (Eigen::Index i = 0; i < n; ++i) {
-    const double* row = packed + i * (i + 1) / 2;
-    for (Eigen::Index j = 0; j <= i; ++j) {
-      h(j, i) = row[j];
-      h(i, j) = row[j];
+  for (Eigen::Index i0 = 0; i0 < n; i0 += kUnpackTile) {
+    const Eigen::Index i1 = std::min(n, i0 + kUnpackTile);
+    for (Eigen::Index j0 = 0; j0 <= i0; j0 += kUnpackTile) {
+      for (Eigen::Index i = i0; i < i1; ++i) {
+        const double* row = packed + i * (i + 1) / 2;
+        const Eigen::Index j1 = std::min(i + 1, j0 + kUnpackTile);
+        for (Eigen::Index j = j0; j < j1; ++j) {
+          h(j, i) = row[j];
+          h(i, j) = row[j];
+        }
+      }
     }
   }
 }

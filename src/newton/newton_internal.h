@@ -59,9 +59,9 @@ class IterationBudget {
 };
 
 // Symmetric LDLT with diagonal pivoting whose small pivots are repaired:
-// A = P^T L D L^T P; every D_i < 0.001 becomes 1000.0, then
-// A' = P^T L D' L^T P is formed and factorized again. Every matrix is sized
-// once in the constructor; Factorize and Solve do not allocate.
+// A = P^T L D L^T P; every D_i < 0.001 becomes 1000.0, and
+// A' = P^T L D' L^T P is factorized again. Every matrix is sized once in the
+// constructor; Factorize and Solve do not allocate.
 class RepairedLdlt {
  public:
   static constexpr double kSmallestPivot = 0.001;
@@ -69,24 +69,34 @@ class RepairedLdlt {
 
   explicit RepairedLdlt(Eigen::Index n);
 
-  // Factorizes the symmetric a (only its lower triangle is read); true when
+  // Factorizes the symmetric a (its lower triangle is read); true when
   // pivots were repaired.
   bool Factorize(const Eigen::MatrixXd& a);
 
   // x = A'^{-1} b with the last factorization (A' = A when healthy). x may be
-  // a column of a matrix; b and x may be the same vector.
+  // a column of a matrix. After a repair the factorized matrix is
+  // P A' P^T, so b is permuted on the way in and x on the way out.
   template <class Rhs, class Dst>
-  void Solve(const Rhs& b, Dst&& x) const {
-    x = ldlt_.solve(b);
+  void Solve(const Rhs& b, Dst&& x) {
+    if (!repaired_) {
+      x = ldlt_.solve(b);
+      return;
+    }
+    for (Eigen::Index i = 0; i < b.size(); ++i) permuted_(i) = b(rowOf_(i));
+    permuted_ = ldlt_.solve(permuted_);
+    for (Eigen::Index i = 0; i < b.size(); ++i) x(rowOf_(i)) = permuted_(i);
   }
 
  private:
   void BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repairedCount);
 
   Eigen::LDLT<Eigen::MatrixXd> ldlt_;
-  Eigen::MatrixXd repaired_;
+  Eigen::MatrixXd repairedMatrix_;  // lower triangle of P A' P^T
   Eigen::MatrixXd scratch_;
   Eigen::VectorXi repairedPivots_;  // ascending pivot positions
+  Eigen::VectorXi rowOf_;           // (P v)(i) = v(rowOf_(i))
+  Eigen::VectorXd permuted_;
+  bool repaired_ = false;
 };
 
 }  // namespace detail

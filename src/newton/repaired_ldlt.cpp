@@ -1,17 +1,21 @@
 // LDLT with diagonal pivoting (A = P^T L D L^T P) and the repair of small
 // pivots: D_i < 0.001 becomes 1000.0, which turns those directions into very
-// short steps; A' = P^T L D' L^T P is formed and factorized again.
+// short steps; A' = P^T L D' L^T P is factorized again.
 //
 // A' differs from A only through the repaired pivots:
 //   P A' P^T = L D' L^T = P A P^T + sum_{k repaired} (D'_k - D_k) l_k l_k^T,
-// with l_k the k-th column of L (zero above row k). So A' is formed in the
-// pivoted order as P A P^T plus V V^T, V = [l_k sqrt(D'_k - D_k)] (every
-// D'_k - D_k > 999 > 0), and permuted back. The update runs in 64 x 64 tile
+// with l_k the k-th column of L (zero above row k). So the lower triangle of
+// P A' P^T is gathered from A and updated by V V^T, V = [l_k sqrt(D'_k - D_k)]
+// (every D'_k - D_k > 999 > 0), and that matrix is factorized: solving
+// (P A' P^T) (P s) = P g is solving A' s = g with its rows and columns
+// relabelled, which leaves pivoting by magnitude unchanged and spares two
+// strided permutations of the whole matrix. The update runs in 64 x 64 tile
 // products that skip the zero rows of V: r repaired pivots cost at most
 // r n^2 / 2 multiply-adds, all n of them n^3 / 3. Tiles that small keep the
 // product kernel's packing buffers on the stack, so nothing is allocated.
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "newton/newton_internal.h"
 
@@ -21,27 +25,24 @@ namespace {
 
 constexpr Eigen::Index kTile = 64;
 
-// m(j, i) = m(i, j) for i > j.
-void MirrorLowerTriangle(Eigen::MatrixXd& m) {
-  for (Eigen::Index j = 0; j < m.cols(); ++j)
-    for (Eigen::Index i = j + 1; i < m.rows(); ++i) m(j, i) = m(i, j);
-}
-
 }  // namespace
 
 RepairedLdlt::RepairedLdlt(Eigen::Index n)
-    : ldlt_(n), repaired_(Eigen::MatrixXd::Zero(n, n)), scratch_(Eigen::MatrixXd::Zero(n, n)),
-      repairedPivots_(n) {}
+    : ldlt_(n), repairedMatrix_(Eigen::MatrixXd::Zero(n, n)),
+      scratch_(Eigen::MatrixXd::Zero(n, n)), repairedPivots_(n), rowOf_(n),
+      permuted_(Eigen::VectorXd::Zero(n)) {}
 
 bool RepairedLdlt::Factorize(const Eigen::MatrixXd& a) {
   ldlt_.compute(a);
+  repaired_ = false;
   const auto pivots = ldlt_.vectorD();
   Eigen::Index count = 0;
   for (Eigen::Index k = 0; k < pivots.size(); ++k)
     if (pivots(k) < kSmallestPivot) repairedPivots_(count++) = static_cast<int>(k);
   if (count == 0) return false;
   BuildRepaired(a, count);
-  ldlt_.compute(repaired_);
+  ldlt_.compute(repairedMatrix_);
+  repaired_ = true;
   return true;
 }
 
@@ -49,6 +50,12 @@ void RepairedLdlt::BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repaired
   const Eigen::Index n = a.rows();
   const Eigen::MatrixXd& factors = ldlt_.matrixLDLT();  // L strictly below the diagonal
   const auto pivots = ldlt_.vectorD();
+
+  // The factorization swapped rows and columns k and t_k for k = 0, 1, ...;
+  // the same swaps on the identity labelling give (P v)(i) = v(rowOf(i)).
+  for (Eigen::Index i = 0; i < n; ++i) rowOf_(i) = static_cast<int>(i);
+  for (Eigen::Index k = 0; k < n; ++k)
+    std::swap(rowOf_(k), rowOf_(ldlt_.transpositionsP().coeff(k)));
 
   // V in the first columns of scratch, in ascending pivot order.
   for (Eigen::Index j = 0; j < repairedCount; ++j) {
@@ -60,12 +67,12 @@ void RepairedLdlt::BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repaired
     column.tail(n - k - 1) = factors.col(k).tail(n - k - 1) * root;
   }
 
-  // repaired = P A P^T. The factorization swapped rows and columns k and
-  // t_k for k = 0, 1, ...; "T * M" and "M * T" repeat those swaps in that
-  // order, their transposes undo them in reverse order.
-  repaired_ = a;
-  repaired_ = ldlt_.transpositionsP() * repaired_;
-  repaired_ = repaired_ * ldlt_.transpositionsP();
+  // Lower triangle of P A P^T: column j reads column rowOf(j) of A.
+  for (Eigen::Index j = 0; j < n; ++j) {
+    const double* source = a.col(rowOf_(j)).data();
+    double* target = repairedMatrix_.col(j).data();
+    for (Eigen::Index i = j; i < n; ++i) target[i] = source[rowOf_(i)];
+  }
 
   // Lower triangle += V V^T, tile (I, J) with I >= J. Only the columns of V
   // whose pivot lies above the end of block J reach it; they lead V.
@@ -75,7 +82,7 @@ void RepairedLdlt::BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repaired
     while (reaching < repairedCount && repairedPivots_(reaching) < j0 + bj) ++reaching;
     for (Eigen::Index i0 = j0; i0 < n; i0 += kTile) {
       const Eigen::Index bi = std::min(kTile, n - i0);
-      auto tile = repaired_.block(i0, j0, bi, bj);
+      auto tile = repairedMatrix_.block(i0, j0, bi, bj);
       for (Eigen::Index c0 = 0; c0 < reaching; c0 += kTile) {
         const Eigen::Index bc = std::min(kTile, reaching - c0);
         tile.noalias() +=
@@ -83,11 +90,6 @@ void RepairedLdlt::BuildRepaired(const Eigen::MatrixXd& a, Eigen::Index repaired
       }
     }
   }
-  MirrorLowerTriangle(repaired_);
-
-  // A' = P^T (L D' L^T) P.
-  repaired_ = ldlt_.transpositionsP().transpose() * repaired_;
-  repaired_ = repaired_ * ldlt_.transpositionsP().transpose();
 }
 
 }  // namespace detail

@@ -54,8 +54,8 @@ class LxBFGSModOpt::CarriedMatrix : public LxBFGSOpt::KeptMatrix {
     mod_.FreePersistent();
     const std::size_t count = static_cast<std::size_t>(n) * n;
     mod_.persistent_ = static_cast<double*>(std::malloc(sizeof(double) * (count ? count : 1)));
+    mod_.order_ = mod_.persistent_ != nullptr ? n : 0;
     if (mod_.persistent_ == nullptr) return false;
-    mod_.order_ = n;
     if (replaced) {
       mod_.restart_ = true;
     } else if (!mod_.restart_) {
@@ -74,12 +74,7 @@ LxBFGSModOpt::LxBFGSModOpt(const LxBFGSModOpt& other)
       restart_(other.restart_),
       order_(other.order_),
       savedStep_(other.savedStep_) {
-  if (other.persistent_ != nullptr && other.order_ != 0) {
-    const std::size_t count = static_cast<std::size_t>(order_) * order_;
-    persistent_ = static_cast<double*>(std::malloc(sizeof(double) * count));
-    if (persistent_ != nullptr)
-      std::memcpy(persistent_, other.persistent_, sizeof(double) * count);
-  }
+  CopyPersistentFrom(other);
 }
 
 LxBFGSModOpt& LxBFGSModOpt::operator=(const LxBFGSModOpt& other) {
@@ -89,12 +84,7 @@ LxBFGSModOpt& LxBFGSModOpt::operator=(const LxBFGSModOpt& other) {
   order_ = other.order_;
   savedStep_ = other.savedStep_;
   FreePersistent();
-  if (other.persistent_ != nullptr && other.order_ != 0) {
-    const std::size_t count = static_cast<std::size_t>(order_) * order_;
-    persistent_ = static_cast<double*>(std::malloc(sizeof(double) * count));
-    if (persistent_ != nullptr)
-      std::memcpy(persistent_, other.persistent_, sizeof(double) * count);
-  }
+  CopyPersistentFrom(other);
   return *this;
 }
 
@@ -103,6 +93,13 @@ LxBFGSModOpt::~LxBFGSModOpt() { FreePersistent(); }
 void LxBFGSModOpt::FreePersistent() {
   std::free(persistent_);
   persistent_ = nullptr;
+}
+
+void LxBFGSModOpt::CopyPersistentFrom(const LxBFGSModOpt& other) {
+  if (other.persistent_ == nullptr || other.order_ == 0) return;
+  const std::size_t count = static_cast<std::size_t>(other.order_) * other.order_;
+  persistent_ = static_cast<double*>(std::malloc(sizeof(double) * count));
+  if (persistent_ != nullptr) std::memcpy(persistent_, other.persistent_, sizeof(double) * count);
 }
 
 void LxBFGSModOpt::SetHessian(double* work, double* persistent, unsigned int n) {

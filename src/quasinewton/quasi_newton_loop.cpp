@@ -113,6 +113,7 @@ double RunQuasiNewton(const LxQNSettings& settings, QuasiNewtonMatrix& matrix, u
       if (gg < tolerance) return finish(k, kLxDone);
       Negate(g, d, n);
       slope = -gg;
+      step = std::sqrt(1.0 / gg);
       fresh = true;
       continue;
     }
