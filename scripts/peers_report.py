@@ -1,12 +1,12 @@
 #!/usr/bin/python3
 """Builds the peer-comparison report from the raw CSVs of one run.
 
-Inputs (in --results): peers_cpp.csv and peers_scipy.csv (one row per problem
-and method), scaling_cpp.csv and scaling_scipy.csv (per-iteration times).
-Outputs: peers.csv (both problem-set files with the solved column), peers.md
-(the full table), summary.md, scaling.md, profile.svg, and the document
---doc (docs/performance.md) with the machine, the date, the goals' ratios and
-a reading of the results.
+Inputs (in --raw): peers_cpp.csv and peers_scipy.csv (one row per problem and
+method), scaling_cpp.csv and scaling_scipy.csv (per-iteration times).
+Outputs (in --results): peers.csv (both problem-set files with the solved
+column), peers.md (the full table), summary.md, scaling.csv, scaling.md,
+profile.svg; and the document --doc (docs/performance.md) with the machine,
+the date, the goals' ratios and a reading of the results.
 
 A run counts as solved when its final value is within max(1e-6, 1e-6 |f*|)
 of the known minimum f*. Evaluations for the profile are value + gradient +
@@ -284,14 +284,18 @@ def machine():
     versions = run(["dpkg-query", "-W", "-f", "${Package} ${Version}\\n", "libgsl-dev",
                     "libdlib-dev", "python3-scipy", "python3-numpy", "libeigen3-dev"])
     compiler = run(["c++", "--version"]).splitlines()[:1]
+    blas = os.path.realpath("/etc/alternatives/libblas.so.3-x86_64-linux-gnu")
     return {"cpu": model, "nproc": os.cpu_count(), "mem": mem, "kernel": platform.release(),
-            "versions": versions.replace("\n", "; "), "compiler": compiler[0] if compiler else "?"}
+            "versions": versions.replace("\n", "; "), "compiler": compiler[0] if compiler else "?",
+            "blas": blas if os.path.exists(blas) else "unknown"}
 
 
 # ------------------------------------------------------------------ document
 
 def document(args, rows, problems, summary, by, goal2, seconds):
     m = machine()
+    with open("/proc/loadavg") as f:
+        load = " ".join(f.read().split()[:3])
     now = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
     bfgs = {n: s for (sec, n), s in by.items() if sec == "bfgs"}
     nmax = max(bfgs)
@@ -315,6 +319,7 @@ hand: run the command again.
 
 Machine: {m['cpu']}, {m['nproc']} logical CPUs (nproc), {m['mem']} memory, Linux
 {m['kernel']}. Compiler: {m['compiler']}. Peers from Debian packages: {m['versions']}.
+BLAS behind numpy (the Debian alternative): {m['blas']}.
 
 ## What was run
 
@@ -344,8 +349,13 @@ Machine: {m['cpu']}, {m['nproc']} logical CPUs (nproc), {m['mem']} memory, Linux
 - Times: wall time of one whole run, median of 5 repeats for runs under 0.05 s, of 3
   under 0.5 s, else a single run. Scaling times per iteration are the median of the
   intervals between consecutive per-iteration reports, so setup and the odd
-  preemption by other work on the machine are excluded; baselines are medians of
-  passes or factorizations timed before and after the optimizer runs.
+  preemption are excluded. The baselines (bare passes, factorizations) are timed
+  inside the same runs, at the per-iteration reports, and left out of the
+  iterations' intervals, so both sides of a ratio see the same machine state.
+- Load: the 1-, 5- and 15-minute load averages when the report was written were
+  {load}; on {m['nproc']} CPUs anything above {m['nproc']} means other work
+  competed with the benchmark, and absolute times (not the same-run ratios) are
+  then inflated.
 
 ## Summary (all {len(problems)} problems)
 
@@ -355,7 +365,8 @@ profile below does that properly).
 
 {summary_markdown(summary)}
 
-Full per-problem table: bench/results/peers.md (CSV: bench/results/peers.csv).
+Full per-problem table: bench/results/peers.md (CSV: bench/results/peers.csv;
+scaling: bench/results/scaling.csv).
 Performance profile (Dolan-More, evaluations, one panel per class, LxOpt solid,
 peers dashed): bench/results/profile.svg.
 
@@ -382,12 +393,12 @@ BFGS against dlib, problem by problem. Problems dlib's BFGS solves and LxOpt's d
 not: {lx_fail}. The reverse: {dl_fail}. Largest evaluation ratios among problems both
 solve: {worst}.
 
-{reading(goal2, g1a, g1b, g3, ldlt_llt, nmax, g2_ok)}
+{reading(goal2, g1a, g1b, g3, ldlt_llt, nmax, g2_ok, by)}
 """
     return text
 
 
-def reading(goal2, g1a, g1b, g3, ldlt_llt, nbfgs, g2_ok):
+def reading(goal2, g1a, g1b, g3, ldlt_llt, nbfgs, g2_ok, by):
     paras = []
     lx_per_iter = goal2["lx_sum"] / max(goal2["lx_iters"], 1)
     dl_per_iter = goal2["dl_sum"] / max(goal2["dl_iters"], 1)
@@ -400,7 +411,8 @@ def reading(goal2, g1a, g1b, g3, ldlt_llt, nbfgs, g2_ok):
             ": its directions are as good or better, and the difference is in the line "
             "search. " if lx_per_iter > dl_per_iter and goal2["lx_iters"] <= goal2["dl_iters"]
             else ". ") +
-        "Where the defined BFGS loses, the causes are in its definition. The first trial step at the start and after every restart is 1/|g| "
+        "Where the defined BFGS loses, the causes are in its definition. The first "
+        "trial step is 1/|g| "
         "(a move of unit length whatever the problem's scale), so badly scaled problems "
         "pay extra line-search trials before the matrix has learned the scale. Every "
         "trial of its line search (cubic interpolation under the strong Wolfe tests, "
@@ -413,12 +425,25 @@ def reading(goal2, g1a, g1b, g3, ldlt_llt, nbfgs, g2_ok):
         f"The per-iteration cost of LxOpt's BFGS at n = {nbfgs} is "
         f"{g1a:.2f} times two bare passes over the matrix. An iteration has to stream the "
         "n x n matrix at least twice (the product with H and the rank-two update), so two "
-        "passes is the floor for a dense BFGS iteration, and whatever lies above it is "
-        "time spent in in-order sums rather than in memory traffic; "
+        "passes is the floor for a dense BFGS iteration; "
         f"dlib's iteration costs {g1b:.2f} times LxOpt's. "
         "scipy's BFGS forms the update with dense matrix-matrix products (O(n^3) per "
-        "iteration), which is why it is dropped from the scaling beyond the size where a "
-        "run takes a minute.")
+        "iteration, through numpy's BLAS), which is why it is dropped from the scaling "
+        "beyond the size where a run would take a minute; with the reference BLAS that "
+        "Debian installs by default this comes early.")
+    cg = {n: s for (sec, n), s in by.items() if sec == "cg"}
+    if cg:
+        n = max(cg)
+        t = float(cg[n]["lxopt_conjgrad"]["seconds"])
+        paras.append(
+            f"A conjugate-gradient iteration (Shanno's variant) at n = {n} costs "
+            f"{t / float(cg[n]['bare_vector_pass']['seconds']):.0f} bare read-and-write passes, "
+            f"or {t / float(cg[n]['bare_dot_pass']['seconds']):.0f} in-order dot products, "
+            f"with {cg[n]['lxopt_conjgrad']['gradients_per_iter']} value-and-gradient "
+            "evaluations per iteration. Most loops of an iteration (the objective's own "
+            "sum, the line search's slopes, the direction's inner products) are reductions, "
+            "which without reassociation run at the latency of one addition per element "
+            "rather than at memory speed, so the dot product is the fairer unit.")
     worst_n = max(g3, key=g3.get)
     ratio_big = ldlt_llt[max(ldlt_llt)]
     paras.append(
@@ -441,14 +466,15 @@ def reading(goal2, g1a, g1b, g3, ldlt_llt, nbfgs, g2_ok):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--raw", required=True)
     parser.add_argument("--results", required=True)
     parser.add_argument("--doc", required=True)
     parser.add_argument("--command", default="make bench-peers")
     parser.add_argument("--seconds", default="?")
     args = parser.parse_args()
-    res = args.results
+    res, raw = args.results, args.raw
 
-    rows = read_csv(os.path.join(res, "peers_cpp.csv")) + read_csv(os.path.join(res,
+    rows = read_csv(os.path.join(raw, "peers_cpp.csv")) + read_csv(os.path.join(raw,
                                                                                 "peers_scipy.csv"))
     problems = list(OrderedDict.fromkeys(r["problem"] for r in rows))
     order = {m: i for i, (m, _) in enumerate(methods_of(rows))}
@@ -456,7 +482,7 @@ def main():
     for r in rows:
         r["ok"] = solved(r)
 
-    fields = [f for f in read_csv(os.path.join(res, "peers_cpp.csv"))[0].keys()] + ["solved"]
+    fields = [f for f in read_csv(os.path.join(raw, "peers_cpp.csv"))[0].keys()] + ["solved"]
     with open(os.path.join(res, "peers.csv"), "w", newline="") as f:
         w = csv.writer(f)
         w.writerow(fields)
@@ -473,10 +499,14 @@ def main():
     with open(os.path.join(res, "profile.svg"), "w") as f:
         f.write(profile_svg(rows, problems))
 
-    scaling = read_csv(os.path.join(res, "scaling_cpp.csv"))
-    scipy_scaling = os.path.join(res, "scaling_scipy.csv")
+    scaling = read_csv(os.path.join(raw, "scaling_cpp.csv"))
+    scipy_scaling = os.path.join(raw, "scaling_scipy.csv")
     if os.path.exists(scipy_scaling):
         scaling += read_csv(scipy_scaling)
+    with open(os.path.join(res, "scaling.csv"), "w", newline="") as f:
+        w = csv.DictWriter(f, fieldnames=list(scaling[0].keys()))
+        w.writeheader()
+        w.writerows(scaling)
     by = scaling_table(scaling)
     with open(os.path.join(res, "scaling.md"), "w") as f:
         f.write(scaling_markdown(by) + "\n")

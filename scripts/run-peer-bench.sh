@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the peer comparison from a built benchmark tree and regenerates the
-# results: bench/results/*.csv, *.md, profile.svg and docs/performance.md.
+# results: bench/results/*.csv, *.md, profile.svg and docs/performance.md. The
+# raw per-library CSVs stay in BUILD_DIR/peer-results.
 # Usage: scripts/run-peer-bench.sh BUILD_DIR
 # The Debian python (/usr/bin/python3) is used: scipy comes from its packages.
 set -euo pipefail
@@ -8,17 +9,19 @@ set -euo pipefail
 build="${1:?usage: $0 BUILD_DIR}"
 root="$(cd "$(dirname "$0")/.." && pwd)"
 results="$root/bench/results"
+raw="$build/peer-results"
 python=/usr/bin/python3
-mkdir -p "$results" "$root/docs"
+mkdir -p "$results" "$raw" "$root/docs"
 
 start=$(date +%s)
 echo "== problem set: LxOpt, GSL, dlib"
-"$build/bench/peer_compare" "$results/peers_cpp.csv"
+"$build/bench/peer_compare" "$raw/peers_cpp.csv"
 echo "== problem set and scaling: scipy"
 "$python" "$root/bench/peers/scipy_peers.py" --lib "$build/bench/liblxbench_problems.so" \
-  --out "$results/peers_scipy.csv" --scaling-out "$results/scaling_scipy.csv"
+  --out "$raw/peers_scipy.csv" --scaling-out "$raw/scaling_scipy.csv"
 echo "== scaling: LxOpt, dlib, Eigen"
-"$build/bench/peer_scaling" "$results/scaling_cpp.csv"
+"$build/bench/peer_scaling" "$raw/scaling_cpp.csv"
 echo "== report"
-"$python" "$root/scripts/peers_report.py" --results "$results" --doc "$root/docs/performance.md" \
+"$python" "$root/scripts/peers_report.py" --raw "$raw" --results "$results" \
+  --doc "$root/docs/performance.md" \
   --command "make bench-peers" --seconds "$(( $(date +%s) - start ))"

@@ -147,7 +147,8 @@ TEST(BenchProblemSet, NumericalMinimaAreReachedAndMatchThePublishedDigits) {
   };
   auto set = lxbench::ProblemSet();
   for (const Published& e : table) {
-    auto it = std::find_if(set.begin(), set.end(), [&](const auto& p) { return p->Name() == e.name; });
+    auto it = std::find_if(set.begin(), set.end(),
+                           [&](const auto& p) { return p->Name() == e.name; });
     ASSERT_NE(it, set.end()) << e.name;
     Problem& p = **it;
     const double excess = std::fabs(p.FStar()) - std::fabs(e.value);

@@ -7,10 +7,15 @@
 //           dot product of two such vectors;
 //   newton: an LxOpt Newton iteration on a dense quadratic at n = 250 ... 2000,
 //           next to Eigen's LDLT and LLT of the same matrix.
+// The baselines are timed inside the optimizer runs, at the per-iteration
+// reports (and left out of the iteration's own interval), so that both sides
+// of every ratio see the same state of a machine that may be busy with other
+// work. "seconds" is the median interval between consecutive reports for an
+// optimizer and the median time of one pass or factorization for a baseline.
+// At the small sizes the interleaved pass also pushes the optimizer's matrix
+// out of the faster caches, which makes those ratios pessimistic.
 // Writes CSV rows: section,n,subject,seconds,iterations,values_per_iter,
-// gradients_per_iter. "seconds" is per iteration for optimizers (the median
-// interval between consecutive per-iteration reports, so setup is excluded) and per pass or factorization (median)
-// for the baselines (around the optimizer runs, see each section).
+// gradients_per_iter.
 //
 // Usage: peer_scaling OUT.csv [sections], sections a comma-separated subset of
 // bfgs,cg,newton (default all).
@@ -21,6 +26,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <limits>
 #include <random>
 #include <string>
@@ -37,6 +43,7 @@ double Since(Clock::time_point t0) {
 }
 
 double Median(std::vector<double> v) {
+  if (v.empty()) return std::numeric_limits<double>::quiet_NaN();
   std::sort(v.begin(), v.end());
   return v[v.size() / 2];
 }
@@ -116,99 +123,124 @@ class DenseQuadratic : public LxOpt::LxFunc2 {
   Eigen::VectorXd b_;
 };
 
-// Seconds per iteration: the median interval between consecutive stamps, so
-// that a preemption by other work on the machine does not count.
-double MedianInterval(const std::vector<Clock::time_point>& times) {
-  if (times.size() < 2) return std::numeric_limits<double>::quiet_NaN();
-  std::vector<double> intervals;
-  for (size_t i = 1; i < times.size(); ++i)
-    intervals.push_back(std::chrono::duration<double>(times[i] - times[i - 1]).count());
-  return Median(intervals);
-}
+// A named operation timed at the per-iteration reports.
+struct Baseline {
+  const char* subject;
+  std::function<void()> run;
+  size_t limit;  // at most this many samples
+  std::vector<double> samples;
+};
 
-// Stamps every per-iteration report (state 0).
-class Stamps : public LxOpt::LxCheckpoint1 {
+// Closes one iteration interval per report (leaving out the baselines run at
+// the previous report), then times each baseline once while it wants samples.
+class IterationClock {
  public:
+  explicit IterationClock(std::vector<Baseline> baselines = {})
+      : baselines_(std::move(baselines)) {}
+
+  void Tick() {
+    Clock::time_point now = Clock::now();
+    if (started_) intervals_.push_back(std::chrono::duration<double>(now - last_).count());
+    started_ = true;
+    for (Baseline& b : baselines_) {
+      if (b.samples.size() >= b.limit) continue;
+      const Clock::time_point t0 = Clock::now();
+      b.run();
+      b.samples.push_back(Since(t0));
+    }
+    last_ = Clock::now();
+  }
+  double PerIteration() const {
+    return intervals_.empty() ? std::numeric_limits<double>::quiet_NaN() : Median(intervals_);
+  }
+  size_t Iterations() const { return intervals_.size(); }
+  const std::vector<Baseline>& Baselines() const { return baselines_; }
+
+ private:
+  std::vector<Baseline> baselines_;
+  std::vector<double> intervals_;
+  Clock::time_point last_;
+  bool started_ = false;
+};
+
+// Ticks the clock at every per-iteration report (state 0).
+class ClockCheckpoint : public LxOpt::LxCheckpoint1 {
+ public:
+  explicit ClockCheckpoint(IterationClock& clock) : clock_(clock) {}
   using LxOpt::LxCheckpoint1::operator();
   bool operator()(unsigned int, unsigned int, double, double, const double*, const double*,
                   unsigned int state) override {
-    if (state == 0) times.push_back(Clock::now());
+    if (state == 0) clock_.Tick();
     return true;
   }
-  double PerIteration() const { return MedianInterval(times); }
-  std::vector<Clock::time_point> times;
+
+ private:
+  IterationClock& clock_;
 };
 
-// Median time of one read-and-write pass over count doubles.
-double BarePass(size_t count, int repeats) {
-  std::vector<double> a(count, 1.0);
-  std::vector<double> t;
-  volatile double scale = 0.999, shift = 1e-9;
-  for (int r = 0; r < repeats + 1; ++r) {  // the first pass only touches the memory
-    const double s = scale, h = shift;
-    const Clock::time_point t0 = Clock::now();
-    for (size_t i = 0; i < count; ++i) a[i] = a[i] * s + h;
-    if (r > 0) t.push_back(Since(t0));
+// A buffer for the bare passes, touched once so page faults stay out of them.
+class PassBuffer {
+ public:
+  explicit PassBuffer(size_t count) : a_(count, 1.0), b_(count, 0.5) {}
+  // Reads and writes every element once.
+  void ReadWrite() {
+    const double s = scale_, h = shift_;
+    for (size_t i = 0; i < a_.size(); ++i) a_[i] = a_[i] * s + h;
   }
-  volatile double sink = a[count / 2];
-  (void)sink;
-  return Median(t);
-}
-
-// Median time of one dot product of two vectors of count doubles. Summed in
-// order (no reassociation), as the optimizers' own reductions are, so it is
-// bound by the latency of the additions rather than by memory.
-double BareDotPass(size_t count, int repeats) {
-  std::vector<double> a(count, 1.0), b(count, 0.5);
-  std::vector<double> t;
-  volatile double sink = 0.0;
-  for (int r = 0; r < repeats + 1; ++r) {
-    const Clock::time_point t0 = Clock::now();
+  // Sums a[i] b[i] in order (no reassociation), as the optimizers' own
+  // reductions do, so it is bound by the latency of the additions.
+  void Dot() {
     double s = 0.0;
-    for (size_t i = 0; i < count; ++i) s += a[i] * b[i];
-    if (r > 0) t.push_back(Since(t0));
-    sink = sink + s;
+    for (size_t i = 0; i < a_.size(); ++i) s += a_[i] * b_[i];
+    sink_ = sink_ + s;
   }
-  return Median(t);
-}
+
+ private:
+  std::vector<double> a_, b_;
+  volatile double scale_ = 0.999, shift_ = 1e-9, sink_ = 0.0;
+};
 
 void Row(FILE* out, const char* section, size_t n, const char* subject, double seconds,
          long iterations, double valuesPerIter, double gradientsPerIter) {
   std::fprintf(out, "%s,%zu,%s,%.6g,%ld,%.3g,%.3g\n", section, n, subject, seconds, iterations,
                valuesPerIter, gradientsPerIter);
   std::fflush(out);
-  std::fprintf(stderr, "%-7s n=%-8zu %-18s %.4g s\n", section, n, subject, seconds);
+  std::fprintf(stderr, "%-7s n=%-8zu %-20s %.4g s\n", section, n, subject, seconds);
 }
 
-// One gradient-optimizer run with the iteration limit; returns the row data.
+void BaselineRows(FILE* out, const char* section, size_t n, const IterationClock& clock) {
+  for (const Baseline& b : clock.Baselines())
+    Row(out, section, n, b.subject, Median(b.samples), long(b.samples.size()), 0, 0);
+}
+
+// One gradient-optimizer run of `iterations` iterations from the origin.
 template <class Optimizer>
 void TimedLxOpt(FILE* out, const char* section, const char* subject, size_t n,
-                unsigned int iterations) {
+                unsigned int iterations, IterationClock& clock) {
   CheapQuadratic f(n);
   Optimizer opt;
   opt.SetIterLimit(iterations);
   opt.SetTolerance(0.0);
-  Stamps stamps;
+  ClockCheckpoint checkpoint(clock);
   std::vector<double> x0(n, 0.0), x(n);
-  opt(f, &stamps, x0.data(), x.data());
-  const double steps = double(std::max<size_t>(stamps.times.size(), 1));
-  Row(out, section, n, subject, stamps.PerIteration(), long(stamps.times.size()),
-      f.values / steps, f.gradients / steps);
+  opt(f, &checkpoint, x0.data(), x.data());
+  const double steps = double(std::max<size_t>(clock.Iterations() + 1, 1));
+  Row(out, section, n, subject, clock.PerIteration(), long(clock.Iterations()), f.values / steps,
+      f.gradients / steps);
 }
 
-// dlib's BFGS for a fixed number of iterations, stamped by its stop strategy.
-class StampingStop {
+// dlib's stop strategy slot, used to tick the clock and end after `limit`.
+class ClockStop {
  public:
-  StampingStop(std::vector<Clock::time_point>* times, size_t limit)
-      : times_(times), limit_(limit) {}
+  ClockStop(IterationClock* clock, size_t limit) : clock_(clock), limit_(limit) {}
   template <class T>
   bool should_continue_search(const T&, double, const T&) {
-    times_->push_back(Clock::now());
-    return times_->size() <= limit_;
+    clock_->Tick();
+    return clock_->Iterations() < limit_;
   }
 
  private:
-  std::vector<Clock::time_point>* times_;
+  IterationClock* clock_;
   size_t limit_;
 };
 
@@ -223,74 +255,59 @@ void TimedDlibBfgs(FILE* out, size_t n, unsigned int iterations) {
     f(&v(0), &g(0));
     return g;
   };
-  std::vector<Clock::time_point> times;
-  dlib::find_min(dlib::bfgs_search_strategy(), StampingStop(&times, iterations), value, gradient,
-                 x, -std::numeric_limits<double>::infinity());
-  const double perIter = MedianInterval(times);
-  const double steps = double(times.size());
-  Row(out, "bfgs", n, "dlib_bfgs", perIter, long(times.size() - 1), f.values / steps,
-      f.gradients / steps);
+  IterationClock clock;
+  dlib::find_min(dlib::bfgs_search_strategy(), ClockStop(&clock, iterations), value, gradient, x,
+                 -std::numeric_limits<double>::infinity());
+  const double steps = double(clock.Iterations() + 1);
+  Row(out, "bfgs", n, "dlib_bfgs", clock.PerIteration(), long(clock.Iterations()),
+      f.values / steps, f.gradients / steps);
 }
 
 void BfgsSection(FILE* out) {
   for (size_t n : {250, 500, 1000, 2000, 4000}) {
-    const unsigned int iterations = n >= 2000 ? 8 : 20;
-    const double before = BarePass(n * n, 3);
-    TimedLxOpt<LxOpt::LxBFGSOpt>(out, "bfgs", "lxopt_bfgs", n, iterations);
-    TimedLxOpt<LxOpt::LxDFPOpt>(out, "bfgs", "lxopt_dfp", n, iterations);
+    const unsigned int iterations = n >= 2000 ? 12 : 30;
+    PassBuffer matrix(n * n);
+    matrix.ReadWrite();
+    IterationClock bfgs({{"bare_matrix_pass", [&matrix] { matrix.ReadWrite(); }, 1000, {}}});
+    TimedLxOpt<LxOpt::LxBFGSOpt>(out, "bfgs", "lxopt_bfgs", n, iterations, bfgs);
+    BaselineRows(out, "bfgs", n, bfgs);
+    IterationClock dfp;
+    TimedLxOpt<LxOpt::LxDFPOpt>(out, "bfgs", "lxopt_dfp", n, iterations, dfp);
     TimedDlibBfgs(out, n, iterations);
-    // Measured before and after the optimizers; the smaller of the two medians.
-    Row(out, "bfgs", n, "bare_matrix_pass", std::min(before, BarePass(n * n, 3)), 1, 0, 0);
   }
 }
 
 void CgSection(FILE* out) {
   for (size_t n : {10000, 100000, 1000000}) {
-    Row(out, "cg", n, "bare_vector_pass", BarePass(n, 21), 1, 0, 0);
-    Row(out, "cg", n, "bare_dot_pass", BareDotPass(n, 21), 1, 0, 0);
-    TimedLxOpt<LxOpt::LxConjGradOpt>(out, "cg", "lxopt_conjgrad", n, 50);
-    TimedLxOpt<LxOpt::LxRibierePolakOpt>(out, "cg", "lxopt_ribiere_polak", n, 50);
+    PassBuffer vector(n);
+    vector.ReadWrite();
+    IterationClock conjgrad({{"bare_vector_pass", [&vector] { vector.ReadWrite(); }, 1000, {}},
+                             {"bare_dot_pass", [&vector] { vector.Dot(); }, 1000, {}}});
+    TimedLxOpt<LxOpt::LxConjGradOpt>(out, "cg", "lxopt_conjgrad", n, 50, conjgrad);
+    BaselineRows(out, "cg", n, conjgrad);
+    IterationClock polak;
+    TimedLxOpt<LxOpt::LxRibierePolakOpt>(out, "cg", "lxopt_ribiere_polak", n, 50, polak);
   }
 }
 
-// Times of `repeats` factorizations of a.
-template <class Factorization>
-std::vector<double> FactorizationTimes(const Eigen::MatrixXd& a, int repeats) {
-  Factorization factor(a.rows());
-  std::vector<double> t;
-  for (int r = 0; r < repeats; ++r) {
-    const Clock::time_point t0 = Clock::now();
-    factor.compute(a);
-    t.push_back(Since(t0));
-  }
-  return t;
-}
-
-std::vector<double> Joined(std::vector<double> a, const std::vector<double>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-// The factorizations are timed both before and after the Newton run (median
-// of all), so a disturbance of the machine during one phase shows less.
+// Newton runs 4 iterations, extended by 30 once the gradient is small (the
+// optimizer's own rule); the factorizations are timed at every report.
 void NewtonSection(FILE* out) {
-  using Ldlt = Eigen::LDLT<Eigen::MatrixXd>;
-  using Llt = Eigen::LLT<Eigen::MatrixXd>;
   for (int n : {250, 500, 1000, 2000}) {
     DenseQuadratic f(n);
-    const std::vector<double> ldlt = FactorizationTimes<Ldlt>(f.matrix(), 3);
-    const std::vector<double> llt = FactorizationTimes<Llt>(f.matrix(), 3);
+    Eigen::LDLT<Eigen::MatrixXd> ldlt(n);
+    Eigen::LLT<Eigen::MatrixXd> llt(n);
+    IterationClock clock({{"eigen_ldlt", [&] { ldlt.compute(f.matrix()); }, 1000, {}},
+                          {"eigen_llt", [&] { llt.compute(f.matrix()); }, 1000, {}}});
     LxOpt::LxNewtonOpt opt;
     opt.SetIterLimit(4);
     opt.SetTolerance(0.0);
-    Stamps stamps;
+    ClockCheckpoint checkpoint(clock);
     std::vector<double> x0(n, 0.0), x(n);
-    opt(f, &stamps, x0.data(), x.data());
-    Row(out, "newton", n, "eigen_ldlt",
-        Median(Joined(ldlt, FactorizationTimes<Ldlt>(f.matrix(), 3))), 1, 0, 0);
-    Row(out, "newton", n, "eigen_llt", Median(Joined(llt, FactorizationTimes<Llt>(f.matrix(), 3))),
-        1, 0, 0);
-    Row(out, "newton", n, "lxopt_newton", stamps.PerIteration(), long(stamps.times.size()), 0, 0);
+    opt(f, &checkpoint, x0.data(), x.data());
+    BaselineRows(out, "newton", size_t(n), clock);
+    Row(out, "newton", size_t(n), "lxopt_newton", clock.PerIteration(), long(clock.Iterations()),
+        0, 0);
   }
 }
 
