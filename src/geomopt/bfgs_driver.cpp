@@ -63,7 +63,7 @@ bool ComponentsWithin(const double* g, unsigned int n, double tolerance) {
 void Report(LxCheckpoint1* checkpoint, unsigned int iter, unsigned int n, double f, double gnorm,
             const double* x, unsigned int state) {
   if (checkpoint == nullptr) return;
-  if (dynamic_cast<LxBFGSCheckpoint*>(checkpoint) != nullptr) {
+  if (typeid(*checkpoint) == typeid(LxBFGSCheckpoint)) {
     static_cast<LxBFGSCheckpoint*>(checkpoint)
         ->LxBFGSCheckpoint::operator()(iter, n, f, gnorm, x, nullptr, state);
   } else {

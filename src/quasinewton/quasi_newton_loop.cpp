@@ -41,7 +41,7 @@ void AcceptStep(unsigned int n, double step, const double* d, const double* w, d
 }  // namespace
 
 int ByteCountForMessage(std::size_t bytes) {
-  return static_cast<int>(bytes);
+  return bytes > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(bytes);
 }
 
 QuasiNewtonMatrix::~QuasiNewtonMatrix() = default;
