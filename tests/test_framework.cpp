@@ -98,16 +98,6 @@ class NanBelowHalf : public lxtest::Objective {
   }
 };
 
-TEST(SteepestDescent, DefaultsAndSetters) {
-  LxSteepestDescentOpt opt;
-  EXPECT_EQ(opt.GetIterLimit(), 5000u);
-  EXPECT_EQ(opt.GetTolerance(), 0.1);
-  opt.SetIterLimit(0);
-  opt.SetTolerance(-3.0);  // stored unchanged, no validation
-  EXPECT_EQ(opt.GetIterLimit(), 0u);
-  EXPECT_EQ(opt.GetTolerance(), -3.0);
-}
-
 TEST(SteepestDescent, NullOutWarnsWithoutEvaluating) {
   DiagonalQuadratic q({1}, {0});
   Counting f(q);
