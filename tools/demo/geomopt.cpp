@@ -8,47 +8,10 @@
 #include <vector>
 
 #include "demo/demo.h"
+#include "problems/extra.h"
 
 namespace demo {
 namespace {
-
-constexpr double kIcosahedronMinimum = -44.326801;  // LJ13, reduced units
-
-// E = 4 sum_{i<j} (r^-12 - r^-6) over atoms given as (x, y, z) triples.
-class LennardJones : public Objective {
- public:
-  using Objective::operator();
-  explicit LennardJones(unsigned int atoms) : atoms_(atoms) {}
-  unsigned int NumVar() const override { return 3 * atoms_; }
-  double operator()(const double* x) override {
-    std::vector<double> g(NumVar());
-    return (*this)(x, g.data());
-  }
-  double operator()(const double* x, double* g) override {
-    for (unsigned int k = 0; k < NumVar(); ++k) g[k] = 0.0;
-    double e = 0.0;
-    for (unsigned int i = 0; i < atoms_; ++i) {
-      for (unsigned int j = i + 1; j < atoms_; ++j) {
-        double d[3], r2 = 0.0;
-        for (int k = 0; k < 3; ++k) {
-          d[k] = x[3 * i + k] - x[3 * j + k];
-          r2 += d[k] * d[k];
-        }
-        const double inv6 = 1.0 / (r2 * r2 * r2);
-        e += 4.0 * (inv6 * inv6 - inv6);
-        const double dEdrOverR = (-48.0 * inv6 * inv6 + 24.0 * inv6) / r2;
-        for (int k = 0; k < 3; ++k) {
-          g[3 * i + k] += dEdrOverR * d[k];
-          g[3 * j + k] -= dEdrOverR * d[k];
-        }
-      }
-    }
-    return e;
-  }
-
- private:
-  unsigned int atoms_;
-};
 
 // A centred icosahedron of radius 1.1, every coordinate moved by up to 0.1.
 std::vector<double> PerturbedIcosahedron() {
@@ -68,7 +31,7 @@ std::vector<double> PerturbedIcosahedron() {
 }
 
 void RelaxCluster(const Options&) {
-  LennardJones cluster(13);
+  lxbench::LennardJones13 cluster;
   const std::vector<double> start = PerturbedIcosahedron();
   std::vector<double> ref = start, out(start.size());
 
@@ -89,7 +52,7 @@ void RelaxCluster(const Options&) {
   LxOpt::LxSetMessageSink(previous);
   std::printf("  LJ13 from a perturbed icosahedron: E = %.6f (known minimum %.6f), "
               "state %s\n",
-              e, kIcosahedronMinimum, LxOpt::LxGetStateName(checkpoint.GetLastState()));
+              e, cluster.FStar(), LxOpt::LxGetStateName(checkpoint.GetLastState()));
 }
 
 LxOpt::LxBFGSOptimizer Configured() {

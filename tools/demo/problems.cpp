@@ -1,34 +1,13 @@
-// The table's basic problems: a curved valley and an ill-conditioned quadratic.
+// The table's basic problems: a curved valley (the benchmark set's first
+// problem) and an ill-conditioned quadratic.
 #include <cmath>
 
 #include "demo/demo.h"
+#include "problems/mgh.h"
+#include "problems/problem.h"
 
 namespace demo {
 namespace {
-
-// 100 (y - x^2)^2 + (1 - x)^2, minimum 0 at (1, 1).
-class CurvedValley : public Objective {
- public:
-  using Objective::operator();
-  unsigned int NumVar() const override { return 2; }
-  double operator()(const double* x) override {
-    const double a = x[1] - x[0] * x[0], b = 1.0 - x[0];
-    return 100.0 * a * a + b * b;
-  }
-  double operator()(const double* x, double* g) override {
-    const double a = x[1] - x[0] * x[0];
-    g[0] = -400.0 * a * x[0] - 2.0 * (1.0 - x[0]);
-    g[1] = 200.0 * a;
-    return (*this)(x);
-  }
-  bool operator()(const double* x, double* h, double* g) override {
-    (*this)(x, g);
-    h[0] = 1200.0 * x[0] * x[0] - 400.0 * x[1] + 2.0;
-    h[1] = -400.0 * x[0];
-    h[2] = 200.0;
-    return true;
-  }
-};
 
 // sum d_i (x_i - 1)^2 with d_i spread geometrically from 1 to 1000.
 class IllConditionedQuadratic : public Objective {
@@ -57,7 +36,7 @@ class IllConditionedQuadratic : public Objective {
   std::vector<double> d_;
 };
 
-const Register valley(Problem{10, "curved valley", [] { return std::make_unique<CurvedValley>(); },
+const Register valley(Problem{10, "curved valley", [] { return std::make_unique<lxbench::LeastSquares<lxbench::mgh::Rosenbrock>>(); },
                               {-1.2, 1.0}, true, 0.0});
 const Register quadratic(Problem{20, "ill-cond. quadratic",
                                  [] { return std::make_unique<IllConditionedQuadratic>(100); },
