@@ -3,9 +3,9 @@
 // coefficients. Nocedal and Wright, Numerical Optimization, 2nd ed., section
 // 5.2 (the coefficients and Powell's restart test with the constant 0.2).
 #include <cmath>
-#include <cstring>
 
 #include "conjgrad/beta.h"
+#include "conjgrad/run_start.h"
 #include "framework/internal.h"
 #include "lxopt/conjgrad.h"
 #include "lxopt/host.h"
@@ -34,28 +34,16 @@ const char* OutOfMemoryMessage(LxBetaConjGradOpt::Beta beta) {
 double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
                                      const double* x0, double* x) {
   using detail::Report;
-  if (x == nullptr) {
-    LxThrow.Warning("memory not provided for optimized variables");
-    return 0.0;
-  }
-  const unsigned int n = func.NumVar();
-  if (x != x0) std::memmove(x, x0, sizeof(double) * n);
-
   // The same 6n block as LxConjGradOpt; the family uses the first three.
   LxMallocaPtr block;
-  double* const g = block.AllocateDoubles(6 * static_cast<std::size_t>(n));
-  if (g == nullptr) {
-    LxThrow.Warning(OutOfMemoryMessage(beta_),
-                    static_cast<int>(48 * static_cast<std::size_t>(n)));
-    return 0.0;
-  }
+  unsigned int n = 0;
+  double* const g = detail::BeginConjGradRun(func, x0, x, block, OutOfMemoryMessage(beta_), &n);
+  if (g == nullptr) return 0.0;
   double* const d = g + n;
   double* const gNew = d + n;
 
-  detail::Zero(g, n);
-  double f = func(x, g);
-  double gg = detail::SquaredNorm(g, n);
-  for (unsigned int i = 0; i < n; ++i) d[i] = -g[i];
+  double gg = 0.0;
+  double f = detail::SteepestDescentAt(func, n, x, g, d, &gg);
   if (gg < GetTolerance()) {
     Report(checkpoint, 0, n, f, std::sqrt(gg), x, g, kLxNoOpt);
     return f;

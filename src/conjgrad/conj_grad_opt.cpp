@@ -11,9 +11,9 @@
 //   H v = Ht v - (s (Ht y).v + (Ht y) (s.v)) / (s.y)
 //              + (1 + (y.Ht y)/(s.y)) (s.v)/(s.y) s.
 #include <cmath>
-#include <cstring>
 #include <utility>
 
+#include "conjgrad/run_start.h"
 #include "framework/internal.h"
 #include "lxopt/conjgrad.h"
 #include "lxopt/host.h"
@@ -96,20 +96,11 @@ double TwoPairDirection(std::size_t n, double step, double* g, const double* gNe
 double LxConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
                                  double* x) {
   using detail::Report;
-  if (x == nullptr) {
-    LxThrow.Warning("memory not provided for optimized variables");
-    return 0.0;
-  }
-  const unsigned int n = func.NumVar();
-  if (x != x0) std::memmove(x, x0, sizeof(double) * n);
-
   LxMallocaPtr block;
-  double* const work = block.AllocateDoubles(6 * static_cast<std::size_t>(n));
-  if (work == nullptr) {
-    LxThrow.Warning("out of memory allocating %d in LxConjGradOpt",
-                    static_cast<int>(48 * static_cast<std::size_t>(n)));
-    return 0.0;
-  }
+  unsigned int n = 0;
+  double* const work = detail::BeginConjGradRun(func, x0, x, block,
+                                                "out of memory allocating %d in LxConjGradOpt", &n);
+  if (work == nullptr) return 0.0;
   double* g = work;
   double* gNew = work + n;
   double* const d = work + 2 * static_cast<std::size_t>(n);
@@ -126,10 +117,7 @@ double LxConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const
   // f, g, gg and d = -g at the current point; returns the first trial step.
   double gg = 0.0;
   const auto steepestDescentAtX = [&] {
-    detail::Zero(g, n);
-    f = func(x, g);
-    gg = detail::SquaredNorm(g, n);
-    for (unsigned int i = 0; i < n; ++i) d[i] = -g[i];
+    f = detail::SteepestDescentAt(func, n, x, g, d, &gg);
     return std::sqrt(1.0 / gg);  // a unit first step in x
   };
 
