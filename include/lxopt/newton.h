@@ -34,6 +34,11 @@ LXOPT_API int LxCheckMMFFEigenvalues(unsigned int n, const Eigen::MatrixXd& h);
 
 // --------------------------------------------------------------- Newton
 
+namespace detail {
+class NewtonStep;
+struct NewtonWorkspace;
+}  // namespace detail
+
 // The damped Newton run. It starts with PreconditionWSteepestDescent (on by
 // default: at most 20 steepest-descent iterations, tolerance n on sum g^2).
 // Per iteration, with g and H from the last Hessian evaluation and the
@@ -94,6 +99,13 @@ class LXOPT_API LxNewtonOptImpl {
   double GetTolerance() const { return tolerance_; }
 
  protected:
+  // The damped Newton loop of both runs, from the preconditioning to the
+  // returned value (the exits of the class comment); step forms each step,
+  // the merit it is accepted by, the reported gradient and the convergence
+  // test. gradient_ and packed_ must be sized to func, work to n.
+  double RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
+                         double* x, detail::NewtonStep& step, detail::NewtonWorkspace& work);
+
   unsigned int iterLimit_ = kDefaultIterLimit;
   double maxDamping_ = 1000.0;
   double minDamping_ = 0.0;

@@ -2,6 +2,8 @@
 // of the diagonal, LDLT with pivot repair). Reference: J. Nocedal and
 // S. J. Wright, Numerical Optimization, 2nd ed., ch. 3.4 (Newton's method
 // with Hessian modification) and ch. 10.3 (Levenberg-Marquardt).
+// RunDampedNewton is the loop of both Newton runs; the constrained run only
+// supplies its own step (newton_constr.cpp).
 #include <cmath>
 #include <cstring>
 #include <new>
@@ -15,14 +17,27 @@
 namespace LxOpt {
 namespace {
 
-// Everything one run needs, sized once before the loop: the Hessian H (the
-// factorization holds the repaired and the scratch matrix) and the step.
-struct Workspace {
-  explicit Workspace(Eigen::Index n)
-      : hessian(Eigen::MatrixXd::Zero(n, n)), factor(n), step(Eigen::VectorXd::Zero(n)) {}
-  Eigen::MatrixXd hessian;
-  detail::RepairedLdlt factor;
-  Eigen::VectorXd step;
+// The plain shifted Newton step A' s = g, accepted by the value itself and
+// converged when the RMS gradient is below the tolerance.
+class PlainStep final : public detail::NewtonStep {
+ public:
+  PlainStep(const double* gradient, double tolerance)
+      : gradient_(gradient), tolerance_(tolerance) {}
+  double Evaluated(double*, const ConstVectorMap& g, double*) override {
+    return detail::RmsGradient(g.data(), static_cast<unsigned int>(g.size()));
+  }
+  void Solve(detail::RepairedLdlt& factor, const ConstVectorMap& g,
+             Eigen::VectorXd& step) override {
+    factor.Solve(g, step);
+  }
+  double MeritAtStart(double f) const override { return f; }
+  double MeritAtTrial(const double*, double f) override { return f; }
+  bool Converged(double rms, double) const override { return rms < tolerance_; }
+  const double* ReportedGradient() const override { return gradient_; }
+
+ private:
+  const double* gradient_;
+  double tolerance_;
 };
 
 }  // namespace
@@ -41,38 +56,46 @@ double LxNewtonOptImpl::PreconditionWSteepestDescent(LxFunc2& func, const double
 
 double LxNewtonOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
                                    const double* start, double* result) {
-  using detail::Report;
   if (result == nullptr) {
     LxThrow.Warning("memory not provided for optimized variables");
     return 0.0;
   }
   const unsigned int n = func.NumVar();
   const std::size_t packedSize = static_cast<std::size_t>(n) * (n + 1) / 2;
-  std::unique_ptr<Workspace> work;
+  std::unique_ptr<detail::NewtonWorkspace> work;
   try {
     gradient_.assign(n, 0.0);
     packed_.assign(packedSize, 0.0);
-    work = std::make_unique<Workspace>(n);
+    work = std::make_unique<detail::NewtonWorkspace>(n);
   } catch (const std::bad_alloc&) {
     const double bytes = 8.0 * (4.0 * n * n + packedSize);
     LxThrow.Warning("out of memory allocating %d in LxNewtonOptImpl",
                     bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes));
     return 0.0;
   }
+  PlainStep step(gradient_.data(), tolerance_);
+  return RunDampedNewton(func, checkpoint, start, result, step, *work);
+}
 
-  double* const x = result;
+double LxNewtonOptImpl::RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint,
+                                        const double* start, double* x,
+                                        detail::NewtonStep& step,
+                                        detail::NewtonWorkspace& work) {
+  using detail::Report;
+  const unsigned int n = func.NumVar();
   if (precondition_) {
     PreconditionWSteepestDescent(func, start, x);
   } else if (x != start) {
     std::memmove(x, start, sizeof(double) * n);
   }
   double* const g = gradient_.data();
+  const double* const reported = step.ReportedGradient();
   Eigen::Map<Eigen::VectorXd> xv(x, n);
   const Eigen::Map<const Eigen::VectorXd> gv(g, n);
 
   double fOld = func(x);
   if (iterLimit_ == 0) {
-    Report(checkpoint, 0, n, fOld, 0.0, x, g, kLxExhaust);
+    Report(checkpoint, 0, n, fOld, 0.0, x, reported, kLxExhaust);
     return fOld;
   }
 
@@ -86,50 +109,55 @@ double LxNewtonOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
   for (;;) {
     if (fresh) {
       detail::Zero(g, n);
-      detail::Zero(packed_.data(), packedSize);
+      detail::Zero(packed_.data(), packed_.size());
       if (!func(x, packed_.data(), g)) return 0.0;
-      r = detail::RmsGradient(g, n);
+      r = step.Evaluated(x, gv, packed_.data());
     }
     // Unpacked again after a failed step too, so shifts never accumulate.
-    detail::UnpackSymmetric(packed_.data(), work->hessian);
-    detail::AddDampingShift(damping.lambda(), work->hessian);
-    const bool repaired = work->factor.Factorize(work->hessian);
-    work->factor.Solve(gv, work->step);  // A' s = g
+    detail::UnpackSymmetric(packed_.data(), work.hessian);
+    detail::AddDampingShift(damping.lambda(), work.hessian);
+    const bool repaired = work.factor.Factorize(work.hessian);
+    step.Solve(work.factor, gv, work.step);
+    const double meritOld = step.MeritAtStart(fOld);
 
-    xv -= work->step;
+    xv -= work.step;
     fNew = func(x);
-    if (fNew >= fOld && std::fabs(fNew - fOld) >= valueChangeTolerance_) {
+    const double meritNew = step.MeritAtTrial(x, fNew);
+    if (meritNew >= meritOld && std::fabs(meritNew - meritOld) >= valueChangeTolerance_) {
       if (damping.AtMaximum()) {
         // Deliberate: out stays at the failed trial point and its value is
         // returned.
-        Report(checkpoint, iteration, n, fNew, r, x, g, kLxNotFound);
+        Report(checkpoint, iteration, n, fNew, r, x, reported, kLxNotFound);
         break;
       }
-      xv += work->step;
+      xv += work.step;
       damping.AfterFailedStep();
       fresh = false;
     } else {
       damping.AfterAcceptedStep(repaired);
-      Report(checkpoint, iteration, n, fNew, r, x, g, kLxCont);
+      Report(checkpoint, iteration, n, fNew, r, x, reported, kLxCont);
+      const double change = std::fabs(fNew - fOld);
       fOld = fNew;
       fresh = true;
-      // r belongs to the start of the accepted step.
-      if (r < tolerance_) {
-        Report(checkpoint, iteration, n, fNew, r, x, g, kLxDone);
+      // r (and whatever else the step measured) belongs to the start of the
+      // accepted step.
+      if (step.Converged(r, change)) {
+        Report(checkpoint, iteration, n, fNew, r, x, reported, kLxDone);
         break;
       }
     }
-    if (budget.Extend(r, iteration)) Report(checkpoint, iteration, n, fNew, r, x, g, kLxStable);
+    if (budget.Extend(r, iteration))
+      Report(checkpoint, iteration, n, fNew, r, x, reported, kLxStable);
     if (++iteration >= budget.end()) {
-      Report(checkpoint, budget.end(), n, fNew, r, x, g, kLxExhaust);
+      Report(checkpoint, budget.end(), n, fNew, r, x, reported, kLxExhaust);
       break;
     }
   }
 
   // Deliberate: the checked matrix is the last unpacked Hessian plus that
   // iteration's shift, as it stands after the loop.
-  if (checkEigenvalues_ && !LxCheckEigenvalues(n, work->hessian))
-    Report(checkpoint, iteration, n, fNew, r, x, g, kLxNotFound);
+  if (checkEigenvalues_ && !LxCheckEigenvalues(n, work.hessian))
+    Report(checkpoint, iteration, n, fNew, r, x, reported, kLxNotFound);
   // Deliberate: the last computed value is returned, which after a rejected
   // last step is the rejected trial's while out holds the accepted point.
   return fNew;

@@ -5,10 +5,8 @@
 // (range-space method) and ch. 18.1 (Newton's method on the KKT system).
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <new>
 
-#include "framework/internal.h"
 #include "lxopt/host.h"
 #include "lxopt/newton.h"
 #include "newton/newton_internal.h"
@@ -23,11 +21,11 @@ constexpr double kConstraintTolerance = 1e-8;
 constexpr double kCurvatureStep = 1.5e-8;
 constexpr double kDefaultInitialDamping = 10.0;
 
-// Everything one constrained run needs, sized once before the loop.
+// What the constrained step needs beyond the loop's matrices, sized once
+// before the loop.
 struct Workspace {
   Workspace(Eigen::Index n, Eigen::Index m)
-      : hessian(Eigen::MatrixXd::Zero(n, n)), factor(n), step(Eigen::VectorXd::Zero(n)),
-        solvedGradient(Eigen::VectorXd::Zero(n)), lagrangianGradient(Eigen::VectorXd::Zero(n)),
+      : solvedGradient(Eigen::VectorXd::Zero(n)), lagrangianGradient(Eigen::VectorXd::Zero(n)),
         trialConstraintGradient(Eigen::VectorXd::Zero(n)), curvatureColumn(Eigen::VectorXd::Zero(n)),
         combinedGradient(Eigen::VectorXd::Zero(n)),
         jacobianT(Eigen::MatrixXd::Zero(n, m)), solvedJacobianT(Eigen::MatrixXd::Zero(n, m)),
@@ -35,9 +33,6 @@ struct Workspace {
         multipliers(Eigen::VectorXd::Zero(m)), leastSquares(Eigen::VectorXd::Zero(m)),
         rhs(Eigen::VectorXd::Zero(m)), schur(Eigen::MatrixXd::Zero(m, m)),
         gram(Eigen::MatrixXd::Zero(m, m)), schurLdlt(m), gramLdlt(m) {}
-  Eigen::MatrixXd hessian;
-  detail::RepairedLdlt factor;
-  Eigen::VectorXd step;                     // s
   Eigen::VectorXd solvedGradient;           // u = A'^{-1} g
   Eigen::VectorXd lagrangianGradient;       // g - J^T nu
   Eigen::VectorXd trialConstraintGradient;  // a constraint gradient away from x
@@ -56,11 +51,59 @@ struct Workspace {
   Eigen::LDLT<Eigen::MatrixXd> gramLdlt;
 };
 
-class ConstrainedRun {
+// The KKT step under the constraints, accepted by the Lagrangian, reporting
+// the Lagrangian gradient; converged when that gradient, the value change and
+// the constraint norm are all small.
+class ConstrainedStep final : public detail::NewtonStep {
  public:
-  ConstrainedRun(const std::vector<LxConstrFunc*>& constraints, Workspace& w)
-      : constraints_(constraints), w_(w) {}
+  ConstrainedStep(const std::vector<LxConstrFunc*>& constraints, Workspace& w, double tolerance,
+                  double valueChangeTolerance)
+      : constraints_(constraints), w_(w), tolerance_(tolerance),
+        valueChangeTolerance_(valueChangeTolerance) {}
 
+  double Evaluated(double* x, const ConstVectorMap& g, double* packed) override {
+    EvaluateConstraints(x);
+    constraintNorm_ = w_.values.norm();
+    const double r = LagrangianGradient(g);
+    AddConstraintCurvature(x, packed);
+    return r;
+  }
+
+  // The KKT step with the factorized A': u = A'^{-1} g, W = A'^{-1} J^T,
+  // (J W) lambda = J u - c, s = u - W lambda.
+  void Solve(detail::RepairedLdlt& factor, const ConstVectorMap& g,
+             Eigen::VectorXd& step) override {
+    const Eigen::MatrixXd& jt = w_.jacobianT;
+    factor.Solve(g, w_.solvedGradient);
+    for (Eigen::Index k = 0; k < jt.cols(); ++k)
+      factor.Solve(jt.col(k), w_.solvedJacobianT.col(k));
+    for (Eigen::Index i = 0; i < jt.cols(); ++i) {
+      w_.rhs(i) = jt.col(i).dot(w_.solvedGradient) - w_.values(i);
+      for (Eigen::Index j = 0; j <= i; ++j) w_.schur(i, j) = jt.col(i).dot(w_.solvedJacobianT.col(j));
+    }
+    w_.schurLdlt.compute(w_.schur);
+    w_.multipliers = w_.schurLdlt.solve(w_.rhs);
+    step = w_.solvedGradient;
+    step.noalias() -= w_.solvedJacobianT * w_.multipliers;
+  }
+
+  // The Lagrangian f - lambda^T c at the last Hessian evaluation and at the
+  // trial point, with this step's multipliers.
+  double MeritAtStart(double f) const override { return f - w_.multipliers.dot(w_.values); }
+  double MeritAtTrial(const double* x, double f) override {
+    EvaluateTrialValues(x);
+    return f - w_.multipliers.dot(w_.trialValues);
+  }
+
+  // |c| is the one at the start of the accepted step, like rms.
+  bool Converged(double rms, double valueChange) const override {
+    return rms < tolerance_ && valueChange < valueChangeTolerance_ &&
+           constraintNorm_ < kConstraintTolerance;
+  }
+
+  const double* ReportedGradient() const override { return w_.lagrangianGradient.data(); }
+
+ private:
   // c and J^T at x.
   void EvaluateConstraints(const double* x) {
     for (std::size_t k = 0; k < constraints_.size(); ++k) {
@@ -123,31 +166,11 @@ class ConstrainedRun {
     }
   }
 
-  // The KKT step with the factorized A': u = A'^{-1} g, W = A'^{-1} J^T,
-  // (J W) lambda = J u - c, s = u - W lambda.
-  void SolveStep(const Eigen::Map<const Eigen::VectorXd>& g) {
-    const Eigen::MatrixXd& jt = w_.jacobianT;
-    w_.factor.Solve(g, w_.solvedGradient);
-    for (Eigen::Index k = 0; k < jt.cols(); ++k)
-      w_.factor.Solve(jt.col(k), w_.solvedJacobianT.col(k));
-    for (Eigen::Index i = 0; i < jt.cols(); ++i) {
-      w_.rhs(i) = jt.col(i).dot(w_.solvedGradient) - w_.values(i);
-      for (Eigen::Index j = 0; j <= i; ++j) w_.schur(i, j) = jt.col(i).dot(w_.solvedJacobianT.col(j));
-    }
-    w_.schurLdlt.compute(w_.schur);
-    w_.multipliers = w_.schurLdlt.solve(w_.rhs);
-    w_.step = w_.solvedGradient;
-    w_.step.noalias() -= w_.solvedJacobianT * w_.multipliers;
-  }
-
-  // The Lagrangian f - lambda^T c at the last Hessian evaluation and at the
-  // trial point, with this step's multipliers.
-  double MeritAtStart(double f) const { return f - w_.multipliers.dot(w_.values); }
-  double MeritAtTrial(double f) const { return f - w_.multipliers.dot(w_.trialValues); }
-
- private:
   const std::vector<LxConstrFunc*>& constraints_;
   Workspace& w_;
+  double tolerance_;
+  double valueChangeTolerance_;
+  double constraintNorm_ = 0.0;
 };
 
 }  // namespace
@@ -173,7 +196,6 @@ bool LxNewtonConstrOptImpl::Remove(LxConstrFunc& c) {
 
 double LxNewtonConstrOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
                                          const double* start, double* result) {
-  using detail::Report;
   if (constraints_.empty()) {
     LxThrow.Warning("No constraints has been applied. Will perform unconstrained optimization");
     return LxNewtonOptImpl::operator()(func, checkpoint, start, result);
@@ -192,98 +214,21 @@ double LxNewtonConstrOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoin
   }
   const Eigen::Index m = static_cast<Eigen::Index>(constraints_.size());
   const std::size_t packedSize = static_cast<std::size_t>(n) * (n + 1) / 2;
-  std::unique_ptr<Workspace> work;
+  std::unique_ptr<detail::NewtonWorkspace> work;
+  std::unique_ptr<Workspace> constrainedWork;
   try {
     gradient_.assign(n, 0.0);
     packed_.assign(packedSize, 0.0);
-    work = std::make_unique<Workspace>(n, m);
+    work = std::make_unique<detail::NewtonWorkspace>(n);
+    constrainedWork = std::make_unique<Workspace>(n, m);
   } catch (const std::bad_alloc&) {
     const double bytes = 8.0 * (4.0 * n * n + packedSize + 4.0 * n * m);
     LxThrow.Warning("out of memory allocating %d in LxNewtonConstrOptImpl",
                     bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes));
     return 0.0;
   }
-  ConstrainedRun constrained(constraints_, *work);
-
-  double* const x = result;
-  if (precondition_) {
-    PreconditionWSteepestDescent(func, start, x);
-  } else if (x != start) {
-    std::memmove(x, start, sizeof(double) * n);
-  }
-  double* const g = gradient_.data();
-  const double* const gl = work->lagrangianGradient.data();
-  Eigen::Map<Eigen::VectorXd> xv(x, n);
-  const Eigen::Map<const Eigen::VectorXd> gv(g, n);
-
-  double fOld = func(x);
-  if (iterLimit_ == 0) {
-    Report(checkpoint, 0, n, fOld, 0.0, x, gl, kLxExhaust);
-    return fOld;
-  }
-
-  detail::DampingSchedule damping(initialDamping_, minDamping_, maxDamping_, dampingDecrease_,
-                                  dampingIncrease_);
-  detail::IterationBudget budget(iterLimit_);
-  unsigned int iteration = 0;
-  bool fresh = true;
-  double r = 0.0;
-  double constraintNorm = 0.0;
-  double fNew = fOld;
-  for (;;) {
-    if (fresh) {
-      detail::Zero(g, n);
-      detail::Zero(packed_.data(), packedSize);
-      if (!func(x, packed_.data(), g)) return 0.0;
-      constrained.EvaluateConstraints(x);
-      constraintNorm = work->values.norm();
-      r = constrained.LagrangianGradient(gv);
-      constrained.AddConstraintCurvature(x, packed_.data());
-    }
-    detail::UnpackSymmetric(packed_.data(), work->hessian);
-    detail::AddDampingShift(damping.lambda(), work->hessian);
-    const bool repaired = work->factor.Factorize(work->hessian);
-    constrained.SolveStep(gv);
-    const double meritOld = constrained.MeritAtStart(fOld);
-
-    xv -= work->step;
-    fNew = func(x);
-    constrained.EvaluateTrialValues(x);
-    const double meritNew = constrained.MeritAtTrial(fNew);
-    if (meritNew >= meritOld && std::fabs(meritNew - meritOld) >= valueChangeTolerance_) {
-      if (damping.AtMaximum()) {
-        // Deliberate: out stays at the failed trial point and its value is
-        // returned.
-        Report(checkpoint, iteration, n, fNew, r, x, gl, kLxNotFound);
-        break;
-      }
-      xv += work->step;
-      damping.AfterFailedStep();
-      fresh = false;
-    } else {
-      damping.AfterAcceptedStep(repaired);
-      Report(checkpoint, iteration, n, fNew, r, x, gl, kLxCont);
-      const double change = std::fabs(fNew - fOld);
-      fOld = fNew;
-      fresh = true;
-      // r and |c| belong to the start of the accepted step.
-      if (r < tolerance_ && change < valueChangeTolerance_ &&
-          constraintNorm < kConstraintTolerance) {
-        Report(checkpoint, iteration, n, fNew, r, x, gl, kLxDone);
-        break;
-      }
-    }
-    if (budget.Extend(r, iteration)) Report(checkpoint, iteration, n, fNew, r, x, gl, kLxStable);
-    if (++iteration >= budget.end()) {
-      Report(checkpoint, budget.end(), n, fNew, r, x, gl, kLxExhaust);
-      break;
-    }
-  }
-
-  // Deliberate, as in the unconstrained run: the shifted Hessian is checked.
-  if (checkEigenvalues_ && !LxCheckEigenvalues(n, work->hessian))
-    Report(checkpoint, iteration, n, fNew, r, x, gl, kLxNotFound);
-  return fNew;
+  ConstrainedStep step(constraints_, *constrainedWork, tolerance_, valueChangeTolerance_);
+  return RunDampedNewton(func, checkpoint, start, result, step, *work);
 }
 
 LxNewtonConstrOpt::LxNewtonConstrOpt() : impl_(std::make_unique<LxNewtonConstrOptImpl>()) {}

@@ -1,6 +1,7 @@
 // Pieces shared by the two Newton runs and the eigenvalue checks: unpacking a
 // packed Hessian, the damping shift, the RMS gradient, the damping schedule,
-// the iteration budget and the LDLT factorization with pivot repair.
+// the iteration budget, the LDLT factorization with pivot repair and the
+// interface by which a run forms its steps.
 #ifndef LXOPT_SRC_NEWTON_NEWTON_INTERNAL_H
 #define LXOPT_SRC_NEWTON_NEWTON_INTERNAL_H
 
@@ -97,6 +98,43 @@ class RepairedLdlt {
   Eigen::VectorXi rowOf_;           // (P v)(i) = v(rowOf_(i))
   Eigen::VectorXd permuted_;
   bool repaired_ = false;
+};
+
+// The matrices of the damped loop, sized once before it: the shifted
+// Hessian A (after the loop: the last one, shift included), its repaired
+// factorization and the step s.
+struct NewtonWorkspace {
+  explicit NewtonWorkspace(Eigen::Index n)
+      : hessian(Eigen::MatrixXd::Zero(n, n)), factor(n), step(Eigen::VectorXd::Zero(n)) {}
+  Eigen::MatrixXd hessian;
+  RepairedLdlt factor;
+  Eigen::VectorXd step;
+};
+
+// What sets one damped Newton run apart from another. Per iteration the loop
+// calls Evaluated after each Hessian evaluation, then Solve, MeritAtStart and,
+// after x' = x - s and f' = f(x'), MeritAtTrial; the step is rejected when
+// the trial merit is not lower by the value-change tolerance. After an
+// accepted step it asks Converged.
+class NewtonStep {
+ public:
+  using ConstVectorMap = Eigen::Map<const Eigen::VectorXd>;
+  virtual ~NewtonStep() = default;
+  // g and the packed Hessian were just evaluated at x; may amend the packed
+  // Hessian (x is restored exactly if moved). Returns the RMS of the
+  // reported gradient.
+  virtual double Evaluated(double* x, const ConstVectorMap& g, double* packed) = 0;
+  // The step s from the factorized damped Hessian A' and g.
+  virtual void Solve(RepairedLdlt& factor, const ConstVectorMap& g, Eigen::VectorXd& step) = 0;
+  // The merit compared by the acceptance test at the start of the step
+  // (value f there) and at the trial point x (value f).
+  virtual double MeritAtStart(double f) const = 0;
+  virtual double MeritAtTrial(const double* x, double f) = 0;
+  // rms: the value Evaluated returned for the start of the accepted step;
+  // valueChange: |f' - f| over it.
+  virtual bool Converged(double rms, double valueChange) const = 0;
+  // The gradient every report carries (n doubles, valid for the whole run).
+  virtual const double* ReportedGradient() const = 0;
 };
 
 }  // namespace detail
