@@ -5,7 +5,7 @@ BENCH_BUILD ?= build-bench
 JOBS        ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test sanitize bench install clean
+.PHONY: all deps build demo test sanitize bench install clean python
 
 all: build
 
@@ -18,6 +18,11 @@ build: deps
 
 demo: build
 	./$(BUILD)/tools/lxopt-demo
+
+# The Python package into $(BUILD)/python (PYTHONPATH=$(BUILD)/python).
+python: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target python
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)

@@ -408,3 +408,182 @@ TEST(QuasiNewtonBadInput, ReportedWithoutCrash) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------- L-BFGS
+
+#ifndef __SANITIZE_ADDRESS__
+// Counts every malloc of the process; forwards to glibc's, so free stays matched.
+extern "C" void* __libc_malloc(std::size_t size);
+static long lbfgsMallocs = 0;
+extern "C" void* malloc(std::size_t size) {
+  ++lbfgsMallocs;
+  return __libc_malloc(size);
+}
+static long Mallocs() { return lbfgsMallocs; }
+#else
+static long Mallocs() { return -1; }  // not counted: the sanitizer owns malloc
+#endif
+
+namespace {
+
+LxLBFGSOpt MakeLBFGS(unsigned int m, const LxLineMinimize* lm = nullptr) {
+  LxLBFGSOpt o;
+  o.SetMemory(m);
+  if (lm) o.SetLineMinimize(*lm);
+  return o;
+}
+
+TEST(LBFGS, ConvergesForEveryMemory) {
+  EXPECT_EQ(LxLBFGSOpt().GetMemory(), 8u);
+  EXPECT_EQ(MakeLBFGS(0).GetMemory(), 1u);
+  EXPECT_EQ(LxLBFGSOpt().GetIterLimit(), 1000u);
+  EXPECT_EQ(LxLBFGSOpt().GetTolerance(), 0.1);
+  const LxCGLineMinimize cg;
+  for (unsigned int m : {1u, 3u, 8u})
+    for (int index = 0; index < 4; ++index)
+      for (bool cgSearch : {false, true}) {
+        SCOPED_TRACE("m " + std::to_string(m) + " problem " + std::to_string(index));
+        const Problem& p = kProblems[index];
+        LxLBFGSOpt opt = MakeLBFGS(m, cgSearch ? &cg : nullptr);
+        opt.SetTolerance(1e-14);
+        auto f = p.make();
+        Recorder r;
+        Vec out(p.start.size());
+        const double value = opt(*f, &r, p.start.data(), out.data());
+        ASSERT_FALSE(r.calls.empty());
+        EXPECT_EQ(value, r.calls.back().fval);
+        EXPECT_EQ(r.calls.back().state, kLxDone);
+        EXPECT_LT(MaxDifference(out, p.minimizer), 1e-6);
+      }
+}
+
+TEST(LBFGS, MatchesBFGSWithExactSearchesOnAQuadratic) {
+  for (unsigned int m : {30u, 40u}) {
+    auto f = kIll30();
+    const Scripted exactL, exactB;
+    LxLBFGSOpt lbfgs = MakeLBFGS(m);
+    LxBFGSOpt bfgs;
+    Vec outL(30), outB(30);
+    RunWith(lbfgs, exactL, 12, *f, Vec(30, 0.0).data(), outL.data());
+    RunWith(bfgs, exactB, 12, *f, Vec(30, 0.0).data(), outB.data());
+    ASSERT_EQ(exactL.log().starts.size(), 12u);
+    for (size_t k = 1; k < 12; ++k)
+      EXPECT_LT(MaxDifference(exactL.log().starts[k], exactB.log().starts[k]), 1e-9) << k;
+    EXPECT_LT(MaxDifference(outL, outB), 1e-9);
+  }
+}
+
+// f = x^4/4 - x^2/2: from 0.1 the first two searches end at 0.4 and 0.6 inside
+// the concave part (s = 0.3, y = -0.237; s = 0.2, y = -0.048), so both pairs
+// are skipped and the next searches again go along -g from the trial step
+// 1/|g|, as the first did; the third pair (from 0.6 to about 0.73) is stored.
+struct DoubleWell : Objective {
+  using Objective::operator();
+  unsigned int NumVar() const override { return 1; }
+  double operator()(const double* x) override { return x[0] * x[0] * (x[0] * x[0] / 4 - 0.5); }
+  double operator()(const double* x, double* g) override {
+    g[0] = x[0] * (x[0] * x[0] - 1);
+    return (*this)(x);
+  }
+};
+
+TEST(LBFGS, SkipsAPairWithNegativeCurvature) {
+  DoubleWell well;
+  Coupled convex;
+  const Scripted onWell, onConvex;
+  LxLBFGSOpt opt;
+  Vec x = {0.1}, out(3);
+  RunWith(opt, onWell, 4, well, x.data(), x.data());
+  const SearchLog& log = onWell.log();
+  ASSERT_EQ(log.starts.size(), 4u);
+  EXPECT_NEAR(log.starts[1][0], 0.4, 1e-12);
+  EXPECT_NEAR(log.starts[2][0], 0.6, 1e-12);
+  for (int k : {1, 2}) {
+    EXPECT_EQ(log.dirs[k], Negated(log.grads[k]));
+    EXPECT_DOUBLE_EQ(log.steps[k], 1.0 / Norm(log.grads[k]));
+  }
+  EXPECT_NE(log.dirs[3], Negated(log.grads[3]));  // the third pair was stored
+  EXPECT_EQ(log.steps[3], 1.0);
+  RunWith(opt, onConvex, 2, convex, kOrigin, out.data());
+  EXPECT_NE(onConvex.log().dirs[1], Negated(onConvex.log().grads[1]));
+}
+
+TEST(LBFGS, RecordedExitSequences) {
+  for (const ExitCase& c : kExitCases) {
+    if (c.name[0] == 's' || c.name[0] == 'y') continue;  // L-BFGS skips such pairs
+    SCOPED_TRACE(c.name);
+    auto f = c.make();
+    Counting counted(*f);
+    const Scripted search(c.failOn);
+    LxLBFGSOpt opt = MakeLBFGS(3, c.failOn.empty() ? nullptr : &search);
+    opt.SetIterLimit(c.limit);
+    opt.SetTolerance(c.tolerance);
+    Recorder r;
+    r.continueFor = c.continueFor;
+    Vec x = c.start;
+    x.push_back(0.0);
+    const double value = opt(counted, &r, x.data(), x.data());
+    x.pop_back();
+    States states;
+    for (const Call& call : r.calls) {
+      states.push_back({call.iter, call.state});
+      EXPECT_FALSE(call.gradNull);
+      Vec g(call.vars.size() + 1);
+      EXPECT_DOUBLE_EQ(call.fval, (*f)(call.vars.data(), g.data()));
+      g.pop_back();
+      EXPECT_DOUBLE_EQ(call.gnorm, Norm(g));
+    }
+    ASSERT_EQ(states, c.expected);
+    EXPECT_EQ(c.gradients < 0 ? -1 : counted.gradients, c.gradients);
+    EXPECT_EQ(value, r.calls.back().fval);
+    EXPECT_EQ(x, r.calls.back().vars);
+  }
+}
+
+TEST(LBFGS, BadInputAndScratchTooLarge) {
+  MessageCapture capture;
+  Huge f(0xFFFFFFFFu);
+  LxLBFGSOpt opt = MakeLBFGS(0xFFFFFFFFu);
+  double x[1] = {0.0};
+  EXPECT_EQ(opt(f, x, nullptr), 0.0);
+  EXPECT_EQ(opt(f, x, x), 0.0);  // (2m + 3) n doubles overflow
+  EXPECT_EQ(f.evaluations, 0);
+  EXPECT_EQ(capture.Texts(),
+            (std::vector<std::string>{
+                "memory not provided for optimized variables",
+                "out of memory allocating 2147483647 in LxLBFGSOpt::operator()"}));
+}
+
+// Counts the state-0 reports after the first that saw a malloc since the
+// previous report.
+struct MallocWatch : LxCheckpoint1 {
+  using LxCheckpoint1::operator();
+  bool operator()(unsigned, unsigned, double, double, const double*, const double*,
+                  unsigned state) override {
+    if (state == kLxCont && conts++ > 0 && Mallocs() != last) ++allocating;
+    last = Mallocs();
+    return true;
+  }
+  long last = 0, conts = 0, allocating = 0;
+};
+
+TEST(LBFGS, IterationsDoNotAllocate) {
+  if (Mallocs() < 0) GTEST_SKIP() << "malloc is not counted under the address sanitizer";
+  // The scratch on the stack, then on the heap; the searches' own 2n doubles
+  // stay on the stack for n <= 1023.
+  for (unsigned int n : {30u, 1000u}) {
+    const long before = Mallocs();
+    DiagonalQuadratic f(DiagonalQuadratic::IllConditioned(n, 1e3));
+    ASSERT_GT(Mallocs(), before) << "malloc is not interposed";
+    LxLBFGSOpt opt;
+    opt.SetTolerance(1e-20);
+    opt.SetIterLimit(40);
+    MallocWatch watch;
+    Vec x(n, 0.0);
+    opt(f, &watch, x.data(), x.data());
+    EXPECT_EQ(watch.conts, 40);
+    EXPECT_EQ(watch.allocating, 0) << n;
+  }
+}
+
+}  // namespace

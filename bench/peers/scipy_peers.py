@@ -6,12 +6,14 @@ ctypes, so every library evaluates the same functions. Evaluations are counted
 here, around the callables handed to scipy (never scipy's own counts).
 
 Stopping rules as close to the common one (|g| < 1e-6, 5000 iterations) as
-scipy allows: BFGS and CG take gtol=1e-6 with norm=2 (Euclidean); Newton-CG
-has no gradient test and stops on its step, xtol=1e-8 (average relative
-change of x).
+scipy allows: BFGS and CG take gtol=1e-6 with norm=2 (Euclidean); L-BFGS-B
+(8 pairs, as LxLBFGSOpt) has only a max-norm test, gtol=1e-6, and its test on
+the relative decrease of f is switched off (ftol=0); Newton-CG has no gradient
+test and stops on its step, xtol=1e-8 (average relative change of x).
 
 Writes the same CSV columns as peer_compare, and a scaling CSV in the columns
-of peer_scaling (section "bfgs", subject "scipy_bfgs").
+of peer_scaling (section "bfgs", subject "scipy_bfgs"; section "lbfgs",
+subject "scipy_lbfgsb").
 """
 import argparse
 import ctypes
@@ -25,6 +27,7 @@ from scipy.optimize import minimize
 GTOL = 1e-6
 MAX_ITER = 5000
 NEWTON_XTOL = 1e-8
+LBFGS_MEMORY = 8
 RUN_SECONDS_LIMIT = 60.0  # as for GSL and dlib: a longer run counts as not solved
 SCALING_SECONDS_LIMIT = 60.0
 
@@ -109,7 +112,11 @@ def run(lib, i, method):
         iterations[0] += 1
 
     try:
-        if method == "Newton-CG":
+        if method == "L-BFGS-B":
+            options = {"gtol": GTOL, "ftol": 0.0, "maxcor": LBFGS_MEMORY, "maxiter": MAX_ITER}
+            res = minimize(c.value, x0, method=method, jac=c.gradient, options=options,
+                           callback=count_iteration)
+        elif method == "Newton-CG":
             options = {"xtol": NEWTON_XTOL, "maxiter": MAX_ITER}
             res = minimize(c.value, x0, method=method, jac=c.gradient, hess=c.hessian,
                            options=options, callback=count_iteration)
@@ -130,7 +137,7 @@ def repeats_for(first):
 def compare(lib, out, name_filter):
     print("problem,n,fstar,library,method,class,status,iterations,values,gradients,"
           "hessians,fval,gnorm,time_s,repeats", file=out)
-    classes = {"BFGS": "QN", "CG": "CG", "Newton-CG": "Newton"}
+    classes = {"BFGS": "QN", "L-BFGS-B": "QN", "CG": "CG", "Newton-CG": "Newton"}
     for i in range(lib.lxb_count()):
         name = lib.lxb_name(i).decode()
         if name_filter not in name:
@@ -190,6 +197,27 @@ def scaling(out):
             break
 
 
+def lbfgs_scaling(out):
+    """scipy L-BFGS-B per iteration on the same cheap quadratic at large n."""
+    for n in (100000, 1000000):
+        d = np.power(1e4, np.arange(n) / (n - 1))
+
+        def fg(x):
+            e = x - 1.0
+            de = d * e
+            return float(np.dot(de, e)), 2.0 * de
+
+        stamps = []
+        minimize(fg, np.zeros(n), jac=True, method="L-BFGS-B",
+                 options={"gtol": 0.0, "ftol": 0.0, "maxcor": LBFGS_MEMORY, "maxiter": 20},
+                 callback=lambda xk: stamps.append(time.perf_counter()))
+        # Iterations after the memory has filled, as in bench_lbfgs.
+        timed = stamps[LBFGS_MEMORY:]
+        per_iter = statistics.median(b - a for a, b in zip(timed, timed[1:]))
+        print(f"lbfgs,{n},scipy_lbfgsb,{per_iter:.6g},{len(stamps)},,", file=out, flush=True)
+        print(f"lbfgs   n={n:<8d} scipy_lbfgsb       {per_iter:.4g} s", file=sys.stderr)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--lib", required=True, help="path of liblxbench_problems.so")
@@ -203,6 +231,7 @@ def main():
     if args.scaling_out:
         with open(args.scaling_out, "w") as out:
             scaling(out)
+            lbfgs_scaling(out)
 
 
 if __name__ == "__main__":

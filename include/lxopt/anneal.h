@@ -33,8 +33,8 @@ class LxBFGSOpt;
 // in x. Progress lines ("T = ...", "new minimum ...") go to lxout.
 //
 // Random numbers come from an owned generator seeded with 365 at
-// construction and never reseeded, so fresh optimizers repeat each other and
-// successive calls on one object continue the sequence.
+// construction and reseeded only by SetSeed, so fresh optimizers repeat each
+// other and successive calls on one object continue the sequence.
 //
 // GetIterLimit and GetTolerance stay abstract in this class: a caller derives
 // a class that supplies them (EvaluationLimit() and Tolerance() give the
@@ -57,6 +57,9 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
   // Sets the convergence bound on value differences (default 0.001); 0 or
   // less never converges.
   void SetTolerance(double tolerance) override { tolerance_ = tolerance; }
+  // Reseeds the generator (365 unless this is called); the next run draws
+  // from the new sequence. Copies still start from 365.
+  void SetSeed(unsigned int seed) { random_.Seed(seed); }
 
   using LxOptimizer1::operator();
   // Anneals from x0, then minimises the best point with BFGS, reporting

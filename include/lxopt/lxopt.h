@@ -16,5 +16,6 @@
 #include "lxopt/minfinder.h"
 #include "lxopt/coordfunc.h"
 #include "lxopt/numeric.h"
+#include "lxopt/tools.h"
 
 #endif  // LXOPT_LXOPT_H

@@ -66,10 +66,22 @@ class LXOPT_API GetRandomVariablesGeneral : public GetRandomVariables {
 // values, even when the bounds are shorter: give it room for four. Bounds of
 // different lengths or empty: error "Dimension of lower and upper bound
 // vectors should be equal!", false.
+//
+// With SetQuaternionFromOwnEngine(true) the quaternion is drawn from the
+// object's own Mersenne Twister as well (three uniform draws before those of
+// the box), so Seed() alone reproduces every pose whatever else the process
+// does with rand(). Off by default.
 class LXOPT_API LxRandomPosOrient : public LxMinfinder::GetRandomVariables {
  public:
   bool operator()(double* x, const std::vector<double>& lower,
                   const std::vector<double>& upper) override;
+  void SetQuaternionFromOwnEngine(bool on) { ownEngineQuaternion_ = on; }
+  bool GetQuaternionFromOwnEngine() const { return ownEngineQuaternion_; }
+
+ private:
+  double TwoPiTimesUniform();
+
+  bool ownEngineQuaternion_ = false;
 };
 
 namespace LxMinfinder {
@@ -296,6 +308,10 @@ class LXOPT_API LxMinfinderImpl {
   bool GetCheckMinimumInRange() const { return checkMinimumInRange_; }
   bool SetKeepDegenerateStates(bool value) { keepDegenerateStates_ = value; return true; }
   bool GetKeepDegenerateStates() const { return keepDegenerateStates_; }
+  // Reseeds the engine of the neighbour draws (5489 unless this is called)
+  // and the start-point generator: the one set up now and any given to a
+  // later Setup. Without a call the generator keeps its own seed. Returns true.
+  bool SetSeed(std::uint32_t seed);
 
   // Borrows func and generator (both must outlive the searches). Errors, each
   // leaving the previous setup in place and returning false:
@@ -377,6 +393,8 @@ class LXOPT_API LxMinfinderImpl {
   MinfinderSamplePoints samples_;
   MinfinderSamplePoints minima_;
   MtRng engine_{5489u};
+  bool seeded_ = false;  // SetSeed was called: Setup seeds the generator
+  std::uint32_t seed_ = 0;
   LxUniformDoubleRNG uniform_{0.0, 1.0};
   std::vector<double> neighbour_;  // ValidateMinimum's trial point, n values
 
@@ -428,6 +446,7 @@ class LXOPT_API LxMinfinder {
   bool GetCheckMinimumInRange() const { return impl_->GetCheckMinimumInRange(); }
   bool SetKeepDegenerateStates(bool value) { return impl_->SetKeepDegenerateStates(value); }
   bool GetKeepDegenerateStates() const { return impl_->GetKeepDegenerateStates(); }
+  bool SetSeed(std::uint32_t seed) { return impl_->SetSeed(seed); }
 
   // See LxMinfinderImpl. WARNING: until the first minimum is found, Optimize
   // draws start points without limit; it never returns for an objective none

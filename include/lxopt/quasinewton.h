@@ -87,6 +87,17 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   // i(i+1)/2 + j) into out, n(n+1)/2 values. False with a warning when no H
   // was stored or it was stored for another n.
   bool GetInverseHessian(double* out, unsigned int n) const;
+  // Stores the packed symmetric n x n matrix as H (the layout of
+  // GetInverseHessian) and sets the start-from-stored flag: every following
+  // run over n variables starts from it instead of the identity, until a
+  // kept run replaces it. LxBFGSModOpt starts from its carried matrix
+  // regardless. Null packed warns and returns false; a matrix that cannot be
+  // allocated reports an error and returns false.
+  bool SetInitialInverseHessian(const double* packed, unsigned int n);
+  // As SetInitialInverseHessian with the inverse of the packed Hessian,
+  // formed by the Newton optimizer's LDLT whose pivots below 0.001 become
+  // 1000, so an indefinite Hessian still yields a positive definite H.
+  bool SetInitialHessian(const double* packed, unsigned int n);
 
  protected:
   const LxQNSettings& Settings() const { return settings_; }
@@ -96,8 +107,9 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   // How a run obtains, restarts and keeps its matrix (defined with the loop).
   class KeptMatrix;
 
-  // Set only by derived classes; copies carry it over. With a stored matrix
-  // of the right size a run then starts from it instead of the identity.
+  // Set by derived classes and by SetInitialInverseHessian; copies carry it
+  // over. With a stored matrix of the right size a run then starts from it
+  // instead of the identity.
   bool startFromStored_ = false;
 
  private:
@@ -172,6 +184,60 @@ class LXOPT_API LxDFPOpt : public LxOptimizer1 {
 
  private:
   LxQNSettings settings_;
+};
+
+// Limited-memory BFGS for large problems. Instead of H it keeps the last m
+// pairs (s, y) with s.y > 0 and forms d = -H g by the two-loop recursion from
+// H0 = gamma I, gamma = s.y / y.y of the newest pair. A pair with s.y <= 0 is
+// skipped (not stored); the older pairs stay. The first search of a run, and
+// the first after a restart, goes along -g with the trial step 1/|g|; later
+// searches start from the unit step.
+//
+// Exits, checkpoint calls and bad input as LxBFGSOpt:
+//   1 NoOpt    sum g^2 < tolerance at the start (gradient passed).
+//   0 Cont     after every accepted search; answering false ends the run
+//              with a second call in state 11.
+//   11 Done    sum g^2 < tolerance after a search or after a restart, or the
+//              checkpoint asked to stop.
+//   3 NotFound the search failed while no pair was stored (right after a
+//              (re)start, or after pairs were only skipped); the value
+//              returned is the one the line minimizer left, out keeps the
+//              last accepted point.
+//   6 Exhaust  iteration limit reached (reported with the limit).
+// A search that fails after a pair was stored restarts from the re-evaluated
+// point along -g with the memory emptied. Memory: one scratch block per run
+// (stack or heap) of (2m + 3) n + 2m doubles, nothing per iteration.
+// Bad input: null out warns and returns 0.0; scratch that cannot be allocated
+// warns "out of memory allocating %d in LxLBFGSOpt::operator()" and returns
+// 0.0.
+class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
+ public:
+  static constexpr unsigned int kDefaultMemory = 8;
+
+  LxLBFGSOpt() = default;
+
+  void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
+  // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
+  // receive sqrt(sum g^2).
+  void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
+  unsigned int GetIterLimit() const override { return settings_.iterLimit; }
+  double GetTolerance() const override { return settings_.tolerance; }
+
+  // Number of pairs kept (default 8); 0 is taken as 1.
+  void SetMemory(unsigned int m) { memory_ = m == 0 ? 1 : m; }
+  unsigned int GetMemory() const { return memory_; }
+
+  using LxOptimizer1::operator();
+  // in and out may be the same array.
+  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                    double* out) override;
+
+  // Replaces the line minimizer by lm.CreateCopy(); returns true.
+  bool SetLineMinimize(const LxLineMinimize& lm);
+
+ private:
+  LxQNSettings settings_;
+  unsigned int memory_ = kDefaultMemory;
 };
 
 }  // namespace LxOpt

@@ -68,12 +68,21 @@ bool LxMinfinderImpl::Setup(LxFunc1& func, GetRandomVariables* generator,
   // Taken only now, so that a failed Setup leaves a working earlier setup.
   func_ = &func;
   generator_ = generator;
+  if (seeded_ && generator_ != nullptr) generator_->Seed(seed_);
   lower_ = lower;
   upper_ = upper;
   samples_.Setup(n, samePointTolerance_);
   minima_.Setup(n, samePointTolerance_);
   neighbour_.assign(n, 0.0);
   setUp_ = true;
+  return true;
+}
+
+bool LxMinfinderImpl::SetSeed(std::uint32_t seed) {
+  seeded_ = true;
+  seed_ = seed;
+  engine_.Seed(seed);
+  if (generator_ != nullptr) generator_->Seed(seed);
   return true;
 }
 

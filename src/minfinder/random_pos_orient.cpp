@@ -18,17 +18,23 @@ constexpr std::size_t kQuaternionSize = 4;
 
 }  // namespace
 
+// 2 pi u; the rand() form keeps its own order of operations.
+double LxRandomPosOrient::TwoPiTimesUniform() {
+  return ownEngineQuaternion_ ? kTwoPi * NextUniform() : kTwoPi * std::rand() / kRandScale;
+}
+
 bool LxRandomPosOrient::operator()(double* x, const std::vector<double>& lower,
                                    const std::vector<double>& upper) {
   if (lower.size() != upper.size() || lower.empty()) {
     LxThrow.Error("Dimension of lower and upper bound vectors should be equal!");
     return false;
   }
-  // Intended: the orientation comes from the process-wide rand() (seeded by
-  // the application), the remaining variables from this object's own engine.
-  const double u = std::rand() / kRandScale;
-  const double theta1 = kTwoPi * std::rand() / kRandScale;
-  const double theta2 = kTwoPi * std::rand() / kRandScale;
+  // Intended: by default the orientation comes from the process-wide rand()
+  // (seeded by the application), the remaining variables from this object's
+  // own engine.
+  const double u = ownEngineQuaternion_ ? NextUniform() : std::rand() / kRandScale;
+  const double theta1 = TwoPiTimesUniform();
+  const double theta2 = TwoPiTimesUniform();
   const double a = std::sqrt(1.0 - u), b = std::sqrt(u);
   x[0] = a * std::sin(theta1);
   x[1] = a * std::cos(theta1);

@@ -1,5 +1,5 @@
 // The quasi-Newton optimizers in the demo table: BFGS, BFGS with a carried
-// matrix (two runs in a row with one object) and DFP, each with each line
+// matrix (two runs in a row with one object), DFP and L-BFGS, each with each line
 // minimizer; and a section showing the kept inverse Hessian.
 #include <cmath>
 #include <cstdio>
@@ -63,6 +63,8 @@ bool RegisterAll() {
     Register(Optimizer{order + 4, "BFGSMod2Runs" + suffix, false, TwoRuns(*search)});
     Register(Optimizer{order + 8, "DFP" + suffix, false,
                        RunWith(Configured<LxOpt::LxDFPOpt>(*search))});
+    Register(Optimizer{order + 12, "LBFGS" + suffix, false,
+                       RunWith(Configured<LxOpt::LxLBFGSOpt>(*search))});
     ++order;
   }
   return true;

@@ -1,0 +1,417 @@
+// The compiled half of the Python package lxopt: objectives made of Python
+// callables, every optimizer with its settings, the minimum finder, and the
+// routing of library messages to Python's logging. The pure-Python half
+// (lxopt/__init__.py) builds minimize() and OptimizeResult on top of it.
+//
+// Threading: every optimizer loop runs with the GIL released; each call back
+// into Python (objective, callback, logging) takes it again for the call.
+// A Python exception raised in a callable travels through the library as
+// pybind11::error_already_set and reaches the caller unchanged.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "lxopt/lxopt.h"
+
+namespace py = pybind11;
+using namespace LxOpt;
+
+namespace {
+
+using Array = py::array_t<double, py::array::c_style | py::array::forcecast>;
+
+// A read-only NumPy view of n doubles owned by the library; valid only during
+// the call it is passed to (no copy per evaluation).
+py::array View(const double* data, unsigned int n) {
+  py::array_t<double> view({static_cast<py::ssize_t>(n)}, {sizeof(double)}, data, py::none());
+  py::detail::array_proxy(view.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
+  return std::move(view);
+}
+
+// Copies a callable's array result of `count` values into out.
+void CopyResult(const py::handle& result, double* out, std::size_t count, const char* what) {
+  Array a = Array::ensure(result);
+  if (!a) throw py::error_already_set();
+  if (static_cast<std::size_t>(a.size()) != count) {
+    throw py::value_error(std::string(what) + " returned " + std::to_string(a.size()) +
+                          " values, expected " + std::to_string(count));
+  }
+  std::memcpy(out, a.data(), count * sizeof(double));
+}
+
+// An objective over Python callables. fun(x) -> float; jac(x) -> array, or
+// fun returns (value, gradient) when jacIncluded; hess(x) -> n x n array
+// (the lower triangle is packed). Counts the evaluations like scipy does.
+class PyObjective : public LxFunc2 {
+ public:
+  PyObjective(py::function fun, py::object jac, py::object hess, bool jacIncluded,
+              unsigned int n)
+      : fun_(std::move(fun)), jac_(std::move(jac)), hess_(std::move(hess)),
+        jacIncluded_(jacIncluded), n_(n) {}
+
+  using LxFunc2::operator();
+  unsigned int NumVar() const override { return n_; }
+
+  double operator()(const double* x) override {
+    py::gil_scoped_acquire gil;
+    ++nfev;
+    py::object r = fun_(View(x, n_));
+    if (jacIncluded_) return py::cast<double>(py::tuple(r)[0]);
+    return py::cast<double>(r);
+  }
+
+  double operator()(const double* x, double* grad) override {
+    py::gil_scoped_acquire gil;
+    ++nfev;
+    ++njev;
+    py::array view = View(x, n_);
+    if (jacIncluded_) {
+      py::tuple r(fun_(view));
+      CopyResult(r[1], grad, n_, "fun");
+      return py::cast<double>(r[0]);
+    }
+    const double value = py::cast<double>(fun_(view));
+    Gradient(view, grad);
+    return value;
+  }
+
+  bool operator()(const double* x, double* hessian, double* grad) override {
+    py::gil_scoped_acquire gil;
+    if (hess_.is_none()) throw py::value_error("this method needs hess");
+    ++njev;
+    ++nhev;
+    py::array view = View(x, n_);
+    if (jacIncluded_) {
+      ++nfev;
+      CopyResult(py::tuple(fun_(view))[1], grad, n_, "fun");
+    } else {
+      Gradient(view, grad);
+    }
+    std::vector<double> dense(static_cast<std::size_t>(n_) * n_);
+    CopyResult(hess_(view), dense.data(), dense.size(), "hess");
+    for (unsigned int i = 0; i < n_; ++i) {
+      for (unsigned int j = 0; j <= i; ++j) hessian[i * (i + 1) / 2 + j] = dense[i * n_ + j];
+    }
+    return true;
+  }
+
+  std::vector<LxFComponent> GetFComponents(const double* x) override {
+    return {{"fun", (*this)(x)}};
+  }
+
+  bool HasHessian() const { return !hess_.is_none(); }
+
+  unsigned long nfev = 0, njev = 0, nhev = 0;
+
+ private:
+  void Gradient(const py::array& view, double* grad) {
+    if (jac_.is_none()) throw py::value_error("this method needs a gradient (jac)");
+    CopyResult(jac_(view), grad, n_, "jac");
+  }
+
+  py::function fun_;
+  py::object jac_;
+  py::object hess_;
+  bool jacIncluded_;
+  unsigned int n_;
+};
+
+// Records the reports of a run and hands the state-0 ones to an optional
+// Python callback; a callback answering False stops the run.
+class PyCheckpoint : public LxCheckpoint1 {
+ public:
+  explicit PyCheckpoint(py::object callback) : callback_(std::move(callback)) {}
+
+  using LxCheckpoint1::operator();
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                  const double* vars, const double* /*grad*/, unsigned int state) override {
+    nit = iter;
+    gnormLast = gnorm;
+    if (state != kLxCont) lastState = state;
+    if (state != kLxCont || callback_.is_none()) return true;
+    py::gil_scoped_acquire gil;
+    py::dict info;
+    info["x"] = vars != nullptr ? py::object(Array(nvar, vars)) : py::object(py::none());
+    info["fun"] = fval;
+    info["gnorm"] = gnorm;
+    info["nit"] = iter;
+    py::object answer = callback_(info);
+    if (!answer.is_none() && !py::cast<bool>(answer)) stopped = true;
+    return !stopped;
+  }
+
+  unsigned int nit = 0;
+  unsigned int lastState = kLxCont;
+  double gnormLast = 0.0;
+  bool stopped = false;
+
+ private:
+  py::object callback_;
+};
+
+// Routes library messages to the Python logger "lxopt" while it lives, then
+// puts back the sink it replaced. Progress text (lxout) is collected and
+// logged line by line at DEBUG level when it ends; construct and destroy it
+// with the GIL held.
+class LoggingSink {
+ public:
+  LoggingSink() {
+    previousStream_ = LxSetOutputStream(&progress_);
+    previous_ = LxSetMessageSink([](LxMessageLevel level, const std::string& text) {
+      py::gil_scoped_acquire gil;
+      try {
+        static const int kLevels[] = {20, 30, 40, 50};  // INFO .. CRITICAL
+        py::module_::import("logging").attr("getLogger")("lxopt").attr("log")(
+            kLevels[static_cast<int>(level)], text);
+      } catch (py::error_already_set& e) {
+        e.discard_as_unraisable("lxopt message sink");
+      }
+    });
+  }
+  ~LoggingSink() {
+    LxSetMessageSink(std::move(previous_));
+    LxSetOutputStream(previousStream_);
+    try {
+      py::object log = py::module_::import("logging").attr("getLogger")("lxopt").attr("debug");
+      std::string line;
+      while (std::getline(progress_, line)) log(line);
+    } catch (py::error_already_set& e) {
+      e.discard_as_unraisable("lxopt progress output");
+    }
+  }
+  LoggingSink(const LoggingSink&) = delete;
+  LoggingSink& operator=(const LoggingSink&) = delete;
+
+ private:
+  LxMessageSink previous_;
+  std::ostream* previousStream_;
+  std::stringstream progress_;
+};
+
+// The raw outcome of one run; lxopt/__init__.py turns it into an
+// OptimizeResult.
+py::dict RunResult(const Array& x, double value, const PyCheckpoint& cp, const PyObjective& f) {
+  py::dict r;
+  r["x"] = x;
+  r["fun"] = value;
+  r["nit"] = cp.nit;
+  r["status"] = cp.lastState;
+  r["message"] = LxGetStateName(cp.lastState);
+  r["gnorm"] = cp.gnormLast;
+  r["stopped"] = cp.stopped;
+  r["nfev"] = f.nfev;
+  r["njev"] = f.njev;
+  r["nhev"] = f.nhev;
+  return r;
+}
+
+Array StartCopy(const py::object& x0) {
+  Array start = Array::ensure(x0);
+  if (!start || start.ndim() != 1) throw py::value_error("x0 must be a 1-D array of floats");
+  return Array(start.size(), start.data());
+}
+
+// One run of `opt` (an LxOptimizer1 or LxOptimizer2) on Python callables.
+template <class Opt, class Func>
+py::dict Run(Opt& opt, py::function fun, const py::object& x0, py::object jac, py::object hess,
+             py::object callback) {
+  bool jacIncluded = false;
+  if (py::isinstance<py::bool_>(jac)) {
+    jacIncluded = py::cast<bool>(jac);
+    jac = py::none();
+  }
+  Array x = StartCopy(x0);
+  PyObjective f(std::move(fun), std::move(jac), std::move(hess), jacIncluded,
+                static_cast<unsigned int>(x.size()));
+  if (std::is_same<Func, LxFunc2>::value && !f.HasHessian()) {
+    throw py::value_error("this method needs hess");
+  }
+  PyCheckpoint cp(std::move(callback));
+  LoggingSink sink;
+  double* data = x.mutable_data();
+  double value;
+  {
+    py::gil_scoped_release release;
+    value = opt(static_cast<Func&>(f), &cp, data, data);
+  }
+  return RunResult(x, value, cp, f);
+}
+
+std::unique_ptr<LxLineMinimize> MakeLineMinimizer(const std::string& name) {
+  if (name == "cg") return std::make_unique<LxCGLineMinimize>();
+  if (name == "qn") return std::make_unique<LxQNLineMinimize>();
+  if (name == "nr") return std::make_unique<LxNRLineSearch>();
+  if (name == "maxstep") return std::make_unique<LxMaxStepLineMinimize>();
+  throw py::value_error("unknown line minimizer '" + name + "' (cg, qn, nr, maxstep)");
+}
+
+// Simulated annealing needs the two getters its base leaves open.
+class Anneal : public LxSAOpt {
+ public:
+  explicit Anneal(double temperature) : LxSAOpt(temperature) {}
+  unsigned int GetIterLimit() const override { return EvaluationLimit(); }
+  double GetTolerance() const override { return Tolerance(); }
+};
+
+// The settings every optimizer shares, and its minimize(fun, x0, ...).
+template <class Opt, class Func, class Class>
+Class& Common(Class& cls) {
+  cls.def(py::init<>())
+      .def_property("iter_limit", &Opt::GetIterLimit, &Opt::SetIterLimit)
+      .def_property("tolerance", &Opt::GetTolerance, &Opt::SetTolerance)
+      .def("minimize", &Run<Opt, Func>, py::arg("fun"), py::arg("x0"),
+           py::arg("jac") = py::none(), py::arg("hess") = py::none(),
+           py::arg("callback") = py::none(),
+           "Minimizes fun from x0; returns a dict of the raw outcome.");
+  return cls;
+}
+
+template <class Opt, class Class>
+Class& WithLineMinimizer(Class& cls) {
+  cls.def(
+      "set_line_minimizer",
+      [](Opt& o, const std::string& name) { o.SetLineMinimize(*MakeLineMinimizer(name)); },
+      py::arg("name"), "Line minimizer: 'cg', 'qn', 'nr' or 'maxstep'.");
+  return cls;
+}
+
+// keep_hessian and inverse_hessian() (dense, symmetric, n x n).
+template <class Opt, class Class>
+Class& WithKeptHessian(Class& cls) {
+  cls.def_property("keep_hessian", &Opt::GetKeepHessian, &Opt::SetKeepHessian)
+      .def(
+          "inverse_hessian",
+          [](const Opt& o, unsigned int n) -> py::object {
+            std::vector<double> packed(static_cast<std::size_t>(n) * (n + 1) / 2);
+            LoggingSink sink;
+            if (!o.GetInverseHessian(packed.data(), n)) return py::none();
+            py::array_t<double> h({n, n});
+            auto m = h.mutable_unchecked<2>();
+            for (unsigned int i = 0; i < n; ++i) {
+              for (unsigned int j = 0; j <= i; ++j) {
+                m(i, j) = m(j, i) = packed[i * (i + 1) / 2 + j];
+              }
+            }
+            return std::move(h);
+          },
+          py::arg("n"), "The kept inverse Hessian as an n x n array, or None.");
+  return cls;
+}
+
+void BindMinFinder(py::module_& m) {
+  using Finder = LxMinfinder::LxMinfinder;
+  // Owns what the library's finder only borrows: the objective and the
+  // random point generator.
+  struct MinFinder {
+    Finder finder;
+    std::unique_ptr<PyObjective> func;
+    LxMinfinder::GetRandomVariablesGeneral generator;
+  };
+  py::class_<MinFinder> cls(m, "MinFinder");
+  cls.def(py::init<>());
+#define LXOPT_SETTING(name, Get, Set) \
+  cls.def_property(                   \
+      name, [](const MinFinder& s) { return s.finder.Get(); }, \
+      [](MinFinder& s, decltype(s.finder.Get()) v) { s.finder.Set(v); })
+  LXOPT_SETTING("max_sample", GetMaxSample, SetMaxSample);
+  LXOPT_SETTING("threshold_no_change", GetThresholdNumberOfNoChange,
+                SetThresholdNumberOfNoChange);
+  LXOPT_SETTING("max_opt_points", GetMaxNumOptPoints, SetMaxNumOptPoints);
+  LXOPT_SETTING("same_point_tolerance", GetSamePointTolerance, SetSamePointTolerance);
+  LXOPT_SETTING("fval_sample_max", GetFvalSampleMax, SetFvalSampleMax);
+  LXOPT_SETTING("fval_sample_min", GetFvalSampleMin, SetFvalSampleMin);
+  LXOPT_SETTING("fval_minima_max", GetFvalMinimaMax, SetFvalMinimaMax);
+  LXOPT_SETTING("fval_minima_min", GetFvalMinimaMin, SetFvalMinimaMin);
+  LXOPT_SETTING("fval_minima_window", GetFvalMinimaWindow, SetFvalMinimaWindow);
+  LXOPT_SETTING("time_limit_hours", GetTimeLimit, SetTimeLimit);
+  LXOPT_SETTING("local_tolerance", GetLocalOptTolerance, SetLocalOptTolerance);
+  LXOPT_SETTING("local_iter_limit", GetLocalOptMaxIter, SetLocalOptMaxIter);
+  LXOPT_SETTING("check_minimum_in_range", GetCheckMinimumInRange, SetCheckMinimumInRange);
+  LXOPT_SETTING("keep_degenerate_states", GetKeepDegenerateStates, SetKeepDegenerateStates);
+#undef LXOPT_SETTING
+  cls.def(
+      "run",
+      [](MinFinder& s, py::function fun, std::vector<double> lower, std::vector<double> upper,
+         py::object jac, unsigned int seed) -> bool {
+        if (lower.size() != upper.size()) throw py::value_error("lower and upper differ in size");
+        bool jacIncluded = false;
+        if (py::isinstance<py::bool_>(jac)) {
+          jacIncluded = py::cast<bool>(jac);
+          jac = py::none();
+        }
+        s.func = std::make_unique<PyObjective>(std::move(fun), std::move(jac), py::none(),
+                                               jacIncluded,
+                                               static_cast<unsigned int>(lower.size()));
+        s.generator.Seed(seed);
+        LoggingSink sink;
+        py::gil_scoped_release release;
+        return s.finder.Setup(*s.func, &s.generator, lower, upper) && s.finder.Optimize();
+      },
+      py::arg("fun"), py::arg("lower"), py::arg("upper"), py::arg("jac") = py::none(),
+      py::arg("seed") = 5489u,
+      "Searches the box [lower, upper] for minima; False when the search could not run.");
+  cls.def(
+      "minima",
+      [](const MinFinder& s) {
+        std::vector<double> coords, values;
+        {
+          LoggingSink sink;
+          s.finder.GetMinimums(coords, values);
+        }
+        const std::size_t k = values.size();
+        const std::size_t n = k == 0 ? 0 : coords.size() / k;
+        Array x({k, n});
+        if (!coords.empty()) std::memcpy(x.mutable_data(), coords.data(), coords.size() * sizeof(double));
+        return py::make_tuple(x, Array(k, values.data()));
+      },
+      "(coords, values): one row of coords per minimum, ascending by value.");
+  cls.def_property_readonly("nfev", [](const MinFinder& s) { return s.func ? s.func->nfev : 0; });
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_lxopt, m) {
+  m.doc() = "Compiled core of lxopt";
+  m.def("state_name", &LxGetStateName, py::arg("state"));
+  m.attr("release") = LxOptGetRelease();
+
+  py::class_<LxBFGSOpt> bfgs(m, "BFGS");
+  WithKeptHessian<LxBFGSOpt>(WithLineMinimizer<LxBFGSOpt>(Common<LxBFGSOpt, LxFunc1>(bfgs)));
+  py::class_<LxBFGSModOpt> bfgsMod(m, "BFGSCarry");
+  WithKeptHessian<LxBFGSModOpt>(
+      WithLineMinimizer<LxBFGSModOpt>(Common<LxBFGSModOpt, LxFunc1>(bfgsMod)));
+  py::class_<LxDFPOpt> dfp(m, "DFP");
+  WithLineMinimizer<LxDFPOpt>(Common<LxDFPOpt, LxFunc1>(dfp));
+  py::class_<LxConjGradOpt> cg(m, "ConjGrad");
+  WithLineMinimizer<LxConjGradOpt>(Common<LxConjGradOpt, LxFunc1>(cg));
+  py::class_<LxFletcherReevesOpt> fr(m, "FletcherReeves");
+  WithLineMinimizer<LxFletcherReevesOpt>(Common<LxFletcherReevesOpt, LxFunc1>(fr));
+  py::class_<LxRibierePolakOpt> pr(m, "PolakRibiere");
+  WithLineMinimizer<LxRibierePolakOpt>(Common<LxRibierePolakOpt, LxFunc1>(pr));
+  py::class_<LxHestenesStiefelOpt> hs(m, "HestenesStiefel");
+  WithLineMinimizer<LxHestenesStiefelOpt>(Common<LxHestenesStiefelOpt, LxFunc1>(hs));
+  py::class_<LxSteepestDescentOpt> sd(m, "SteepestDescent");
+  Common<LxSteepestDescentOpt, LxFunc1>(sd);
+  py::class_<LxNewtonOpt> newton(m, "Newton");
+  Common<LxNewtonOpt, LxFunc2>(newton);
+  py::class_<LxBFGSOptimizer> geometry(m, "Geometry");
+  WithKeptHessian<LxBFGSOptimizer>(Common<LxBFGSOptimizer, LxFunc1>(geometry));
+  geometry.def_property("history", &LxBFGSOptimizer::GetHistory, &LxBFGSOptimizer::SetHistory);
+
+  py::class_<Anneal>(m, "Anneal")
+      .def(py::init<double>(), py::arg("temperature") = 300.0)
+      .def_property("iter_limit", &Anneal::GetIterLimit, &Anneal::SetIterLimit)
+      .def_property("tolerance", &Anneal::GetTolerance, &Anneal::SetTolerance)
+      .def("minimize", &Run<Anneal, LxFunc1>, py::arg("fun"), py::arg("x0"),
+           py::arg("jac") = py::none(), py::arg("hess") = py::none(),
+           py::arg("callback") = py::none());
+
+  BindMinFinder(m);
+}

@@ -1,0 +1,256 @@
+"""Tests of the Python module against the C++ library's own results."""
+import logging
+import os
+import re
+import subprocess
+
+import numpy as np
+import pytest
+
+import lxopt
+
+
+# ---------------------------------------------------------------- objectives
+# Written with the same floating-point operations, in the same order, as the
+# C++ objectives of the demo, so runs must agree to the last evaluation.
+
+def tf_value(x):
+    n = len(x)
+    s = 0.25 * (x[0] - 1.0) * (x[0] - 1.0)
+    for i in range(1, n):
+        d = x[i] - x[i - 1] * x[i - 1]
+        s += d * d
+    return 4.0 * s
+
+
+def tf_grad(x):
+    n = len(x)
+    g = np.empty(n)
+    g[0] = 2.0 * (x[0] - 1.0) - 16.0 * x[0] * (x[1] - x[0] * x[0])
+    for i in range(1, n - 1):
+        g[i] = 8.0 * (x[i] - x[i - 1] * x[i - 1]) - 16.0 * x[i] * (x[i + 1] - x[i] * x[i])
+    g[n - 1] = 8.0 * (x[n - 1] - x[n - 2] * x[n - 2])
+    return g
+
+
+QUAD_D = [1000.0 ** (i / 99) for i in range(100)]
+
+
+def quad_value(x):
+    f = 0.0
+    for i, d in enumerate(QUAD_D):
+        f += d * (x[i] - 1.0) * (x[i] - 1.0)
+    return f
+
+
+def quad_grad(x):
+    return [2.0 * d * (x[i] - 1.0) for i, d in enumerate(QUAD_D)]
+
+
+def valley_start(n):
+    return [1.0 if i % 2 else -1.2 for i in range(n)]
+
+
+PROBLEMS = {
+    "test function n=2": (tf_value, tf_grad, valley_start(2)),
+    "test function n=10": (tf_value, tf_grad, valley_start(10)),
+    "ill-cond. quadratic": (quad_value, quad_grad, [0.0] * 100),
+}
+
+# demo optimizer name -> (method, options); the demo runs them at 1e-8.
+DEMO_OPTIMIZERS = {
+    "BFGS": ("bfgs", {}),
+    "BFGS+CG": ("bfgs", {"line_minimizer": "cg"}),
+    "BFGS+NR": ("bfgs", {"line_minimizer": "nr"}),
+    "DFP": ("dfp", {}),
+    "ConjGrad": ("cg", {}),
+    "FletcherReeves": ("fr", {}),
+    "RibierePolak": ("pr", {}),
+    "HestenesStiefel": ("hs", {}),
+}
+
+ROW = re.compile(r"^(\S+)\s+(.+?)\s+(\d+)\s+(\S+)\s+(\d+)\s+(\d+)\s+(\w+)\s+\S+$")
+
+
+def demo_rows(name):
+    demo = os.environ.get("LXOPT_DEMO")
+    if not demo:
+        pytest.skip("LXOPT_DEMO is not set (built without the demo)")
+    out = subprocess.run([demo, "--only", name], capture_output=True, text=True,
+                         check=True).stdout
+    rows = {}
+    for line in out.splitlines():
+        m = ROW.match(line)
+        if m and m.group(1) == name:
+            rows[m.group(2)] = (float(m.group(4)), int(m.group(5)), int(m.group(6)),
+                                m.group(7))
+    return rows
+
+
+@pytest.mark.parametrize("name", sorted(DEMO_OPTIMIZERS))
+def test_runs_identical_to_the_cpp_demo(name):
+    method, options = DEMO_OPTIMIZERS[name]
+    rows = demo_rows(name)
+    for problem, (fun, jac, x0) in PROBLEMS.items():
+        value, iters, evals, state = rows[problem]
+        r = lxopt.minimize(fun, x0, jac=jac, method=method,
+                           options=dict(options, tolerance=1e-8))
+        assert (r.nit, r.nfev, r.message) == (iters, evals, state), problem
+        assert r.fun == pytest.approx(value, rel=1e-7, abs=1e-300), problem
+
+
+# ------------------------------------------------- recorded report sequences
+
+def rosen(x):
+    a, b = x[1] - x[0] * x[0], 1.0 - x[0]
+    return 100.0 * a * a + b * b
+
+
+def rosen_grad(x):
+    a = x[1] - x[0] * x[0]
+    return np.array([-400.0 * a * x[0] - 2.0 * (1.0 - x[0]), 200.0 * a])
+
+
+def rosen_hess(x):
+    return np.array([[1200.0 * x[0] ** 2 - 400.0 * x[1] + 2.0, -400.0 * x[0]],
+                     [-400.0 * x[0], 200.0]])
+
+
+class Stopper:
+    """Records the callback's iterations; answers False after `allow` calls."""
+
+    def __init__(self, allow=None):
+        self.allow, self.iters = allow, []
+
+    def __call__(self, info):
+        assert info["fun"] == rosen(info["x"])
+        self.iters.append(info["nit"])
+        return self.allow is None or len(self.iters) <= self.allow
+
+
+@pytest.mark.parametrize("method", ["bfgs", "dfp"])
+@pytest.mark.parametrize("limit, allow, iters, final", [
+    (3, None, [0, 1, 2], (3, 6, "Exhaust", False)),       # iteration limit
+    (1000, 2, [0, 1, 2], (2, 11, "Done", False)),        # callback stops
+])
+def test_report_sequences_match_the_cpp_tests(method, limit, allow, iters, final):
+    cb = Stopper(allow)
+    r = lxopt.minimize(rosen, [-1.2, 1.0], jac=rosen_grad, method=method,
+                       options={"iter_limit": limit}, callback=cb)
+    assert cb.iters == iters
+    assert (r.nit, r.status, r.message, r.success) == final
+
+
+def test_start_below_tolerance_takes_one_gradient():
+    # 1 (x - 1)^2 + 2 (y - 1)^2 from (1, 1 + 2^-10): sum g^2 < 0.1 at once.
+    calls = []
+
+    def fun(x):
+        calls.append(np.array(x))
+        g = np.array([2.0 * (x[0] - 1.0), 4.0 * (x[1] - 1.0)])
+        return (x[0] - 1.0) ** 2 + 2.0 * (x[1] - 1.0) ** 2, g
+
+    r = lxopt.minimize(fun, [1.0, 1.0 + 2.0 ** -10], jac=True, method="bfgs")
+    assert (r.status, r.message, r.success, r.nfev, r.njev) == (1, "NoOpt", True, 1, 1)
+
+
+# ----------------------------------------------------------- against scipy
+
+@pytest.mark.parametrize("method, scipy_method", [
+    ("bfgs", "BFGS"), ("cg", "CG"), ("newton", "Newton-CG")])
+def test_same_minimum_as_scipy_on_rosenbrock(method, scipy_method):
+    optimize = pytest.importorskip("scipy.optimize")
+    ours = lxopt.minimize(optimize.rosen, [-1.2, 1.0], jac=optimize.rosen_der,
+                          hess=optimize.rosen_hess, method=method,
+                          options={"tolerance": 1e-12})
+    hess = optimize.rosen_hess if scipy_method == "Newton-CG" else None
+    theirs = optimize.minimize(optimize.rosen, [-1.2, 1.0], jac=optimize.rosen_der,
+                               hess=hess, method=scipy_method)
+    assert ours.success and theirs.success
+    np.testing.assert_allclose(ours.x, theirs.x, atol=1e-4)
+    np.testing.assert_allclose(ours.x, [1.0, 1.0], atol=1e-5)
+
+
+# ------------------------------------------------ exceptions, GIL, arrays
+
+class Boom(Exception):
+    pass
+
+
+@pytest.mark.parametrize("method", sorted(lxopt.METHODS))
+def test_exception_in_objective_reaches_the_caller(method):
+    calls = []
+
+    def fun(x):
+        calls.append(1)
+        if len(calls) == 3:
+            raise Boom("third call")
+        return rosen(x)
+
+    with pytest.raises(Boom, match="third call"):
+        lxopt.minimize(fun, [-1.2, 1.0], jac=rosen_grad, hess=rosen_hess, method=method)
+    # The library is usable afterwards and messages are routed again.
+    assert lxopt.minimize(rosen, [-1.2, 1.0], jac=rosen_grad, method="bfgs").success
+
+
+def test_wrong_gradient_size_is_a_value_error():
+    with pytest.raises(ValueError, match="jac returned 3 values, expected 2"):
+        lxopt.minimize(rosen, [-1.2, 1.0], jac=lambda x: np.zeros(3))
+
+
+def test_objective_sees_a_read_only_view():
+    def fun(x):
+        # A view of the library's own array: not copied, not writeable.
+        assert not x.flags.writeable and not x.flags.owndata and x.shape == (2,)
+        return rosen(x)
+
+    assert lxopt.minimize(fun, np.array([-1.2, 1.0]), jac=rosen_grad).success
+
+
+def test_newton_without_hessian_is_refused():
+    with pytest.raises(ValueError, match="needs hess"):
+        lxopt.minimize(rosen, [-1.2, 1.0], jac=rosen_grad, method="newton")
+
+
+# -------------------------------------------------------------- logging
+
+def test_library_messages_go_to_logging(caplog):
+    with caplog.at_level(logging.WARNING, logger="lxopt"):
+        assert lxopt.BFGS().inverse_hessian(2) is None
+    assert [(r.name, r.levelname) for r in caplog.records] == [("lxopt", "WARNING")]
+    assert "Hessian" in caplog.records[0].getMessage()
+
+
+def test_progress_text_is_logged_at_debug(caplog):
+    opt = lxopt.Anneal(10.0)
+    opt.iter_limit = 200
+    with caplog.at_level(logging.DEBUG, logger="lxopt"):
+        opt.minimize(rosen, [-1.2, 1.0], jac=rosen_grad)
+    assert any(r.getMessage().startswith("T = 10") for r in caplog.records)
+
+
+# ------------------------------------------ settings, Hessian, minimum finder
+
+def test_kept_inverse_hessian_is_symmetric_positive_definite():
+    opt = lxopt.BFGS()
+    opt.keep_hessian, opt.tolerance = True, 1e-12
+    opt.set_line_minimizer("qn")
+    assert (opt.keep_hessian, opt.tolerance) == (True, 1e-12)
+    opt.minimize(rosen, [-1.2, 1.0], jac=rosen_grad)
+    h = opt.inverse_hessian(2)
+    np.testing.assert_array_equal(h, h.T)
+    # At the minimum H approaches the inverse of the true Hessian.
+    np.testing.assert_allclose(h, np.linalg.inv(rosen_hess([1.0, 1.0])), rtol=0.2, atol=0.02)
+    with pytest.raises(ValueError, match="unknown line minimizer"):
+        opt.set_line_minimizer("golden")
+
+
+def test_min_finder_finds_both_wells():
+    finder = lxopt.MinFinder()
+    finder.max_sample, finder.threshold_no_change = 200, 50
+    assert finder.run(lambda x: (x[0] ** 2 - 1.0) ** 2 + 0.1 * x[0], [-2.0], [2.0],
+                      jac=lambda x: [4.0 * x[0] * (x[0] ** 2 - 1.0) + 0.1])
+    coords, values = finder.minima()
+    assert coords.shape == (2, 1) and values.shape == (2,)
+    assert list(values) == sorted(values)
+    np.testing.assert_allclose(coords[:, 0], [-1.0, 1.0], atol=0.02)
