@@ -387,6 +387,9 @@ PYBIND11_MODULE(_lxopt, m) {
   py::class_<LxBFGSModOpt> bfgsMod(m, "BFGSCarry");
   WithKeptHessian<LxBFGSModOpt>(
       WithLineMinimizer<LxBFGSModOpt>(Common<LxBFGSModOpt, LxFunc1>(bfgsMod)));
+  py::class_<LxLBFGSOpt> lbfgs(m, "LBFGS");
+  WithLineMinimizer<LxLBFGSOpt>(Common<LxLBFGSOpt, LxFunc1>(lbfgs));
+  lbfgs.def_property("memory", &LxLBFGSOpt::GetMemory, &LxLBFGSOpt::SetMemory);
   py::class_<LxDFPOpt> dfp(m, "DFP");
   WithLineMinimizer<LxDFPOpt>(Common<LxDFPOpt, LxFunc1>(dfp));
   py::class_<LxConjGradOpt> cg(m, "ConjGrad");

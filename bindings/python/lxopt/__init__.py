@@ -9,11 +9,11 @@ import logging
 
 import numpy as np
 
-from ._lxopt import (BFGS, DFP, Anneal, BFGSCarry, ConjGrad, FletcherReeves,
-                     Geometry, HestenesStiefel, MinFinder, Newton, PolakRibiere,
-                     SteepestDescent, release, state_name)
+from ._lxopt import (BFGS, DFP, LBFGS, Anneal, BFGSCarry, ConjGrad,
+                     FletcherReeves, Geometry, HestenesStiefel, MinFinder, Newton,
+                     PolakRibiere, SteepestDescent, release, state_name)
 
-__all__ = ["minimize", "OptimizeResult", "BFGS", "BFGSCarry", "DFP", "ConjGrad",
+__all__ = ["minimize", "OptimizeResult", "BFGS", "BFGSCarry", "LBFGS", "DFP", "ConjGrad",
            "FletcherReeves", "PolakRibiere", "HestenesStiefel", "SteepestDescent",
            "Newton", "Geometry", "Anneal", "MinFinder", "state_name", "release",
            "METHODS"]
@@ -23,7 +23,7 @@ logging.getLogger("lxopt").addHandler(logging.NullHandler())
 
 # method name -> optimizer class
 METHODS = {
-    "bfgs": BFGS, "dfp": DFP, "cg": ConjGrad, "fr": FletcherReeves,
+    "bfgs": BFGS, "lbfgs": LBFGS, "dfp": DFP, "cg": ConjGrad, "fr": FletcherReeves,
     "pr": PolakRibiere, "hs": HestenesStiefel, "sd": SteepestDescent,
     "newton": Newton, "geometry": Geometry, "anneal": Anneal,
 }
@@ -58,7 +58,7 @@ def _configure(opt, options):
         if not hasattr(opt, "set_line_minimizer"):
             raise ValueError(f"{type(opt).__name__} takes no line minimizer")
         opt.set_line_minimizer(line)
-    for key in ("iter_limit", "tolerance", "keep_hessian", "history"):
+    for key in ("iter_limit", "tolerance", "keep_hessian", "history", "memory"):
         if key in options:
             if not hasattr(opt, key):
                 raise ValueError(f"{type(opt).__name__} has no option {key!r}")
@@ -83,10 +83,10 @@ def minimize(fun, x0, jac=None, hess=None, method="bfgs", options=None,
     hess(x) -> n x n array (method "newton" needs it). method is one of
     METHODS. options: iter_limit, tolerance (the optimizer's own meaning:
     sum g^2 < tolerance for most), line_minimizer ("cg", "qn", "nr",
-    "maxstep"), keep_hessian, history (geometry). temperature is the start
-    temperature of "anneal". callback(info) receives a dict with x, fun,
-    gnorm and nit after each iteration; returning False stops the run
-    (status 11, success False).
+    "maxstep"), keep_hessian, history (geometry), memory (lbfgs).
+    temperature is the start temperature of "anneal". callback(info)
+    receives a dict with x, fun, gnorm and nit after each iteration;
+    returning False stops the run (status 11, success False).
 
     The result's jac is evaluated once more at x after the run; that call is
     not counted in nfev/njev.

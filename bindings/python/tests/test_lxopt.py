@@ -63,6 +63,7 @@ DEMO_OPTIMIZERS = {
     "BFGS+CG": ("bfgs", {"line_minimizer": "cg"}),
     "BFGS+NR": ("bfgs", {"line_minimizer": "nr"}),
     "DFP": ("dfp", {}),
+    "LBFGS": ("lbfgs", {}),
     "ConjGrad": ("cg", {}),
     "FletcherReeves": ("fr", {}),
     "RibierePolak": ("pr", {}),
