@@ -72,7 +72,7 @@ std::vector<Method> LxOptMethods() {
           First<LxOpt::LxHestenesStiefelOpt>("HestenesStiefel", "CG"),
           First<LxOpt::LxBFGSOpt>("BFGS", "QN"),
           First<LxOpt::LxDFPOpt>("DFP", "QN"),
-          First<LxOpt::LxLBFGSOpt>("LBFGS", "LBFGS"),
+          First<LxOpt::LxLBFGSOpt>("LBFGS", "QN"),
           Newton()};
 }
 
