@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, only those that are missing.
-# Safe to run any number of times.
+# Installs the Debian packages the build needs, only those that are missing,
+# plus any packages named as arguments. Safe to run any number of times.
 set -euo pipefail
 
 packages=(cmake g++ make libeigen3-dev libgtest-dev libbenchmark-dev pkg-config
-          python3-dev python3-pybind11 python3-numpy python3-pytest python3-scipy)
+          python3-dev python3-pybind11 python3-numpy python3-pytest python3-scipy "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
