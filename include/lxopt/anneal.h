@@ -49,6 +49,8 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
   // Copies the settings; the copy gets its own new local minimiser and its
   // own generator, seeded with 365 afresh.
   LxSAOpt(const LxSAOpt& other);
+  // As the copy constructor: copies the settings, takes a new local
+  // minimiser and reseeds its generator with 365.
   LxSAOpt& operator=(const LxSAOpt& other);
   ~LxSAOpt() override;
 
@@ -68,6 +70,7 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
                     double* x) override;
 
  protected:
+  // The settings, for a derived class's GetIterLimit and GetTolerance.
   unsigned int EvaluationLimit() const { return evaluationLimit_; }
   double Tolerance() const { return tolerance_; }
 

@@ -20,6 +20,7 @@ class LXOPT_API LxConjGradBase : public LxOptimizer1 {
   static constexpr unsigned int kDefaultIterLimit = 1000;
   static constexpr double kDefaultTolerance = 0.1;
 
+  // Default limit and tolerance with an LxCGLineMinimize.
   LxConjGradBase();
   LxConjGradBase(const LxConjGradBase& other);
   LxConjGradBase& operator=(const LxConjGradBase& other);
@@ -30,6 +31,7 @@ class LXOPT_API LxConjGradBase : public LxOptimizer1 {
   // Converged when sum g^2 < tolerance (squared norm, strict); checkpoints
   // receive sqrt(sum g^2).
   void SetTolerance(double tolerance) override { tolerance_ = tolerance; }
+  // The settings above, as last set or defaulted.
   unsigned int GetIterLimit() const override { return iterLimit_; }
   double GetTolerance() const override { return tolerance_; }
 
@@ -37,6 +39,7 @@ class LXOPT_API LxConjGradBase : public LxOptimizer1 {
   bool SetLineMinimize(const LxLineMinimize& lm);
 
  protected:
+  // The owned line minimizer, for the derived optimizers' searches.
   const LxLineMinimize& LineMinimizer() const { return *lineMinimize_; }
 
  private:
@@ -68,6 +71,8 @@ class LXOPT_API LxConjGradBase : public LxOptimizer1 {
 class LXOPT_API LxConjGradOpt : public LxConjGradBase {
  public:
   using LxOptimizer1::operator();
+  // Minimizes func from x0 (n doubles) into x (n doubles); returns the value
+  // at x as listed under the exits above.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
                     double* x) override;
 };
@@ -90,6 +95,8 @@ class LXOPT_API LxConjGradOpt : public LxConjGradBase {
 // restart.
 class LXOPT_API LxBetaConjGradOpt : public LxConjGradBase {
  public:
+  // Formula for beta, with g the previous gradient and d the previous
+  // direction.
   enum class Beta {
     kFletcherReeves,   // (g_new . g_new) / (g . g)
     kPolakRibiere,     // (g_new . (g_new - g)) / (g . g), may be negative
@@ -97,26 +104,32 @@ class LXOPT_API LxBetaConjGradOpt : public LxConjGradBase {
   };
 
   using LxOptimizer1::operator();
+  // Minimizes func from x0 (n doubles) into x (n doubles); returns the value
+  // at x as listed under the exits above.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
                     double* x) override;
 
  protected:
+  // beta: the coefficient formula; chosen by the named subclasses below.
   explicit LxBetaConjGradOpt(Beta beta) : beta_(beta) {}
 
  private:
   Beta beta_;
 };
 
+// The family with the Fletcher-Reeves coefficient.
 class LXOPT_API LxFletcherReevesOpt : public LxBetaConjGradOpt {
  public:
   LxFletcherReevesOpt() : LxBetaConjGradOpt(Beta::kFletcherReeves) {}
 };
 
+// The family with the Polak-Ribiere coefficient.
 class LXOPT_API LxRibierePolakOpt : public LxBetaConjGradOpt {
  public:
   LxRibierePolakOpt() : LxBetaConjGradOpt(Beta::kPolakRibiere) {}
 };
 
+// The family with the Hestenes-Stiefel coefficient.
 class LXOPT_API LxHestenesStiefelOpt : public LxBetaConjGradOpt {
  public:
   LxHestenesStiefelOpt() : LxBetaConjGradOpt(Beta::kHestenesStiefel) {}

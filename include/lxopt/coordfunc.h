@@ -56,10 +56,13 @@ class LXOPT_API LxCoordQuatAdapt1 : public LxFunc1 {
   // A copy holds f's CreateCopy(): its own copy for an owning adaptor, a
   // further reference to the same objective for a borrowing one.
   LxCoordQuatAdapt1(const LxCoordQuatAdapt1& other);
+  // Takes other's reference coordinates and its objective's CreateCopy(), as
+  // the copy constructor does.
   LxCoordQuatAdapt1& operator=(const LxCoordQuatAdapt1& other);
   ~LxCoordQuatAdapt1() override;
 
   using LxFunc1::operator();
+  // Always 7: four quaternion and three translation components.
   unsigned int NumVar() const override { return 7; }
   // The held objective's value at the reference coordinates moved by v. A
   // zero quaternion collapses every point onto t (no message).
@@ -109,13 +112,16 @@ class LXOPT_API LxCoordQuatAdapt1 : public LxFunc1 {
 // The value needs n >= 1 and the gradient n >= 2; neither is checked.
 class LXOPT_API LxTestF : public LxFunc1 {
  public:
+  // n: the number of variables.
   explicit LxTestF(unsigned int n);
+  // Copies n.
   LxTestF(const LxTestF& other);
   LxTestF& operator=(const LxTestF& other);
   ~LxTestF() override;
 
   using LxFunc1::operator();
   unsigned int NumVar() const override { return *n_; }
+  // f(x) for the n variables at x.
   double operator()(const double* x) override;
   // Writes (does not add) the gradient and returns f(x).
   double operator()(const double* x, double* grad) override;

@@ -21,6 +21,8 @@ struct LxFComponent {
   double value;
 };
 
+// Objective that gives values only (value-only optimizers, numeric
+// differences, NumericFunc1).
 class LXOPT_API LxFunc0 {
  public:
   // Number of variables n; optimizers read it once per run.
@@ -29,9 +31,12 @@ class LXOPT_API LxFunc0 {
   virtual double operator()(const double* x) = 0;
   // The value at x split into named parts, for diagnostics.
   virtual std::vector<LxFComponent> GetFComponents(const double* x) = 0;
+  // Objectives are used through base references and may be deleted so.
   virtual ~LxFunc0();
 };
 
+// Objective that gives the value and the gradient; what the gradient and
+// line-search optimizers take.
 class LXOPT_API LxFunc1 : public virtual LxFunc0 {
  public:
   using LxFunc0::operator();
@@ -41,7 +46,8 @@ class LXOPT_API LxFunc1 : public virtual LxFunc0 {
   // Value at x; writes the n gradient components into grad. Callers zero
   // grad first, so an implementation may either add into it or overwrite it.
   virtual double operator()(const double* x, double* grad) = 0;
-  // Whether x is an admissible point. The default accepts every point.
+  // Whether x (n doubles) is an admissible point; true admits it. The
+  // default accepts every point.
   virtual bool CheckVariablesValidity(const double* x);
   // Whether a and b are the same point for this objective. The default
   // compares the root-mean-square difference sqrt(sum (a - b)^2 / n) with
@@ -50,6 +56,8 @@ class LXOPT_API LxFunc1 : public virtual LxFunc0 {
   virtual bool IsRedundant(const double* a, const double* b, double tolerance) const;
 };
 
+// Objective that also gives the packed Hessian; what the Newton optimizers
+// take.
 class LXOPT_API LxFunc2 : public LxFunc1 {
  public:
   using LxFunc1::operator();

@@ -16,6 +16,7 @@ namespace LxOpt {
 // Turns a variable vector into Cartesian coordinates (x, y, z per atom).
 class LXOPT_API LxAdaptor {
  public:
+  // Adaptors are used through base pointers and may be deleted so.
   virtual ~LxAdaptor();
   // Writes the nvar Cartesian coordinates that vars stands for into coords.
   virtual void operator()(const double* vars, double* coords) = 0;
@@ -57,6 +58,7 @@ class LXOPT_API LxAdaptor {
 // through its virtual operator.
 class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
  public:
+  // No reference, name or adaptor: call SetParams before use.
   LxBFGSCheckpoint() = default;
 
   // name: the word for the objective in messages ("Energy"); ref: reference
@@ -168,7 +170,9 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   static constexpr unsigned int kDefaultIterLimit = 10000;
   static constexpr double kDefaultTolerance = 0.1;
 
+  // Limit 10000, tolerance 0.1, history off, no kept matrix.
   LxBFGSOptimizer();
+  // Copies take the settings and any kept matrix.
   LxBFGSOptimizer(const LxBFGSOptimizer& other) = default;
   LxBFGSOptimizer& operator=(const LxBFGSOptimizer& other) = default;
   ~LxBFGSOptimizer() override;
@@ -178,6 +182,7 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // Selects the thresholds (see above); compared with the gradient norm and
   // with each gradient component.
   void SetTolerance(double tolerance) override { tolerance_ = tolerance; }
+  // The settings above, as last set or defaulted.
   unsigned int GetIterLimit() const override { return iterLimit_; }
   double GetTolerance() const override { return tolerance_; }
 
@@ -194,6 +199,7 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // With keep-Hessian set, a run stores its final packed inverse Hessian when
   // the final gradient norm is below the one at which H was last (re)started.
   void SetKeepHessian(bool keep) { keepHessian_ = keep; }
+  // The keep-Hessian flag as last set (off by default).
   bool GetKeepHessian() const { return keepHessian_; }
   // n * n for the n of the latest run (0 before any run).
   unsigned int GetHessianDimension() const { return n_ * n_; }
@@ -203,6 +209,7 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
 
   // Turns the DIIS and subspace steps on or off (off by default).
   void SetHistory(bool on) { historyEnabled_ = on; }
+  // The history flag as last set.
   bool GetHistory() const { return historyEnabled_; }
 
   // Remembers a point: fsave = f, gsave = g, ssave = s, xsave = x (n values).

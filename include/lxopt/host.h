@@ -20,7 +20,9 @@ namespace LxOpt {
 
 // ---------------------------------------------------------------- messages
 
+// Severity of a message, in increasing order.
 enum class LxMessageLevel { Info, Warning, Error, Fatal };
+// Receiver of every message: the level and the formatted text.
 using LxMessageSink = std::function<void(LxMessageLevel, const std::string&)>;
 
 // Installs the receiver of every message and returns the one it replaces.
@@ -32,6 +34,9 @@ LXOPT_API LxMessageSink LxSetMessageSink(LxMessageSink sink);
 // Name of a level as the default sink prints it ("info", "warning", ...).
 LXOPT_API const char* LxMessageLevelName(LxMessageLevel level);
 
+// Reporting interface used through the single object LxThrow. Each member
+// formats its printf-style arguments and hands the text to the current sink
+// with its level; Info, Warning and Error then return to the caller.
 class LXOPT_API LxErrorHandler {
  public:
   void Info(const char* format, ...)
@@ -45,11 +50,15 @@ class LXOPT_API LxErrorHandler {
   [[noreturn]] void Fatal(const char* format, ...)
       __attribute__((format(printf, 2, 3)));
 };
+// The library's one reporting object; stateless.
 LXOPT_API extern LxErrorHandler LxThrow;
 
 // ---------------------------------------------------------------- output
 
 // Progress text of the printing checkpoints and of simulated annealing.
+// Each operator<< writes its argument with the target's own formatting to
+// the current target (see LxSetOutputStream) and returns the stream; a
+// manipulator such as lxendl is applied to the stream.
 class LXOPT_API lxostream {
  public:
   lxostream& operator<<(const char* text);
@@ -63,10 +72,12 @@ class LXOPT_API lxostream {
   lxostream& operator<<(unsigned long long value);
   lxostream& operator<<(double value);
   lxostream& operator<<(lxostream& (*manipulator)(lxostream&));
+  // Flushes the current target.
   void flush();
 };
+// The library's progress stream.
 LXOPT_API extern lxostream lxout;
-// Writes a newline and flushes.
+// Writes a newline to stream, flushes it and returns it.
 LXOPT_API lxostream& lxendl(lxostream& stream);
 // Redirects lxout; nullptr restores std::cout. Returns the previous target.
 LXOPT_API std::ostream* LxSetOutputStream(std::ostream* target);
@@ -83,6 +94,7 @@ constexpr std::size_t kLxAllocaThreshold = 16384;
 // threshold.
 constexpr std::size_t kLxAllocaSlack = 16;
 
+// Returns the stack threshold in bytes (kLxAllocaThreshold).
 LXOPT_API std::size_t LxGetAllocaThreshold();
 
 // One scratch block for one call: in the holder's own storage (so on the
@@ -91,21 +103,27 @@ LXOPT_API std::size_t LxGetAllocaThreshold();
 // is destroyed or re-allocated. Not copyable.
 class LXOPT_API LxMallocaPtr {
  public:
+  // Holds no block.
   LxMallocaPtr() = default;
+  // Allocates bytes at once; check get() for nullptr.
   explicit LxMallocaPtr(std::size_t bytes) { Allocate(bytes); }
   ~LxMallocaPtr() { Release(); }
   LxMallocaPtr(const LxMallocaPtr&) = delete;
   LxMallocaPtr& operator=(const LxMallocaPtr&) = delete;
 
-  // Returns the block, or nullptr when the heap could not supply it.
+  // Drops any block held, then returns a block of bytes, or nullptr when the
+  // heap could not supply it.
   void* Allocate(std::size_t bytes);
   // Room for count doubles; nullptr when count * 8 overflows or the heap
   // could not supply it.
   double* AllocateDoubles(std::size_t count);
+  // Frees a heap block and leaves the holder empty.
   void Release();
 
+  // The current block (nullptr when empty), raw or as doubles.
   void* get() const { return block_; }
   double* doubles() const { return static_cast<double*>(block_); }
+  // True when a block is held and it lives in the holder's own storage.
   bool OnStack() const { return block_ != nullptr && heap_ == nullptr; }
 
  private:
@@ -123,7 +141,9 @@ class LXOPT_API MtRng {
   static constexpr std::uint32_t kDefaultSeed = 5489u;
 
   explicit MtRng(std::uint32_t seed = kDefaultSeed) : engine_(seed) {}
+  // Restarts the sequence from seed.
   void Seed(std::uint32_t seed) { engine_.seed(seed); }
+  // Next 32-bit draw; min() and max() give its range, as for std engines.
   result_type operator()() { return static_cast<result_type>(engine_()); }
   static constexpr result_type min() { return 0u; }
   static constexpr result_type max() { return 0xffffffffu; }
@@ -136,9 +156,13 @@ class LXOPT_API MtRng {
 // (two 32-bit draws per value).
 class LXOPT_API LxUniformDoubleRNG {
  public:
+  // The range [low, high); low <= high is the caller's to keep.
   explicit LxUniformDoubleRNG(double low = 0.0, double high = 1.0)
       : low_(low), high_(high) {}
+  // Next value: low + u (high - low), u in [0, 1); advances engine by two
+  // draws.
   double operator()(MtRng& engine) const;
+  // The range bounds as constructed.
   double low() const { return low_; }
   double high() const { return high_; }
 
@@ -154,7 +178,9 @@ class LXOPT_API LxRandom {
   // seedNow = true seeds with kDefaultSeed; false leaves the engine at its
   // own default state (seed 5489). Either way the sequence is reproducible.
   explicit LxRandom(bool seedNow = true);
+  // Restarts the sequence from seed.
   void Seed(std::uint32_t seed) { engine_.Seed(seed); }
+  // Next value in [0, 1) with 24 random bits (one engine draw); never 1.
   float NextFloat();
 
  private:
@@ -182,11 +208,14 @@ LXOPT_API double LxRMSD(const double* a, const double* b, unsigned int count,
 
 // ---------------------------------------------------------------- versions
 
+// What one library reports about itself: its family, its name and its
+// release string.
 struct LxVersionRecord {
   std::string family;
   std::string library;
   std::string release;
 };
+// Function that returns a library's record when queried.
 using LxVersionFunction = LxVersionRecord (*)();
 
 // Keeps fn for later queries; registering the same function twice keeps one.

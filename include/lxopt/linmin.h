@@ -24,10 +24,12 @@ namespace LxOpt {
 class LXOPT_API LxLineMinimize {
  public:
   virtual ~LxLineMinimize();
+  // The search, with the arguments and result described above.
   virtual bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
                           double* gradOut, double* fval, double* step,
                           LxFunc1& func) const = 0;
-  // Per-variable step limits; this base ignores them and returns false.
+  // Per-variable step limits (In: n values at maxstep); returns whether the
+  // minimizer took them. This base ignores them and returns false.
   virtual bool SetMaxStep(unsigned int n, double* maxstep);
   // A new heap copy, owned by the caller.
   virtual LxLineMinimize* CreateCopy() const = 0;
@@ -44,9 +46,11 @@ class LXOPT_API LxLineMinimize {
 // next, unevaluated step while fval and gradOut belong to the last trial.
 class LXOPT_API LxCGLineMinimize : public LxLineMinimize {
  public:
+  // The search described above, with the base class's argument contract.
   bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
                   double* gradOut, double* fval, double* step,
                   LxFunc1& func) const override;
+  // A new heap copy with the same settings, owned by the caller.
   LxLineMinimize* CreateCopy() const override;
 };
 
@@ -60,11 +64,15 @@ class LXOPT_API LxCGLineMinimize : public LxLineMinimize {
 // LxCGLineMinimize, spent trials report the next, unevaluated step.
 class LXOPT_API LxQNLineMinimize : public LxLineMinimize {
  public:
+  // maxTrials: evaluations per call; c1, c2: the constants of the test above;
+  // minStep: floor of the first trial and of a successful final step.
   LxQNLineMinimize(unsigned int maxTrials = 32, double c1 = 1e-4, double c2 = 0.9,
                    double minStep = 1e-10);
+  // The search described above, with the base class's argument contract.
   bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
                   double* gradOut, double* fval, double* step,
                   LxFunc1& func) const override;
+  // A new heap copy with the same settings, owned by the caller.
   LxLineMinimize* CreateCopy() const override;
 
  private:
@@ -85,18 +93,22 @@ class LXOPT_API LxQNLineMinimize : public LxLineMinimize {
 // cut the call goes straight to the embedded minimizer.
 class LXOPT_API LxMaxStepLineMinimize : public LxLineMinimize {
  public:
+  // No limits: every call goes straight to the embedded minimizer.
   LxMaxStepLineMinimize();
   LxMaxStepLineMinimize(double* maxstep, unsigned int n);  // copies n limits
+  // Copies take their own copy of the limits.
   LxMaxStepLineMinimize(const LxMaxStepLineMinimize& other);
   LxMaxStepLineMinimize& operator=(const LxMaxStepLineMinimize& other);
   ~LxMaxStepLineMinimize() override;
 
+  // The limited march, then the embedded search, as described above.
   bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
                   double* gradOut, double* fval, double* step,
                   LxFunc1& func) const override;
   // Replaces the limits with a copy of n values and returns true; n = 0
   // changes nothing and returns false.
   bool SetMaxStep(unsigned int n, double* maxstep) override;
+  // A new heap copy with the same settings, owned by the caller.
   LxLineMinimize* CreateCopy() const override;
 
  private:
@@ -121,13 +133,18 @@ class LXOPT_API LxMaxStepLineMinimize : public LxLineMinimize {
 // search at a = 1.0; any other mode at the caller's *step.
 class LXOPT_API LxNRLineSearch : public LxLineMinimize {
  public:
+  // initialStepMode: 1 starts every search at 1.0, else at *step. No cap on
+  // the direction length until SetMaxStep.
   explicit LxNRLineSearch(int initialStepMode = 0);
 
+  // The backtracking search described above; unlike the base contract it
+  // may shorten dir and writes fval, step and gradOut on failure too.
   bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
                   double* gradOut, double* fval, double* step,
                   LxFunc1& func) const override;
   // Maximum direction length max(|x|, n) for x of n values; always true.
   bool SetMaxStep(unsigned int n, double* x) override;
+  // A new heap copy with the same settings, owned by the caller.
   LxLineMinimize* CreateCopy() const override;
 
  private:

@@ -30,6 +30,7 @@ namespace LxMinfinder {
 // the draws of derived generators.
 class LXOPT_API GetRandomVariables {
  public:
+  // Engine seeded 5489.
   GetRandomVariables() = default;
   virtual ~GetRandomVariables();
   // Writes one point into x (lower.size() entries unless the generator says
@@ -41,6 +42,7 @@ class LXOPT_API GetRandomVariables {
   void Seed(std::uint32_t seed) { engine_.Seed(seed); }
 
  protected:
+  // Next uniform draw in [0, 1) from the owned engine.
   double NextUniform() { return uniform_(engine_); }
 
   MtRng engine_;
@@ -52,6 +54,7 @@ class LXOPT_API GetRandomVariables {
 // bound vectors should be equal and at least 1!", false.
 class LXOPT_API GetRandomVariablesGeneral : public GetRandomVariables {
  public:
+  // Writes lower.size() values into x and returns true; see above for errors.
   bool operator()(double* x, const std::vector<double>& lower,
                   const std::vector<double>& upper) override;
 };
@@ -73,8 +76,11 @@ class LXOPT_API GetRandomVariablesGeneral : public GetRandomVariables {
 // does with rand(). Off by default.
 class LXOPT_API LxRandomPosOrient : public LxMinfinder::GetRandomVariables {
  public:
+  // Writes max(4, lower.size()) values into x as described above and
+  // returns true; false on bad bounds.
   bool operator()(double* x, const std::vector<double>& lower,
                   const std::vector<double>& upper) override;
+  // Chooses the quaternion's source (see above); the getter reports it.
   void SetQuaternionFromOwnEngine(bool on) { ownEngineQuaternion_ = on; }
   bool GetQuaternionFromOwnEngine() const { return ownEngineQuaternion_; }
 
@@ -107,6 +113,7 @@ class LXOPT_API MinfinderSamplePoints {
   static constexpr double kWideEllipsoidThreshold = 0.3;  // counter > 9
   static constexpr unsigned long kWideAfterAttracted = 9;
 
+  // An empty store over 0 variables: call Setup first.
   MinfinderSamplePoints() = default;
 
   // Empties the store, sets n, fills the tolerances with tolerance, zeroes
@@ -119,13 +126,16 @@ class LXOPT_API MinfinderSamplePoints {
   // When set (the default), addPoint refuses points outside the box.
   void SetCheckMinimumInRange(bool check) { checkInRange_ = check; }
   bool GetCheckMinimumInRange() const { return checkInRange_; }
+  // The per-variable same-point tolerances (n values), copied out or in.
   void GetSamePointTolerance(std::vector<double>& tolerance) const { tolerance = tolerance_; }
   void SetSamePointTolerance(const std::vector<double>& tolerance) { tolerance_ = tolerance; }
 
+  // Number of points stored and of variables per point.
   unsigned long getNumPoints() const { return numPoints_; }
   unsigned int getNumVar() const { return n_; }
   // The largest finite double until a point is stored.
   double getLowestValue() const { return lowest_; }
+  // Number of Rt updates since Setup, and Rt itself (n values).
   unsigned long getUpdateCount() const { return updateCount_; }
   const std::vector<double>& GetRt() const { return rt_; }
   // Per-minimum radius vector (n values) and attracted counter of point i;
@@ -272,40 +282,60 @@ class LXOPT_API LxMinfinderImpl {
   static constexpr unsigned int kMinNeighbours = 10;
   static constexpr double kGradientCriterionLimit = -0.01;
 
+  // Defaults as given with each setter; not set up.
   LxMinfinderImpl();
 
-  // Each setter returns true.
+  // Each setter returns true; each getter returns the current setting.
+  // Draws per cycle (default 1000); a cycle that needs them all ends the
+  // search.
   bool SetMaxSample(unsigned long value) { maxSample_ = value; return true; }
   unsigned long GetMaxSample() const { return maxSample_; }
+  // Ends the search when more than this many local optimizations in a row
+  // found nothing new (default 500).
   bool SetThresholdNumberOfNoChange(unsigned long value) { noChangeThreshold_ = value; return true; }
   unsigned long GetThresholdNumberOfNoChange() const { return noChangeThreshold_; }
+  // Ends the search once the minima store holds this many (default 1000).
   bool SetMaxNumOptPoints(unsigned long value) { maxNumOptPoints_ = value; return true; }
   unsigned long GetMaxNumOptPoints() const { return maxNumOptPoints_; }
-  // Stored only; the stores receive it at Setup.
+  // Same-point tolerance (default 0.01): per variable for the stores and
+  // the value or IsRedundant tolerance when matching minima. Stored only;
+  // the stores receive it at Setup.
   bool SetSamePointTolerance(double value) { samePointTolerance_ = value; return true; }
   double GetSamePointTolerance() const { return samePointTolerance_; }
+  // Sample window: a start point is kept only when FvalSampleMin < f <
+  // FvalSampleMax (strict; defaults -/+ the largest double).
   bool SetFvalSampleMax(double value) { fvalSampleMax_ = value; return true; }
   double GetFvalSampleMax() const { return fvalSampleMax_; }
   bool SetFvalSampleMin(double value) { fvalSampleMin_ = value; return true; }
   double GetFvalSampleMin() const { return fvalSampleMin_; }
+  // Minima range: a result is a minimum only when FvalMinimaMin < f <
+  // FvalMinimaMax (strict; defaults -/+ the largest double).
   bool SetFvalMinimaMax(double value) { fvalMinimaMax_ = value; return true; }
   double GetFvalMinimaMax() const { return fvalMinimaMax_; }
   bool SetFvalMinimaMin(double value) { fvalMinimaMin_ = value; return true; }
   double GetFvalMinimaMin() const { return fvalMinimaMin_; }
+  // A new minimum needs f <= lowest + window; GetMinimums returns those
+  // strictly within it (default 25.0).
   bool SetFvalMinimaWindow(double value) { fvalMinimaWindow_ = value; return true; }
   double GetFvalMinimaWindow() const { return fvalMinimaWindow_; }
-  // Hours of wall-clock time.
+  // Hours of wall-clock time (default 6.0), checked when a minimum is added.
   bool SetTimeLimit(double hours) { timeLimit_ = hours; return true; }
   double GetTimeLimit() const { return timeLimit_; }
+  // Local optimization tolerance (default 1e-8); returns true.
   // Also the BFGS tolerance (squared gradient norm); the steepest-descent
   // pre-optimizer keeps its 1e-8.
   bool SetLocalOptTolerance(double value);
   double GetLocalOptTolerance() const { return localOptTolerance_; }
+  // Local optimization iteration limit (default 200); returns true.
   // Also the BFGS iteration limit.
   bool SetLocalOptMaxIter(unsigned int value);
   unsigned int GetLocalOptMaxIter() const { return localOptMaxIter_; }
+  // Whether a new minimum must lie in the box (default true); handed to the
+  // minima store at each Optimize.
   bool SetCheckMinimumInRange(bool value) { checkMinimumInRange_ = value; return true; }
   bool GetCheckMinimumInRange() const { return checkMinimumInRange_; }
+  // Whether minima are matched through func.IsRedundant (true) or by value
+  // (false, the default; equal values merge).
   bool SetKeepDegenerateStates(bool value) { keepDegenerateStates_ = value; return true; }
   bool GetKeepDegenerateStates() const { return keepDegenerateStates_; }
   // Reseeds the engine of the neighbour draws (5489 unless this is called)
@@ -354,7 +384,9 @@ class LXOPT_API LxMinfinderImpl {
   bool EllipsoidRtToSamplePointsCriterion(const double* x);
   bool EllipsoidRtToMinimumPointsCriterion(const double* x);
 
+  // Whether Setup has succeeded.
   bool IsSetUp() const { return setUp_; }
+  // The sample store of the current cycle and the minima store.
   MinfinderSamplePoints& GetSamples() { return samples_; }
   const MinfinderSamplePoints& GetSamples() const { return samples_; }
   MinfinderSamplePoints& GetMinima() { return minima_; }
@@ -409,11 +441,14 @@ class LXOPT_API LxMinfinderImpl {
 // The public front: owns one LxMinfinderImpl and forwards every call to it.
 class LXOPT_API LxMinfinder {
  public:
+  // Owns a default LxMinfinderImpl; not copyable.
   LxMinfinder();
   ~LxMinfinder();
   LxMinfinder(const LxMinfinder&) = delete;
   LxMinfinder& operator=(const LxMinfinder&) = delete;
 
+  // The settings: each forwards to LxMinfinderImpl's member of the same name
+  // (same meaning, default and result).
   bool SetMaxSample(unsigned long value) { return impl_->SetMaxSample(value); }
   unsigned long GetMaxSample() const { return impl_->GetMaxSample(); }
   bool SetThresholdNumberOfNoChange(unsigned long value) {
@@ -455,12 +490,14 @@ class LXOPT_API LxMinfinder {
              const std::vector<double>& upper) {
     return impl_->Setup(func, generator, lower, upper);
   }
+  // Optimize, GetMinimums and PrintMinimums as in LxMinfinderImpl.
   bool Optimize() { return impl_->Optimize(); }
   bool GetMinimums(std::vector<double>& coords, std::vector<double>& values) const {
     return impl_->GetMinimums(coords, values);
   }
   void PrintMinimums() const { impl_->PrintMinimums(); }
 
+  // The implementation, for its checks and stores; never null.
   LxMinfinderImpl* GetImpl() { return impl_.get(); }
   const LxMinfinderImpl* GetImpl() const { return impl_.get(); }
 

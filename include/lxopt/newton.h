@@ -76,6 +76,7 @@ class LXOPT_API LxNewtonOptImpl {
   static constexpr unsigned int kDefaultIterLimit = 1000;
   static constexpr double kDefaultTolerance = 1e-6;
 
+  // Default settings: limit 1000, tolerance 1e-6, preconditioning on.
   LxNewtonOptImpl();
   virtual ~LxNewtonOptImpl();
   LxNewtonOptImpl(const LxNewtonOptImpl&) = default;
@@ -92,9 +93,12 @@ class LXOPT_API LxNewtonOptImpl {
   double PreconditionWSteepestDescent(LxFunc2& func, const double* start,
                                       double* result);
 
+  // Largest number of Newton iterations of a run (before any extension by
+  // the Stable report).
   void SetIterLimit(unsigned int limit) { iterLimit_ = limit; }
   // Converged when the RMS gradient sqrt(sum g^2 / n) < tolerance (strict).
   void SetTolerance(double tolerance) { tolerance_ = tolerance; }
+  // The settings above, as last set or defaulted.
   unsigned int GetIterLimit() const { return iterLimit_; }
   double GetTolerance() const { return tolerance_; }
 
@@ -125,21 +129,28 @@ class LXOPT_API LxNewtonOptImpl {
 // The front: owns one LxNewtonOptImpl; copies copy it deeply.
 class LXOPT_API LxNewtonOpt : public LxOptimizer2 {
  public:
+  // Owns a default LxNewtonOptImpl.
   LxNewtonOpt();
   LxNewtonOpt(const LxNewtonOpt& other);
   LxNewtonOpt& operator=(const LxNewtonOpt& other);
   ~LxNewtonOpt() override;
 
+  // Largest number of Newton iterations of a run (see LxNewtonOptImpl).
   void SetIterLimit(unsigned int limit) override;
   // Converged when the RMS gradient sqrt(sum g^2 / n) < tolerance (strict).
   void SetTolerance(double tolerance) override;
+  // The settings above, as held by the implementation.
   unsigned int GetIterLimit() const override;
   double GetTolerance() const override;
 
   using LxOptimizer2::operator();
+  // Runs the implementation: minimizes func from start into result (n
+  // doubles each, may be the same array); returns the value as the exits of
+  // LxNewtonOptImpl say.
   double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
                     double* result) override;
 
+  // The implementation, for its further settings; never null.
   LxNewtonOptImpl* GetImpl() { return impl_.get(); }
   const LxNewtonOptImpl* GetImpl() const { return impl_.get(); }
 
@@ -155,6 +166,7 @@ class LXOPT_API LxConstrFunc {
   virtual ~LxConstrFunc();
   // Value c(x); writes dc/dx into grad (NumVar() doubles, zeroed by the caller).
   virtual double operator()(const double* x, double* grad) = 0;
+  // Number of variables; must equal the objective's.
   virtual unsigned int NumVar() const = 0;
 };
 
@@ -192,11 +204,14 @@ class LXOPT_API LxNewtonConstrOptImpl : public LxNewtonOptImpl {
  public:
   static constexpr double kDefaultTolerance = 1e-5;
 
+  // Defaults as described above, no constraints.
   LxNewtonConstrOptImpl();
   ~LxNewtonConstrOptImpl() override;
   LxNewtonConstrOptImpl(const LxNewtonConstrOptImpl&) = default;
   LxNewtonConstrOptImpl& operator=(const LxNewtonConstrOptImpl&) = default;
 
+  // Minimizes func from start into result (may be the same array) under the
+  // listed constraints; returns the final value (exits as described above).
   double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
                     double* result) override;
 
@@ -205,6 +220,7 @@ class LXOPT_API LxNewtonConstrOptImpl : public LxNewtonOptImpl {
   bool Add(LxConstrFunc& c);
   // Removes c, keeping the order of the others; false if it is not listed.
   bool Remove(LxConstrFunc& c);
+  // The listed constraints, in order.
   const std::vector<LxConstrFunc*>& Constraints() const { return constraints_; }
 
  private:
@@ -215,25 +231,32 @@ class LXOPT_API LxNewtonConstrOptImpl : public LxNewtonOptImpl {
 // list of constraint pointers (the constraints themselves are shared).
 class LXOPT_API LxNewtonConstrOpt : public LxOptimizer2 {
  public:
+  // Owns a default LxNewtonConstrOptImpl with no constraints.
   LxNewtonConstrOpt();
   LxNewtonConstrOpt(const LxNewtonConstrOpt& other);
   LxNewtonConstrOpt& operator=(const LxNewtonConstrOpt& other);
   ~LxNewtonConstrOpt() override;
 
+  // Largest number of Newton iterations of a run (see LxNewtonOptImpl).
   void SetIterLimit(unsigned int limit) override;
   // Converged when the RMS gradient of the Lagrangian < tolerance (strict),
   // together with the value and constraint tests of the implementation.
   void SetTolerance(double tolerance) override;
+  // The settings above, as held by the implementation.
   unsigned int GetIterLimit() const override;
   double GetTolerance() const override;
 
   using LxOptimizer2::operator();
+  // Runs the implementation: minimizes func from start into result under the
+  // constraints; returns the value as LxNewtonConstrOptImpl says.
   double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
                     double* result) override;
 
+  // Add and Remove forward to the implementation (same arguments, results).
   bool Add(LxConstrFunc& c);
   bool Remove(LxConstrFunc& c);
 
+  // The implementation, for its further settings; never null.
   LxNewtonConstrOptImpl* GetImpl() { return impl_.get(); }
   const LxNewtonConstrOptImpl* GetImpl() const { return impl_.get(); }
 

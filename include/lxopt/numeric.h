@@ -77,10 +77,13 @@ LXOPT_API bool NumericHessian(const std::vector<GradDiff>& records, double* hess
 // NumericGradients with the default step, written (not added) into grad.
 class LXOPT_API NumericFunc1 : public LxFunc1 {
  public:
+  // func: the wrapped objective, borrowed for the wrapper's lifetime.
   explicit NumericFunc1(LxFunc0* func) : func_(func) {}
   using LxFunc1::operator();
   unsigned int NumVar() const override { return func_->NumVar(); }
   double operator()(const double* x) override { return (*func_)(x); }
+  // Returns f(x); Out: grad receives the central-difference gradient
+  // (2n + 1 value evaluations).
   double operator()(const double* x, double* grad) override;
   std::vector<LxFComponent> GetFComponents(const double* x) override {
     return func_->GetFComponents(x);

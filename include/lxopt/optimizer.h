@@ -25,13 +25,18 @@ enum LxOptState : unsigned int {
   kLxStable = 12,   // "Stable": the run has stabilised
 };
 
-// Short name of a state; "" for codes above 12, never null.
+// In: state, a result code. Returns its short name ("Cont", "NoOpt", ...);
+// "" for codes above 12, never null. The pointer stays valid for the process.
 LXOPT_API const char* LxGetStateName(unsigned int state);
 
 // Per-iteration callback of value-only optimizers. Returning false from a
 // report with state 0 asks the optimizer to stop (where it honours that).
 class LXOPT_API LxCheckpoint0 {
  public:
+  // In: iter, the iteration count; nvar, the number of variables; fval, the
+  // current value; vars, the nvar current variables (valid during the call
+  // only); state, 0 for a per-iteration report or the final result state.
+  // Returns true to continue, false to ask for a stop.
   virtual bool operator()(unsigned int iter, unsigned int nvar, double fval,
                           const double* vars, unsigned int state) = 0;
   virtual ~LxCheckpoint0();
@@ -47,45 +52,67 @@ class LXOPT_API LxCheckpoint1 : public LxCheckpoint0 {
   bool operator()(unsigned int iter, unsigned int nvar, double fval,
                   const double* vars, unsigned int state) override;
   ~LxCheckpoint1() override;
+  // In: iter, nvar, fval, vars and state as for the value-only form; gnorm,
+  // the gradient norm described above; grad, the nvar gradient components or
+  // null. Returns true to continue, false to ask for a stop (state 0 only).
   virtual bool operator()(unsigned int iter, unsigned int nvar, double fval,
                           double gnorm, const double* vars, const double* grad,
                           unsigned int state) = 0;
 };
 
+// Base of the value-only optimizers. Each run borrows the objective and the
+// checkpoint for its duration.
 class LXOPT_API LxOptimizer0 {
  public:
+  // Largest number of iterations of a run.
   virtual void SetIterLimit(unsigned int limit) = 0;
+  // Convergence threshold; each optimizer states the exact test it controls.
   virtual void SetTolerance(double tolerance) = 0;
   // Same as the four-argument form with a null checkpoint.
   virtual double operator()(LxFunc0& func, const double* start, double* out);
+  // Minimizes func from start (In: func.NumVar() doubles), reporting to
+  // checkpoint (may be null); Out: out receives the final variables. Returns
+  // the final value. What each result state leaves is stated by the optimizer.
   virtual double operator()(LxFunc0& func, LxCheckpoint0* checkpoint,
                             const double* start, double* out) = 0;
   virtual ~LxOptimizer0();
 };
 
+// Base of the optimizers that use values and gradients.
 class LXOPT_API LxOptimizer1 {
  public:
+  // Largest number of iterations of a run.
   virtual void SetIterLimit(unsigned int limit) = 0;
+  // Convergence threshold; each optimizer states the exact test it controls.
   virtual void SetTolerance(double tolerance) = 0;
+  // The settings above, as last set or defaulted.
   virtual unsigned int GetIterLimit() const = 0;
   virtual double GetTolerance() const = 0;
   // Same as the four-argument form with a null checkpoint.
   virtual double operator()(LxFunc1& func, const double* start, double* out);
-  // Minimizes func from start, writes the variables to out and returns the
-  // final value. out may equal start.
+  // Minimizes func from start (In: func.NumVar() doubles), reporting to
+  // checkpoint (may be null); Out: out receives the final variables. Returns
+  // the final value. out may equal start.
   virtual double operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
                             const double* start, double* out) = 0;
   virtual ~LxOptimizer1();
 };
 
+// Base of the optimizers that use values, gradients and Hessians.
 class LXOPT_API LxOptimizer2 {
  public:
+  // Largest number of iterations of a run.
   virtual void SetIterLimit(unsigned int limit) = 0;
+  // Convergence threshold; each optimizer states the exact test it controls.
   virtual void SetTolerance(double tolerance) = 0;
+  // The settings above, as last set or defaulted.
   virtual unsigned int GetIterLimit() const = 0;
   virtual double GetTolerance() const = 0;
   // Same as the four-argument form with a null checkpoint.
   virtual double operator()(LxFunc2& func, const double* start, double* out);
+  // Minimizes func from start (In: func.NumVar() doubles), reporting to
+  // checkpoint (may be null); Out: out receives the final variables. Returns
+  // the final value. What each result state leaves is stated by the optimizer.
   virtual double operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
                             const double* start, double* out) = 0;
   virtual ~LxOptimizer2();

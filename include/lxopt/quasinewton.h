@@ -22,6 +22,8 @@ class LXOPT_API LxQNSettings {
 
   // Limit 1000, tolerance 0.1, an LxQNLineMinimize(32, 1e-4, 0.9, 1e-10).
   LxQNSettings();
+  // Copy the limit and tolerance and take other's line minimizer's
+  // CreateCopy().
   LxQNSettings(const LxQNSettings& other);
   LxQNSettings& operator=(const LxQNSettings& other);
   ~LxQNSettings();
@@ -56,20 +58,25 @@ class LXOPT_API LxQNSettings {
 // allocated warns and returns 0.0.
 class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
  public:
+  // Default settings (see LxQNSettings), no stored matrix.
   LxBFGSOpt();
+  // Copies take the settings, the flags and their own copy of any stored H.
   LxBFGSOpt(const LxBFGSOpt& other);
   LxBFGSOpt& operator=(const LxBFGSOpt& other);
   ~LxBFGSOpt() override;
 
+  // Largest number of iterations of a run.
   void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
   // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
   // receive sqrt(sum g^2).
   void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
+  // The settings above, as last set or defaulted.
   unsigned int GetIterLimit() const override { return settings_.iterLimit; }
   double GetTolerance() const override { return settings_.tolerance; }
 
   using LxOptimizer1::operator();
-  // in and out may be the same array.
+  // Minimizes func from in (n doubles) into out (n doubles; in and out may be
+  // the same array); returns the value at out, or as the exits above say.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                     double* out) override;
 
@@ -100,6 +107,7 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   bool SetInitialHessian(const double* packed, unsigned int n);
 
  protected:
+  // The limit, tolerance and line minimizer, for derived runs.
   const LxQNSettings& Settings() const { return settings_; }
   // The element count is n * n in 32-bit arithmetic, as it is reported.
   void SetHessianDimension(unsigned int n) { hessianDim_ = n * n; }
@@ -135,12 +143,16 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
 // warning "out of memory allocating %d in LxBFGSOpt::operator()".
 class LXOPT_API LxBFGSModOpt : public LxBFGSOpt {
  public:
+  // Starts from the identity on its first run.
   LxBFGSModOpt() = default;
+  // Copies also take their own copy of the carried matrix and trial step.
   LxBFGSModOpt(const LxBFGSModOpt& other);
   LxBFGSModOpt& operator=(const LxBFGSModOpt& other);
   ~LxBFGSModOpt() override;
 
   using LxBFGSOpt::operator();
+  // Minimizes func from in into out (may be the same array) as described
+  // above; returns the value at out, or as LxBFGSOpt's exits say.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                     double* out) override;
 
@@ -166,16 +178,21 @@ class LXOPT_API LxBFGSModOpt : public LxBFGSOpt {
 // that cannot be allocated ends the run with 0.0, silently.
 class LXOPT_API LxDFPOpt : public LxOptimizer1 {
  public:
+  // Default settings (see LxQNSettings).
   LxDFPOpt() = default;
 
+  // Largest number of iterations of a run.
   void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
   // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
   // receive sqrt(sum g^2).
   void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
+  // The settings above, as last set or defaulted.
   unsigned int GetIterLimit() const override { return settings_.iterLimit; }
   double GetTolerance() const override { return settings_.tolerance; }
 
   using LxOptimizer1::operator();
+  // Minimizes func from in (n doubles) into out (n doubles, may be in);
+  // returns the value at out, or as the exits of LxBFGSOpt say.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                     double* out) override;
 
@@ -214,12 +231,15 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
  public:
   static constexpr unsigned int kDefaultMemory = 8;
 
+  // Default settings (see LxQNSettings) and memory 8.
   LxLBFGSOpt() = default;
 
+  // Largest number of iterations of a run.
   void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
   // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
   // receive sqrt(sum g^2).
   void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
+  // The settings above, as last set or defaulted.
   unsigned int GetIterLimit() const override { return settings_.iterLimit; }
   double GetTolerance() const override { return settings_.tolerance; }
 
@@ -228,7 +248,8 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
   unsigned int GetMemory() const { return memory_; }
 
   using LxOptimizer1::operator();
-  // in and out may be the same array.
+  // Minimizes func from in (n doubles) into out (n doubles; in and out may be
+  // the same array); returns the value at out, or as the exits above say.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                     double* out) override;
 

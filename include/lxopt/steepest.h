@@ -25,6 +25,7 @@ class LXOPT_API LxSteepestDescentOpt : public LxOptimizer1 {
 
   LxSteepestDescentOpt() = default;
 
+  // Largest number of iterations (accepted or rejected steps).
   void SetIterLimit(unsigned int limit) override { iterLimit_ = limit; }
   // Stops when sum g^2 < tolerance (squared norm, strict).
   void SetTolerance(double tolerance) override { tolerance_ = tolerance; }
@@ -32,6 +33,8 @@ class LXOPT_API LxSteepestDescentOpt : public LxOptimizer1 {
   double GetTolerance() const override { return tolerance_; }
 
   using LxOptimizer1::operator();
+  // Minimizes func from start (n doubles) into out (n doubles, may equal
+  // start); returns the value as listed under the exits above.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* start,
                     double* out) override;
 

@@ -30,11 +30,18 @@ namespace LxOpt {
 // as merely very bad and step back; the first such point is kept.
 class LXOPT_API LxCountingFunc : public LxFunc2 {
  public:
+  // func: the wrapped objective (borrowed); its kind decides which
+  // operations forward.
   explicit LxCountingFunc(LxFunc0& func);
   explicit LxCountingFunc(LxFunc1& func);
   explicit LxCountingFunc(LxFunc2& func);
 
   using LxFunc2::operator();
+  // Each operation below forwards to the wrapped objective with the same
+  // arguments and result. The three evaluations and the block evaluation
+  // (counted as a value call) are counted and timed; NumVar, GetFComponents,
+  // CheckVariablesValidity and IsRedundant are not counted, and the last two
+  // fall back to the LxFunc1 defaults when wrapping an LxFunc0.
   unsigned int NumVar() const override;
   double operator()(const double* x) override;
   double operator()(const double* x, double* grad) override;
@@ -56,7 +63,7 @@ class LXOPT_API LxCountingFunc : public LxFunc2 {
   // Zeroes the counts and times and forgets the guarded point.
   void Reset();
 
-  // Off by default.
+  // Switches the non-finite guard described above; off by default.
   void SetNonFiniteGuard(bool on) { guard_ = on; }
   bool GetNonFiniteGuard() const { return guard_; }
   // Values the guard replaced, and the first point where that happened
@@ -102,8 +109,11 @@ class LXOPT_API LxBudgetCheckpoint : public LxCheckpoint1 {
   void Restart();
   // Whether a state-0 report was answered false for the budget.
   bool Exhausted() const { return exhausted_; }
+  // Whether a budget is spent now: Total() >= the evaluation limit (when
+  // set) or, with a time budget, elapsed seconds >= the limit.
   bool Spent() const;
 
+  // The two report forms: handled as described above; returns the answer.
   bool operator()(unsigned int iter,
                   unsigned int nvar,
                   double fval,
@@ -150,6 +160,7 @@ class LXOPT_API LxTraceCheckpoint : public LxCheckpoint1 {
   // recordPoints each entry also copies the variables.
   explicit LxTraceCheckpoint(LxCheckpoint1* next = nullptr, bool recordPoints = false);
 
+  // The two report forms: handled as described above; returns the answer.
   bool operator()(unsigned int iter,
                   unsigned int nvar,
                   double fval,
@@ -163,6 +174,7 @@ class LXOPT_API LxTraceCheckpoint : public LxCheckpoint1 {
                   const double* grad,
                   unsigned int state) override;
 
+  // The calls recorded so far, in order; Clear forgets them.
   const std::vector<LxTraceEntry>& Entries() const { return entries_; }
   void Clear() { entries_.clear(); }
 
@@ -197,6 +209,7 @@ struct LxDerivativeCheck {
   bool passed = true;  // worstError <= tolerance
 };
 
+// Settings of a derivative check.
 struct LxDerivativeCheckOptions {
   double step = 1e-5;       // h
   double floor = 1e-3;      // smallest denominator of a relative error
@@ -229,6 +242,8 @@ struct LxCoordDerivativeCheck {
   bool rotationInvariant = true;
 };
 
+// The gradient check of func at x (3N coordinates; not changed) with the
+// invariance residuals, each compared with options.tolerance.
 LXOPT_API LxCoordDerivativeCheck LxCheckGradient(LxCoordFunc1& func,
                                                  const double* x,
                                                  const LxDerivativeCheckOptions& options = {});
@@ -237,6 +252,7 @@ LXOPT_API LxCoordDerivativeCheck LxCheckGradient(LxCoordFunc1& func,
 // whose error exceeds the tolerance (at most maxLines of them).
 LXOPT_API std::string LxFormatDerivativeCheck(const LxDerivativeCheck& check,
                                               unsigned int maxLines = 10);
+// The same for a coordinate check, with its invariance verdicts.
 LXOPT_API std::string LxFormatDerivativeCheck(const LxCoordDerivativeCheck& check,
                                               unsigned int maxLines = 10);
 

@@ -1,4 +1,5 @@
-// Version of the library. The record is registered with the host's version
+// Version of the library. Every function returns a constant (never null)
+// fixed at build time. The record is registered with the host's version
 // registry when the library is loaded.
 #ifndef LXOPT_VERSION_H
 #define LXOPT_VERSION_H
@@ -12,6 +13,7 @@ LXOPT_API unsigned int LxOptGetVersion();          // 20260727
 LXOPT_API const char* LxOptGetRelease();           // "2.9.2.0"
 LXOPT_API const char* LxOptGetNonDebugRelease();   // "2.9.2.0"
 LXOPT_API const char* LxOptGetDebugRelease();      // "2.9.2.0 debug"
+// Target architecture and build platform strings of this build.
 LXOPT_API const char* LxOptGetArch();
 LXOPT_API const char* LxOptGetPlatform();
 // {"lxsuite", "LxOpt", LxOptGetRelease()}
