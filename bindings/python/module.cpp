@@ -11,6 +11,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -305,6 +306,122 @@ Class& WithKeptHessian(Class& cls) {
   return cls;
 }
 
+// An equality constraint c(x) = 0 over Python callables: fun(x) returns
+// (value, gradient), or fun(x) -> float with jac(x) -> gradient. Its NumVar()
+// is the objective's, set before each run.
+class PyConstraint : public LxConstrFunc {
+ public:
+  PyConstraint(py::function fun, py::object jac) : fun_(std::move(fun)), jac_(std::move(jac)) {}
+
+  double operator()(const double* x, double* grad) override {
+    py::gil_scoped_acquire gil;
+    py::array view = View(x, n_);
+    if (jac_.is_none()) {
+      py::tuple r(fun_(view));
+      CopyResult(r[1], grad, n_, "constraint");
+      return py::cast<double>(r[0]);
+    }
+    const double value = py::cast<double>(fun_(view));
+    CopyResult(jac_(view), grad, n_, "constraint jac");
+    return value;
+  }
+  unsigned int NumVar() const override { return n_; }
+  void SetNumVar(unsigned int n) { n_ = n; }
+
+ private:
+  py::function fun_;
+  py::object jac_;
+  unsigned int n_ = 0;
+};
+
+// A constraint given as a callable returning (value, gradient) or as a
+// pair (fun, jac) of callables.
+std::shared_ptr<PyConstraint> MakeConstraint(const py::object& c) {
+  if (PyCallable_Check(c.ptr())) {
+    return std::make_shared<PyConstraint>(py::reinterpret_borrow<py::function>(c), py::none());
+  }
+  if (py::isinstance<py::sequence>(c) && py::len(c) == 2) {
+    py::sequence pair = py::reinterpret_borrow<py::sequence>(c);
+    py::object fun = pair[0], jac = pair[1];
+    if (PyCallable_Check(fun.ptr()) && PyCallable_Check(jac.ptr())) {
+      return std::make_shared<PyConstraint>(py::reinterpret_borrow<py::function>(fun), jac);
+    }
+  }
+  throw py::type_error(
+      "a constraint is a callable c(x) -> (value, gradient) or a pair (fun, jac) of callables");
+}
+
+// The constrained Newton optimizer with the Python constraints it lists.
+// The library only borrows constraints; this keeps each alive while listed,
+// keyed by the very object the caller passed to add().
+struct NewtonConstrained {
+  LxNewtonConstrOpt opt;
+  std::vector<std::pair<py::object, std::shared_ptr<PyConstraint>>> constraints;
+
+  auto Find(const py::object& key) {
+    return std::find_if(constraints.begin(), constraints.end(),
+                        [&](const auto& entry) { return entry.first.is(key); });
+  }
+};
+
+void BindNewtonConstrained(py::module_& m) {
+  py::class_<NewtonConstrained>(m, "NewtonConstrained")
+      .def(py::init<>())
+      .def_property(
+          "iter_limit", [](const NewtonConstrained& s) { return s.opt.GetIterLimit(); },
+          [](NewtonConstrained& s, unsigned int v) { s.opt.SetIterLimit(v); })
+      .def_property(
+          "tolerance", [](const NewtonConstrained& s) { return s.opt.GetTolerance(); },
+          [](NewtonConstrained& s, double v) { s.opt.SetTolerance(v); })
+      .def(
+          "add",
+          [](NewtonConstrained& s, py::object c) {
+            if (s.Find(c) != s.constraints.end()) return false;
+            std::shared_ptr<PyConstraint> constraint = MakeConstraint(c);
+            s.opt.Add(*constraint);
+            s.constraints.emplace_back(std::move(c), std::move(constraint));
+            return true;
+          },
+          py::arg("constraint"),
+          "Appends the constraint c(x) = 0: a callable returning (value, gradient) or a "
+          "pair (fun, jac). False if this very object is already listed.")
+      .def(
+          "remove",
+          [](NewtonConstrained& s, const py::object& c) {
+            auto it = s.Find(c);
+            if (it == s.constraints.end()) return false;
+            s.opt.Remove(*it->second);
+            s.constraints.erase(it);
+            return true;
+          },
+          py::arg("constraint"),
+          "Removes the object given to add(), keeping the order of the others; False if "
+          "it is not listed.")
+      .def_property_readonly(
+          "constraints",
+          [](const NewtonConstrained& s) {
+            py::list out;
+            for (const auto& entry : s.constraints) out.append(entry.first);
+            return out;
+          },
+          "The listed constraints, in order.")
+      .def(
+          "minimize",
+          [](NewtonConstrained& s, py::function fun, const py::object& x0, py::object jac,
+             py::object hess, py::object callback) {
+            Array x = StartCopy(x0);
+            for (auto& entry : s.constraints) {
+              entry.second->SetNumVar(static_cast<unsigned int>(x.size()));
+            }
+            return Run<LxNewtonConstrOpt, LxFunc2>(s.opt, std::move(fun), x, std::move(jac),
+                                                   std::move(hess), std::move(callback));
+          },
+          py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(),
+          py::arg("hess") = py::none(), py::arg("callback") = py::none(),
+          "Minimizes fun from x0 subject to the listed constraints; returns a dict of the "
+          "raw outcome.");
+}
+
 void BindMinFinder(py::module_& m) {
   using Finder = LxMinfinder::LxMinfinder;
   // Owns what the library's finder only borrows: the objective and the
@@ -416,5 +533,6 @@ PYBIND11_MODULE(_lxopt, m) {
            py::arg("jac") = py::none(), py::arg("hess") = py::none(),
            py::arg("callback") = py::none());
 
+  BindNewtonConstrained(m);
   BindMinFinder(m);
 }

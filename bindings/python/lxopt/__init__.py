@@ -2,7 +2,8 @@
 
 minimize(fun, x0, jac=..., hess=..., method=..., options=..., callback=...)
 mirrors scipy.optimize.minimize and returns an OptimizeResult. The optimizer
-classes (BFGS, DFP, ConjGrad, ...) and MinFinder give the full settings.
+classes (BFGS, DFP, ConjGrad, ...), NewtonConstrained and MinFinder give the
+full settings.
 Messages of the library go to the logger "lxopt".
 """
 import logging
@@ -11,12 +12,13 @@ import numpy as np
 
 from ._lxopt import (BFGS, DFP, LBFGS, Anneal, BFGSCarry, ConjGrad,
                      FletcherReeves, Geometry, HestenesStiefel, MinFinder, Newton,
-                     PolakRibiere, SteepestDescent, release, state_name)
+                     NewtonConstrained, PolakRibiere, SteepestDescent, release,
+                     state_name)
 
 __all__ = ["minimize", "OptimizeResult", "BFGS", "BFGSCarry", "LBFGS", "DFP", "ConjGrad",
            "FletcherReeves", "PolakRibiere", "HestenesStiefel", "SteepestDescent",
-           "Newton", "Geometry", "Anneal", "MinFinder", "state_name", "release",
-           "METHODS"]
+           "Newton", "NewtonConstrained", "Geometry", "Anneal", "MinFinder", "state_name",
+           "release", "METHODS"]
 __version__ = release
 
 logging.getLogger("lxopt").addHandler(logging.NullHandler())
@@ -75,8 +77,21 @@ def _final_gradient(fun, jac, x):
     return None
 
 
+def _constraint(c):
+    """A constraint of minimize as NewtonConstrained.add takes it: a callable
+    or a (fun, jac) pair as they are, or scipy's {"type": "eq", "fun": ...,
+    "jac": ...}."""
+    if not isinstance(c, dict):
+        return c
+    if c.get("type", "eq") != "eq":
+        raise ValueError("only equality constraints ({'type': 'eq'}) are supported")
+    if "jac" not in c:
+        raise ValueError("a constraint needs its gradient: give 'jac'")
+    return (c["fun"], c["jac"])
+
+
 def minimize(fun, x0, jac=None, hess=None, method="bfgs", options=None,
-             callback=None, temperature=300.0):
+             callback=None, temperature=300.0, constraints=()):
     """Minimizes fun from x0.
 
     fun(x) -> float, or (float, gradient) with jac=True; jac(x) -> gradient;
@@ -87,6 +102,9 @@ def minimize(fun, x0, jac=None, hess=None, method="bfgs", options=None,
     temperature is the start temperature of "anneal". callback(info)
     receives a dict with x, fun, gnorm and nit after each iteration;
     returning False stops the run (status 11, success False).
+    constraints (method "newton" only) are equalities c(x) = 0, each a
+    callable c(x) -> (value, gradient), a pair (fun, jac) or a dict
+    {"type": "eq", "fun": ..., "jac": ...}; the run is NewtonConstrained's.
 
     The result's jac is evaluated once more at x after the run; that call is
     not counted in nfev/njev.
@@ -95,7 +113,13 @@ def minimize(fun, x0, jac=None, hess=None, method="bfgs", options=None,
         cls = METHODS[method.lower()]
     except KeyError:
         raise ValueError(f"unknown method {method!r}; one of {sorted(METHODS)}") from None
+    if constraints:
+        if cls is not Newton:
+            raise ValueError("constraints need method='newton'")
+        cls = NewtonConstrained
     opt = cls(temperature) if cls is Anneal else cls()
+    for c in constraints:
+        opt.add(_constraint(c))
     _configure(opt, options)
     if jac is None:
         raise ValueError("every method needs a gradient: pass jac")

@@ -255,3 +255,84 @@ def test_min_finder_finds_both_wells():
     assert coords.shape == (2, 1) and values.shape == (2,)
     assert list(values) == sorted(values)
     np.testing.assert_allclose(coords[:, 0], [-1.0, 1.0], atol=0.02)
+
+
+# ------------------------------------------------------ constrained Newton
+
+def bowl(x):
+    """x^2 + 2 y^2 with its gradient; Hessian diag(2, 4)."""
+    return x[0] ** 2 + 2.0 * x[1] ** 2, np.array([2.0 * x[0], 4.0 * x[1]])
+
+
+def bowl_hess(x):
+    return np.diag([2.0, 4.0])
+
+
+def line(x):
+    """x + y - 1 = 0 as a (fun, jac) pair."""
+    return x[0] + x[1] - 1.0
+
+
+def line_grad(x):
+    return np.array([1.0, 1.0])
+
+
+def test_constrained_newton_reaches_the_minimum_on_a_line():
+    # grad f = nu grad c: 2x = 4y = nu and x + y = 1, so (2/3, 1/3), f = 2/3.
+    opt = lxopt.NewtonConstrained()
+    assert opt.add((line, line_grad))
+    r = opt.minimize(bowl, [0.0, 0.0], jac=True, hess=bowl_hess)
+    assert (r["status"], r["message"], r["stopped"]) == (11, "Done", False)
+    np.testing.assert_allclose(r["x"], [2.0 / 3.0, 1.0 / 3.0], atol=1e-6)
+    assert r["fun"] == pytest.approx(2.0 / 3.0, abs=1e-9)
+
+
+@pytest.mark.parametrize("form", ["callable", "dict"])
+def test_minimize_with_a_sphere_constraint(form):
+    # (x - 2)^2 + (y - 1)^2 on the unit circle: the point of the circle
+    # nearest (2, 1), i.e. (2, 1) / sqrt(5).
+    def sphere(x):
+        return x[0] ** 2 + x[1] ** 2 - 1.0, 2.0 * np.asarray(x)
+
+    c = sphere if form == "callable" else {
+        "type": "eq", "fun": lambda x: sphere(x)[0], "jac": lambda x: sphere(x)[1]}
+    r = lxopt.minimize(lambda x: (x[0] - 2.0) ** 2 + (x[1] - 1.0) ** 2, [0.5, 0.5],
+                       jac=lambda x: np.array([2.0 * (x[0] - 2.0), 2.0 * (x[1] - 1.0)]),
+                       hess=lambda x: 2.0 * np.eye(2), method="newton", constraints=[c])
+    assert r.success, r.message
+    np.testing.assert_allclose(r.x, np.array([2.0, 1.0]) / np.sqrt(5.0), atol=1e-6)
+    assert r.fun == pytest.approx((np.sqrt(5.0) - 1.0) ** 2, abs=1e-9)
+
+
+def test_add_and_remove_keep_the_library_semantics(caplog):
+    opt = lxopt.NewtonConstrained()
+    pair, other = (line, line_grad), lambda x: (x[0] - x[1], np.array([1.0, -1.0]))
+    assert opt.add(pair) and opt.add(other)
+    assert not opt.add(pair)                  # the same object is listed once
+    assert opt.constraints == [pair, other]
+    assert opt.remove(pair) and not opt.remove(pair)
+    assert opt.constraints == [other]
+    # Only x = y is left: the minimum of the bowl on it is the origin.
+    r = opt.minimize(bowl, [1.0, 0.5], jac=True, hess=bowl_hess)
+    np.testing.assert_allclose(r["x"], [0.0, 0.0], atol=1e-6)
+    # With none left the run warns and is unconstrained.
+    assert opt.remove(other) and opt.constraints == []
+    with caplog.at_level(logging.WARNING, logger="lxopt"):
+        r = opt.minimize(bowl, [1.0, 0.5], jac=True, hess=bowl_hess)
+    assert [rec.levelname for rec in caplog.records] == ["WARNING"]
+    np.testing.assert_allclose(r["x"], [0.0, 0.0], atol=1e-6)
+
+
+def test_constraint_errors_reach_the_caller():
+    opt = lxopt.NewtonConstrained()
+    with pytest.raises(TypeError, match="a constraint is a callable"):
+        opt.add((line, 1.0))
+
+    def failing(x):
+        raise Boom("constraint")
+
+    assert opt.add(failing)
+    with pytest.raises(Boom, match="constraint"):
+        opt.minimize(bowl, [0.0, 0.0], jac=True, hess=bowl_hess)
+    with pytest.raises(ValueError, match="constraints need method='newton'"):
+        lxopt.minimize(rosen, [-1.2, 1.0], jac=rosen_grad, constraints=[(line, line_grad)])

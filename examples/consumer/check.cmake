@@ -9,7 +9,7 @@ if(rc)
   message(FATAL_ERROR "install failed: ${rc}")
 endif()
 foreach(step
-    "${CMAKE_COMMAND};-S;${SOURCE_DIR}/tests/consumer;-B;${WORK_DIR}/build;-G;${GENERATOR};-DCMAKE_PREFIX_PATH=${prefix};-DCMAKE_BUILD_TYPE=Release"
+    "${CMAKE_COMMAND};-S;${CMAKE_CURRENT_LIST_DIR};-B;${WORK_DIR}/build;-G;${GENERATOR};-DCMAKE_PREFIX_PATH=${prefix};-DCMAKE_BUILD_TYPE=Release"
     "${CMAKE_COMMAND};--build;${WORK_DIR}/build"
     "${WORK_DIR}/build/consumer")
   execute_process(COMMAND ${step} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
@@ -41,7 +41,7 @@ execute_process(COMMAND ${pc} --variable=libdir lxopt
   OUTPUT_VARIABLE libdir OUTPUT_STRIP_TRAILING_WHITESPACE)
 separate_arguments(flags UNIX_COMMAND "${flags}")
 foreach(step
-    "${CXX};-std=c++17;${SOURCE_DIR}/tests/consumer/main.cpp;-o;${WORK_DIR}/consumer-pc;${flags};-Wl,-rpath,${libdir}"
+    "${CXX};-std=c++17;${CMAKE_CURRENT_LIST_DIR}/main.cpp;-o;${WORK_DIR}/consumer-pc;${flags};-Wl,-rpath,${libdir}"
     "${WORK_DIR}/consumer-pc")
   execute_process(COMMAND ${step} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(rc)
