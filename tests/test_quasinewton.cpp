@@ -411,19 +411,6 @@ TEST(QuasiNewtonBadInput, ReportedWithoutCrash) {
 
 // ---------------------------------------------------------------- L-BFGS
 
-#ifndef __SANITIZE_ADDRESS__
-// Counts every malloc of the process; forwards to glibc's, so free stays matched.
-extern "C" void* __libc_malloc(std::size_t size);
-static long lbfgsMallocs = 0;
-extern "C" void* malloc(std::size_t size) {
-  ++lbfgsMallocs;
-  return __libc_malloc(size);
-}
-static long Mallocs() { return lbfgsMallocs; }
-#else
-static long Mallocs() { return -1; }  // not counted: the sanitizer owns malloc
-#endif
-
 namespace {
 
 LxLBFGSOpt MakeLBFGS(unsigned int m, const LxLineMinimize* lm = nullptr) {
@@ -552,38 +539,6 @@ TEST(LBFGS, BadInputAndScratchTooLarge) {
             (std::vector<std::string>{
                 "memory not provided for optimized variables",
                 "out of memory allocating 2147483647 in LxLBFGSOpt::operator()"}));
-}
-
-// Counts the state-0 reports after the first that saw a malloc since the
-// previous report.
-struct MallocWatch : LxCheckpoint1 {
-  using LxCheckpoint1::operator();
-  bool operator()(unsigned, unsigned, double, double, const double*, const double*,
-                  unsigned state) override {
-    if (state == kLxCont && conts++ > 0 && Mallocs() != last) ++allocating;
-    last = Mallocs();
-    return true;
-  }
-  long last = 0, conts = 0, allocating = 0;
-};
-
-TEST(LBFGS, IterationsDoNotAllocate) {
-  if (Mallocs() < 0) GTEST_SKIP() << "malloc is not counted under the address sanitizer";
-  // The scratch on the stack, then on the heap; the searches' own 2n doubles
-  // stay on the stack for n <= 1023.
-  for (unsigned int n : {30u, 1000u}) {
-    const long before = Mallocs();
-    DiagonalQuadratic f(DiagonalQuadratic::IllConditioned(n, 1e3));
-    ASSERT_GT(Mallocs(), before) << "malloc is not interposed";
-    LxLBFGSOpt opt;
-    opt.SetTolerance(1e-20);
-    opt.SetIterLimit(40);
-    MallocWatch watch;
-    Vec x(n, 0.0);
-    opt(f, &watch, x.data(), x.data());
-    EXPECT_EQ(watch.conts, 40);
-    EXPECT_EQ(watch.allocating, 0) << n;
-  }
 }
 
 }  // namespace

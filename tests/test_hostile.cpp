@@ -1,0 +1,423 @@
+// Hostile objectives: every optimizer and line minimizer against values that
+// are not numbers, infinite or huge, gradients that are not numbers or do not
+// match the value, flat and unbounded functions, and an objective that throws.
+// Each run must end within an explicit evaluation bound, report a final state
+// its optimizer may report, and let the objective's exception through as is.
+// The sanitizer build checks the same runs for bad accesses and leaks.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <set>
+#include <stdexcept>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/problems.h"
+
+namespace {
+
+using namespace LxOpt;
+
+constexpr unsigned int kN = 3;
+constexpr unsigned int kLimit = 20;      // iteration limit of every optimizer
+constexpr unsigned int kTrials = 32;     // evaluations per line search (all searches)
+constexpr unsigned int kNone = 100;      // pseudo-state: no checkpoint call at all
+constexpr unsigned int kTrue = 11, kFalse = 3;  // line minimizer / finder results as states
+
+enum class Fault { kNaN, kPosInf, kNegInf, kNaNGrad, kHuge, kWrongGrad, kConstant, kLinear, kThrow };
+
+struct ObjectiveError { long evaluation; };  // what the objective throws
+struct Overrun {};                           // the guard: a run exceeded its bound
+
+struct Hostility {
+  const char* name;
+  Fault fault;
+  long onset;            // evaluations that are still healthy
+  unsigned int n = kN;   // variables
+};
+
+// Enough variables to put every scratch block (a line search's 2n doubles
+// included) on the heap, where the address sanitizer sees every overrun and
+// a passing exception must release them.
+constexpr unsigned int kLarge = 1100;
+
+const Hostility kHostilities[] = {
+    {"NaN", Fault::kNaN, 0},           {"NaNLater", Fault::kNaN, 2},
+    {"PosInf", Fault::kPosInf, 0},     {"PosInfLater", Fault::kPosInf, 2},
+    {"NegInf", Fault::kNegInf, 0},     {"NegInfLater", Fault::kNegInf, 2},
+    {"NaNGrad", Fault::kNaNGrad, 0},   {"NaNGradLater", Fault::kNaNGrad, 2},
+    {"Huge", Fault::kHuge, 0},         {"WrongGrad", Fault::kWrongGrad, 0},
+    {"Constant", Fault::kConstant, 0}, {"Linear", Fault::kLinear, 0},
+    {"Throw", Fault::kThrow, 0},       {"ThrowLater", Fault::kThrow, 2},
+    {"ThrowLarge", Fault::kThrow, 2, kLarge}, {"ThrowLargeLater", Fault::kThrow, 4, kLarge},
+    {"NaNLarge", Fault::kNaN, 2, kLarge},     {"LinearLarge", Fault::kLinear, 0, kLarge},
+};
+
+// sum_i d_i (x_i - 1)^2 with d_i = 1 + i mod 3, spoiled after `onset` evaluations.
+// Every evaluation (value, gradient or Hessian) counts; one beyond `bound`
+// throws Overrun, which turns a hang into a failure.
+class HostileFunc : public lxtest::Objective {
+ public:
+  using lxtest::Objective::operator();
+  HostileFunc(Hostility h, long bound) : h_(h), bound_(bound) {}
+  unsigned int NumVar() const override { return h_.n; }
+  double operator()(const double* x) override { return Eval(x, nullptr, nullptr); }
+  double operator()(const double* x, double* g) override { return Eval(x, g, nullptr); }
+  bool operator()(const double* x, double* h, double* g) override {
+    Eval(x, g, h);
+    return true;
+  }
+  long evaluations = 0;
+
+ private:
+  double Eval(const double* x, double* g, double* h) {
+    if (++evaluations > bound_) throw Overrun{};
+    double f = 0.0;
+    const unsigned int n = h_.n;
+    for (unsigned int i = 0; i < n; ++i) {
+      const double d = 1.0 + i % 3;
+      f += d * (x[i] - 1.0) * (x[i] - 1.0);
+      if (g) g[i] = 2.0 * d * (x[i] - 1.0);
+      if (h) h[i * (i + 1) / 2 + i] = 2.0 * d;
+    }
+    if (evaluations <= h_.onset) return f;
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    auto each = [&](const std::function<void(double&)>& set) {
+      for (unsigned int i = 0; i < n; ++i) {
+        if (g) set(g[i]);
+        if (h) set(h[i * (i + 1) / 2 + i]);
+      }
+    };
+    switch (h_.fault) {
+      case Fault::kNaN: return nan;
+      case Fault::kPosInf: return inf;
+      case Fault::kNegInf: return -inf;
+      case Fault::kNaNGrad:
+        for (unsigned int i = 0; g && i < n; ++i) g[i] = nan;
+        return f;
+      case Fault::kHuge: each([](double& v) { v *= 1e300; }); return f * 1e300;
+      case Fault::kWrongGrad:
+        for (unsigned int i = 0; g && i < n; ++i) g[i] = -g[i];  // points uphill
+        return f;
+      case Fault::kConstant: each([](double& v) { v = 0.0; }); return 7.0;
+      case Fault::kLinear:
+        each([](double& v) { v = 0.0; });
+        for (unsigned int i = 0; g && i < n; ++i) g[i] = 1.0;
+        return x[0] + x[1] + x[2];
+      case Fault::kThrow: throw ObjectiveError{evaluations};
+    }
+    return f;
+  }
+  Hostility h_;
+  long bound_;
+};
+
+// One constraint for the constrained Newton run: x_0 - 1 = 0.
+class PinFirst : public LxConstrFunc {
+ public:
+  explicit PinFirst(unsigned int n) : n_(n) {}
+  double operator()(const double* x, double* grad) override {
+    grad[0] = 1.0;
+    return x[0] - 1.0;
+  }
+  unsigned int NumVar() const override { return n_; }
+
+ private:
+  unsigned int n_;
+};
+
+// Annealing leaves its two getters to the caller.
+class Annealing : public LxSAOpt {
+ public:
+  Annealing() : LxSAOpt(300.0) {}
+  unsigned int GetIterLimit() const override { return EvaluationLimit(); }
+  double GetTolerance() const override { return Tolerance(); }
+};
+
+struct Outcome {
+  unsigned int state;  // the last report's, kNone, or kTrue / kFalse
+  double value;        // returned value; a line search's final *fval
+};
+using RunFn = std::function<Outcome(HostileFunc&, lxtest::Recorder&, double* out)>;
+
+// A subject under test: how to run it, the most evaluations the run may
+// make, the states it may end on (kNone: no report at all), the states it
+// may report before that, and the faults on which it is defined never to end
+// (the guard's Overrun is then the expected outcome).
+struct Subject {
+  const char* name;
+  long bound;
+  std::set<unsigned int> finals;
+  std::set<unsigned int> intermediates;
+  RunFn run;
+  std::set<Fault> neverEnds = {};
+  bool smallOnly = false;  // runs of O(n^3) (or long O(n^2)) work: small n only
+};
+
+// Runs an optimizer with the common limit; the state is the last report's.
+template <class Opt>
+RunFn Optimize(std::function<void(Opt&, unsigned int n)> configure = nullptr) {
+  return [configure](HostileFunc& f, lxtest::Recorder& rec, double* out) {
+    Opt opt;
+    opt.SetIterLimit(kLimit);
+    if (configure) configure(opt, f.NumVar());
+    const std::vector<double> start(f.NumVar(), 0.0);
+    const double value = opt(f, &rec, start.data(), out);
+    return Outcome{rec.calls.empty() ? kNone : rec.calls.back().state, value};
+  };
+}
+
+// One call of a line minimizer from the start along the steepest descent
+// direction (2, 4, 6, 2, ...); the entry value and gradient come from one evaluation.
+template <class LM>
+RunFn Search(std::function<void(LM&)> configure = nullptr) {
+  return [configure](HostileFunc& f, lxtest::Recorder&, double*) {
+    LM lm;
+    if (configure) configure(lm);
+    const unsigned int n = f.NumVar();
+    std::vector<double> x0(n, 0.0), g0(n), gOut(n), dir(n);
+    double fval = f(x0.data(), g0.data()), step = 1.0;
+    for (unsigned int i = 0; i < n; ++i) dir[i] = -g0[i];
+    const bool found = lm(n, x0.data(), dir.data(), g0.data(), gOut.data(), &fval, &step, f);
+    return Outcome{found ? kTrue : kFalse, fval};
+  };
+}
+
+constexpr unsigned int kMinfinderSamples = 3;
+// The minimum finder with a budget of a few samples; true/false as a state.
+Outcome FindMinima(HostileFunc& f, lxtest::Recorder&, double*) {
+  LxMinfinder::LxMinfinder finder;
+  LxMinfinder::GetRandomVariablesGeneral generator;
+  finder.SetMaxSample(kMinfinderSamples);
+  finder.SetMaxNumOptPoints(2);
+  finder.SetThresholdNumberOfNoChange(1);
+  finder.SetLocalOptMaxIter(kLimit);
+  const std::vector<double> lower(f.NumVar(), -2.0), upper(f.NumVar(), 2.0);
+  if (!finder.Setup(f, &generator, lower, upper)) return {kFalse, 0.0};
+  return {finder.Optimize() ? kTrue : kFalse, 0.0};
+}
+
+// Evaluation bounds, each from the limits that govern the run.
+constexpr long kPerIteration = kTrials + 1;  // one search plus one re-evaluation
+constexpr long kGradientRun = 1 + kLimit * kPerIteration;
+constexpr long kQNDefaultRun = 1 + 1000 * kPerIteration;  // LxBFGSOpt's default limit 1000
+// Newton: preconditioning steepest descent (limit 20: 21 evaluations), the
+// start value, then per iteration a Hessian and a value, for at most the
+// limit plus the 30 iterations of the near-convergence extension.
+constexpr long kNewtonRun = 21 + 1 + 2 * (kLimit + 30);
+// Geometry driver: the start, per cycle two searches of at most 30 trials
+// (the second after restarting H), and the closing value evaluation.
+constexpr long kGeomRun = 2 + kLimit * 2 * 30;
+constexpr long kAnnealEvaluations = 200;
+// Minimum finder (n = 3): per optimized sample a 10-iteration steepest
+// descent, a BFGS run and the validity test (the point and max(10, 2n)
+// neighbours), for the first minimum and each sample; plus one value per
+// drawn start point when the store is refilled (at most 50 a cycle).
+constexpr long kMinfinderRun =
+    (1 + kMinfinderSamples) * (11 + kGradientRun + 1 + 10) + 50 * kMinfinderSamples;
+// Backtracking from a = 1 down to 1e-7 / max|dir| = 1e-7 / 6 halves at most
+// 26 times; plus the entry evaluation and the closing value and gradient.
+constexpr long kNRSearch = 1 + 26 + 1;
+
+const std::set<unsigned int> kCont = {kLxCont};
+const std::set<unsigned int> kLineResults = {kTrue, kFalse};
+// Faults that keep every start point out of the minimum finder's sample
+// window: by definition it then draws start points for ever.
+const std::set<Fault> kNoFirstMinimum = {Fault::kNaN,  Fault::kPosInf, Fault::kNegInf,
+                                         Fault::kNaNGrad, Fault::kHuge, Fault::kLinear};
+
+const std::vector<Subject>& Subjects() {
+  // The Fletcher-Reeves family ends silently (last report "Cont", or none)
+  // on convergence and on a hopeless search.
+  const std::set<unsigned int> betaFinals = {kNone, 0, 1, 6, 11};
+  static const std::vector<Subject> subjects = {
+      {"SteepestDescent", 1 + kLimit, {1, 3, 6, 11}, kCont, Optimize<LxSteepestDescentOpt>()},
+      {"ConjGrad", kGradientRun, {1, 3, 6, 9, 11}, kCont, Optimize<LxConjGradOpt>()},
+      {"FletcherReeves", kGradientRun, betaFinals, kCont, Optimize<LxFletcherReevesOpt>()},
+      {"RibierePolak", kGradientRun, betaFinals, kCont, Optimize<LxRibierePolakOpt>()},
+      {"HestenesStiefel", kGradientRun, betaFinals, kCont, Optimize<LxHestenesStiefelOpt>()},
+      {"BFGS", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxBFGSOpt>()},
+      {"BFGSKeep", kGradientRun, {1, 3, 6, 11}, kCont,
+       Optimize<LxBFGSOpt>([](LxBFGSOpt& o, unsigned int) { o.SetKeepHessian(true); })},
+      {"BFGSMod", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxBFGSModOpt>()},
+      {"DFP", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxDFPOpt>()},
+      {"LBFGS", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxLBFGSOpt>()},
+      {"GeomBFGS", kGeomRun, {1, 3, 4, 5, 6, 11}, {0, 7, 8, 9, 10, 12},
+       Optimize<LxBFGSOptimizer>()},
+      {"Newton", kNewtonRun, {kNone, 3, 6, 11, 12}, {0, 12}, Optimize<LxNewtonOpt>(), {}, true},
+      {"NewtonConstr", kNewtonRun, {kNone, 3, 6, 11, 12}, {0, 12},
+       Optimize<LxNewtonConstrOpt>([](LxNewtonConstrOpt& o, unsigned int n) {
+         static PinFirst small(kN), large(kLarge);
+         o.Add(n == kN ? small : large);
+       }),
+       {}, true},
+      {"Annealing", kAnnealEvaluations + kQNDefaultRun, {1, 3, 6, 11}, kCont,
+       Optimize<Annealing>([](Annealing& o, unsigned int) { o.SetIterLimit(kAnnealEvaluations); }),
+       {}, true},
+      {"Minfinder", kMinfinderRun, kLineResults, kCont, FindMinima, kNoFirstMinimum, true},
+      {"LineCG", 1 + kTrials, kLineResults, {}, Search<LxCGLineMinimize>()},
+      {"LineQN", 1 + kTrials, kLineResults, {}, Search<LxQNLineMinimize>()},
+      {"LineMaxStep", 1 + 2 * kTrials, kLineResults, {},  // the march, then the inner search
+       Search<LxMaxStepLineMinimize>([](LxMaxStepLineMinimize& lm) {
+         double limits[kN] = {0.1, 0.1, 0.1};  // further variables unlimited
+         lm.SetMaxStep(kN, limits);
+       })},
+      {"LineNR", kNRSearch, kLineResults, {}, Search<LxNRLineSearch>()},
+  };
+  return subjects;
+}
+
+struct CheckpointError {};
+
+// A recorder that throws from its `throwAt`-th call.
+class ThrowingRecorder : public lxtest::Recorder {
+ public:
+  using lxtest::Recorder::operator();
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                  const double* vars, const double* grad, unsigned int state) override {
+    lxtest::Recorder::operator()(iter, nvar, fval, gnorm, vars, grad, state);
+    if (calls.size() == throwAt) throw CheckpointError{};
+    return true;
+  }
+  size_t throwAt = 0;  // 0: never
+};
+
+// One run of a subject on a hostile objective, with messages and progress
+// lines kept out of the test output.
+struct Play {
+  Play(const Subject& s, const Hostility& h, size_t checkpointThrowsAt = 0)
+      : f(h, s.bound), out(h.n) {
+    rec.throwAt = checkpointThrowsAt;
+    lxtest::MessageCapture messages;
+    std::ostringstream progress;
+    std::ostream* previous = LxSetOutputStream(&progress);
+    try {
+      outcome = s.run(f, rec, out.data());
+    } catch (const ObjectiveError& e) {
+      thrownAt = e.evaluation;
+    } catch (const Overrun&) {
+      overrun = true;
+    } catch (const CheckpointError&) {
+      checkpointThrew = true;
+    }
+    LxSetOutputStream(previous);
+  }
+  HostileFunc f;
+  ThrowingRecorder rec;
+  std::vector<double> out;
+  Outcome outcome{kNone, 0.0};
+  long thrownAt = 0;  // the evaluation whose exception reached the caller
+  bool overrun = false;
+  bool checkpointThrew = false;
+};
+
+const Subject& SubjectNamed(const std::string& name) {
+  for (const Subject& s : Subjects())
+    if (name == s.name) return s;
+  throw std::invalid_argument(name);
+}
+
+const Hostility& HostilityNamed(const std::string& name) {
+  for (const Hostility& h : kHostilities)
+    if (name == h.name) return h;
+  throw std::invalid_argument(name);
+}
+
+struct Case {
+  size_t subject;
+  size_t hostility;
+};
+
+class Hostile : public ::testing::TestWithParam<Case> {};
+
+TEST_P(Hostile, EndsBoundedWithAnAllowedState) {
+  const Subject& s = Subjects()[GetParam().subject];
+  const Hostility& h = kHostilities[GetParam().hostility];
+  if (s.smallOnly && h.n > kN && h.fault != Fault::kThrow)
+    GTEST_SKIP() << "dense or long runs; the large cases that throw early still run";
+  const Play play(s, h);
+  if (s.neverEnds.count(h.fault)) {
+    EXPECT_TRUE(play.overrun) << "defined not to end, yet it returned";
+    return;
+  }
+  ASSERT_FALSE(play.overrun) << "more than " << s.bound << " evaluations";
+  EXPECT_LE(play.f.evaluations, s.bound);
+  const std::vector<lxtest::Call>& calls = play.rec.calls;
+  for (size_t i = 0; i + 1 < calls.size(); ++i)
+    EXPECT_TRUE(s.intermediates.count(calls[i].state)) << "report " << i << ": " << calls[i].state;
+  // A run may end before the fault sets in (short line searches on ThrowLargeLater).
+  if (h.fault == Fault::kThrow && play.f.evaluations > h.onset) {
+    // The objective's own exception, unchanged; no final state was reported.
+    EXPECT_EQ(play.thrownAt, h.onset + 1);
+    EXPECT_TRUE(calls.empty() || s.intermediates.count(calls.back().state));
+  } else {
+    EXPECT_EQ(play.thrownAt, 0);
+    EXPECT_TRUE(s.finals.count(play.outcome.state)) << "final state " << play.outcome.state;
+  }
+}
+
+std::vector<Case> AllCases() {
+  std::vector<Case> cases;
+  for (size_t s = 0; s < Subjects().size(); ++s)
+    for (size_t h = 0; h < std::size(kHostilities); ++h) cases.push_back({s, h});
+  return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Hostile, ::testing::ValuesIn(AllCases()),
+                         [](const ::testing::TestParamInfo<Case>& info) {
+                           return std::string(Subjects()[info.param.subject].name) + "_" +
+                                  kHostilities[info.param.hostility].name;
+                         });
+
+// Defined behaviour that may surprise, pinned down: the exact outcome.
+struct Oddity {
+  const char* subject;
+  const char* hostility;
+  unsigned int state;
+  bool valueIsNaN;
+  long evaluations;
+  const char* why;
+};
+
+const Oddity kOddities[] = {
+    {"SteepestDescent", "NaN", kLxDone, true, 6,
+     "a NaN trial value passes as a decrease, so the walk follows the healthy gradient to "
+     "convergence and returns NaN"},
+    {"LineCG", "NaN", kTrue, true, 3, "a NaN final value counts as success"},
+    {"LineQN", "NaN", kTrue, true, 3,
+     "NaN passes the negated decrease test; after one interpolation the search succeeds"},
+    {"BFGS", "NaN", kLxExhaust, true, 22,
+     "searches succeed with NaN values until an interpolation between them gives a NaN "
+     "step, which is accepted too; from the NaN point every search succeeds at once"},
+    {"ConjGrad", "PosInf", kLxNotFound, false, 6,
+     "+Inf passes no test: the search and the recovery search both fail"},
+};
+
+TEST(HostileOddities, AreKept) {
+  for (const Oddity& o : kOddities) {
+    const Play play(SubjectNamed(o.subject), HostilityNamed(o.hostility));
+    SCOPED_TRACE(std::string(o.subject) + " on " + o.hostility + ": " + o.why);
+    EXPECT_EQ(play.outcome.state, o.state);
+    EXPECT_EQ(std::isnan(play.outcome.value), o.valueIsNaN);
+    EXPECT_EQ(play.f.evaluations, o.evaluations);
+  }
+}
+
+// An exception thrown by the checkpoint passes through as well; with many
+// variables every scratch block is on the heap and must be released.
+TEST(HostileCheckpoint, ExceptionPassesThrough) {
+  for (const Subject& s : Subjects()) {
+    if (s.finals == kLineResults) continue;  // no checkpoint
+    const bool newton = std::string(s.name).rfind("Newton", 0) == 0;  // dense n x n solves
+    const Hostility healthy{"Healthy", Fault::kNaN, 1L << 40, newton ? kN : kLarge};
+    const Play play(s, healthy, 1);
+    EXPECT_TRUE(play.checkpointThrew) << s.name;
+    EXPECT_EQ(play.rec.calls.size(), 1u) << s.name;
+  }
+}
+
+}  // namespace
