@@ -5,12 +5,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
-#include <numeric>
-#include <set>
-#include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "../src/conjgrad/beta.h"
 #include "support/linesearch.h"
@@ -23,18 +18,15 @@ using lxtest::DiagonalQuadratic;
 using lxtest::Recorder;
 using Points = std::vector<double>;
 
-struct Named {
-  const char* name;
-  std::function<std::unique_ptr<LxConjGradBase>()> make;
-  std::function<std::unique_ptr<LxConjGradBase>(const LxConjGradBase&)> copy;
-  bool family;  // the classic family: no gradient in its Cont and Done reports
-};
+// make(nullptr) builds a fresh optimizer, make(&o) a copy of o. family: the
+// classic family, with no gradient in its Cont and Done reports.
+using Ptr = std::unique_ptr<LxConjGradBase>;
+struct Named { const char* name; std::function<Ptr(const LxConjGradBase*)> make; bool family; };
 void PrintTo(const Named& o, std::ostream* os) { *os << o.name; }
 template <class T>
 Named Make(const char* name, bool family) {
-  using Ptr = std::unique_ptr<LxConjGradBase>;
-  return {name, [] { return Ptr(new T()); },
-          [](const LxConjGradBase& o) { return Ptr(new T(static_cast<const T&>(o))); }, family};
+  return {name, [](const LxConjGradBase* o) {
+            return Ptr(o ? new T(static_cast<const T&>(*o)) : new T()); }, family};
 }
 const Named kAll[] = {Make<LxConjGradOpt>("ConjGrad", false),
                       Make<LxFletcherReevesOpt>("FletcherReeves", true),
@@ -72,12 +64,9 @@ struct BowlRun {
 };
 Points GradientAt(const Points& x) {
   Points g(3);
-  Bowl()(x.data(), g.data());
-  return g;
+  return Bowl()(x.data(), g.data()), g;
 }
-double Norm(const Points& v) {
-  return std::sqrt(std::inner_product(v.begin(), v.end(), v.begin(), 0.0));
-}
+double Norm(const Points& v) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
 
 class AllFour : public ::testing::TestWithParam<Named> {};
 
@@ -89,43 +78,41 @@ TEST_P(AllFour, SharedExits) {
        {Exit{1000, 1365.0, ~0ul, "0 NoOpt"}, Exit{0, 0.1, ~0ul, "1 Exhaust"},
         Exit{1, 0.1, ~0ul, "1 Exhaust"}, Exit{2, 0.1, ~0ul, "1 Cont, 2 Exhaust"},
         Exit{1000, 0.1, 1, "1 Cont, 2 Cont, 2 Done"}}) {
-    auto opt = GetParam().make();
+    auto opt = GetParam().make(nullptr);
     opt->SetIterLimit(limit);
     opt->SetTolerance(tolerance);  // |g|^2 = 1364 at the start
     BowlRun r(*opt, {}, continueFor);
     ASSERT_EQ(Trace(r.rec), trace);
     for (const lxtest::Call& c : r.rec.calls)
       EXPECT_EQ(c.gradNull, GetParam().family && (c.state == kLxCont || c.state == kLxDone));
-    EXPECT_EQ(r.f, r.q(r.x.data()));
     const size_t n = r.rec.calls.size();
     const lxtest::Call &last = r.rec.calls[n - 1], &prev = r.rec.calls[n > 1 ? n - 2 : 0];
-    EXPECT_EQ(std::make_pair(last.fval, last.gnorm), std::make_pair(prev.fval, prev.gnorm));
+    EXPECT_EQ(std::make_tuple(r.f, last.fval, last.gnorm),
+              std::make_tuple(r.q(r.x.data()), prev.fval, prev.gnorm));
     EXPECT_EQ(r.counted.gradients == 1, n == 1);  // the start alone evaluated
   }
 }
 
 TEST_P(AllFour, BadInput) {
-  auto opt = GetParam().make();
+  auto opt = GetParam().make(nullptr);
   DiagonalQuadratic q = Bowl(), empty({}, {});
   lxtest::Counting counted(q);
-  lxtest::MessageCapture messages;
+  lxtest::MessageCapture msg;
   Recorder rec;
   EXPECT_EQ((*opt)(counted, &rec, kOrigin.data(), nullptr), 0.0);
-  EXPECT_EQ(messages.Texts(),
-            std::vector<std::string>{"memory not provided for optimized variables"});
+  EXPECT_EQ(msg.Texts(), std::vector<std::string>{"memory not provided for optimized variables"});
   EXPECT_EQ(counted.gradients + rec.calls.size(), 0u);
   (*opt)(empty, &rec, kOrigin.data(), Points(1).data());  // no variables: converged at once
   EXPECT_EQ(Trace(rec), "0 NoOpt");
 }
 
-// SetLineMinimize stores a clone; copies and assignment clone it again, so
-// replacing the original's leaves them with the old. The first search starts
-// with a unit displacement, 1/|g|.
+// SetLineMinimize stores a clone; copies and assignment clone it again. The
+// first search starts with a unit displacement, 1/|g|.
 TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
-  auto opt = GetParam().make(), assigned = GetParam().make();
+  auto opt = GetParam().make(nullptr), assigned = GetParam().make(nullptr);
   BowlRun before(*opt, {});
   *assigned = *opt;
-  auto copied = GetParam().copy(*opt);
+  auto copied = GetParam().make(opt.get());
   opt->SetLineMinimize(LxCGLineMinimize());
   const size_t searches = before.lm.steps().size();
   ASSERT_GT(searches, 0u);
@@ -135,14 +122,12 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
   EXPECT_EQ(before.lm.steps().size(), 3 * searches);  // none through the original
 }
 
-// Failed searches (by call number). ConjGrad retries once from the last
-// success along -g with 1/|g|, after one re-evaluation there; it ends with
-// "NotFound" and that point's |g| after two failures in a row, while a success
-// clears the recovery, so a later single failure is survived too. The family
-// ends silently when a steepest-descent search fails; a failed conjugate
-// search still moves the point by the step that stood before it, reports the
-// old value and |g|, and restarts along minus that (stale) gradient with the
-// same step, kept unscaled.
+// Failed searches (by call number). ConjGrad retries once from the last success
+// along -g with 1/|g| (one re-evaluation there), ends "NotFound" with that |g|
+// after two failures in a row; a success clears the recovery. The family ends
+// silently when a steepest-descent search fails; a failed conjugate search
+// still moves by the old step, reports the old value and |g|, and restarts
+// along minus that stale gradient with the same step, unscaled.
 TEST_P(AllFour, FailedSearches) {
   using Case = std::tuple<std::set<int>, std::string, int, std::string>;
   for (const auto& [failOn, conjGrad, gradients, family] :
@@ -150,7 +135,7 @@ TEST_P(AllFour, FailedSearches) {
         Case{{2, 3}, "1 Cont, 3 NotFound", 1 + 2 + 1, "1 Cont, 2 Cont"},
         Case{{2, 4}, "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad", 1 + 5 * 2 + 2,
              "1 Cont, 2 Cont"}}) {
-    auto opt = GetParam().make();
+    auto opt = GetParam().make(nullptr);
     BowlRun r(*opt, failOn);
     const std::vector<lxtest::Call>& calls = r.rec.calls;
     const std::vector<Points>& dirs = r.lm.dirs();
@@ -163,9 +148,8 @@ TEST_P(AllFour, FailedSearches) {
         EXPECT_DOUBLE_EQ(calls[1].vars[i], calls[0].vars[i] + steps[1] * dirs[1][i]);
         EXPECT_DOUBLE_EQ(dirs[2][i], -g[i]);
       }
-      EXPECT_EQ(steps[2], steps[1]);
-      EXPECT_EQ(std::make_pair(calls[1].fval, calls[1].gnorm),
-                std::make_pair(calls[0].fval, calls[0].gnorm));
+      EXPECT_EQ(std::make_tuple(steps[2], calls[1].fval, calls[1].gnorm),
+                std::make_tuple(steps[1], calls[0].fval, calls[0].gnorm));
     } else {
       ASSERT_EQ(Trace(r.rec), conjGrad);
       EXPECT_EQ(r.counted.gradients, gradients);
@@ -181,9 +165,8 @@ TEST_P(AllFour, FailedSearches) {
   }
 }
 
-// About n iterations on a 10-variable quadratic, and the curved valley.
-// ConjGrad ends with "Grad", repeating the last report's figures; the family
-// ends quietly after a state-0 report.
+// About n iterations on a 10-variable quadratic, and the curved valley. ConjGrad
+// ends "Grad" repeating the last report; the family ends quietly after a Cont.
 TEST_P(AllFour, Converges) {
   DiagonalQuadratic quad = DiagonalQuadratic::IllConditioned(10, 100.0);
   lxtest::Rosenbrock valley;
@@ -192,7 +175,7 @@ TEST_P(AllFour, Converges) {
   for (const auto& [f, start, minimizer, maxReports] :
        {Problem{&quad, Points(10, -1.0), Points(10, 1.0), family ? 16u : 15u},
         Problem{&valley, {-1.2, 1.0}, {1.0, 1.0}, family ? 1000u : 200u}}) {
-    auto opt = GetParam().make();
+    auto opt = GetParam().make(nullptr);
     opt->SetTolerance(1e-16);
     Recorder rec;
     Points x(start.size());
@@ -200,8 +183,7 @@ TEST_P(AllFour, Converges) {
     for (size_t i = 0; i < x.size(); ++i) EXPECT_NEAR(x[i], minimizer[i], 1e-6);
     ASSERT_LE(rec.calls.size(), maxReports);
     const lxtest::Call &last = rec.calls.back(), &prev = rec.calls.end()[-2];
-    EXPECT_EQ(last.vars, x);
-    EXPECT_EQ(last.state, family ? kLxCont : kLxGrad);
+    EXPECT_TRUE(last.vars == x && last.state == (family ? kLxCont : kLxGrad));
     EXPECT_TRUE(family || (last.fval == prev.fval && last.gnorm == prev.gnorm));
   }
 }
@@ -209,10 +191,7 @@ TEST_P(AllFour, Converges) {
 INSTANTIATE_TEST_SUITE_P(Optimizers, AllFour, ::testing::ValuesIn(kAll),
                          ::testing::PrintToStringParamName());
 
-// --- LxConjGradOpt ---------------------------------------------------------
-
-// Beale restarts: with n variables at least every n-th search after the first
-// starts with the restart step 1.0.
+// Beale restarts: at least every n-th search after the first starts with step 1.0.
 TEST(ConjGrad, RestartAtLeastEveryNIterations) {
   lxtest::Rosenbrock valley;
   lxtest::FailOnDemand lm;
@@ -220,21 +199,10 @@ TEST(ConjGrad, RestartAtLeastEveryNIterations) {
   opt.SetLineMinimize(lm);
   opt.SetTolerance(1e-20);
   opt.SetIterLimit(40);
-  Points x(2);
-  opt(valley, Points{-1.2, 1.0}.data(), x.data());
+  opt(valley, Points{-1.2, 1.0}.data(), Points(2).data());
   const Points& s = lm.steps();
-  ASSERT_GE(s.size(), 6u);
-  EXPECT_EQ(s[1], 1.0);
+  ASSERT_TRUE(s.size() >= 6 && s[1] == 1.0);
   for (size_t i = 2; i < s.size(); ++i) EXPECT_TRUE(s[i] == 1.0 || s[i - 1] == 1.0) << i;
-}
-
-// Objective values that are not numbers end in a bounded number of calls.
-TEST(ConjGrad, ValuesThatAreNotNumbersDoNotHang) {
-  lxtest::NotANumber nan;
-  LxConjGradOpt opt;
-  double x = 0.0;
-  opt(nan, &x, &x);
-  EXPECT_LE(nan.evaluations, 1 + 1000 * 32);
 }
 
 // Polak-Ribiere's beta, negative where g_new has turned back towards g, is

@@ -2,24 +2,16 @@
 #include <gtest/gtest.h>
 #include <lxopt/lxopt.h>
 
-#include <array>
 #include <cmath>
-#include <initializer_list>
 #include <memory>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "support/linesearch.h"
 #include "support/problems.h"
 
 namespace {
 
-using LxOpt::LxCGLineMinimize;
-using LxOpt::LxLineMinimize;
-using LxOpt::LxMaxStepLineMinimize;
-using LxOpt::LxNRLineSearch;
-using LxOpt::LxQNLineMinimize;
+using namespace LxOpt;
 using lxtest::Poly1D;
 using Points = std::vector<double>;
 using Searches = std::initializer_list<const LxLineMinimize*>;
@@ -34,13 +26,6 @@ Outcome Search(const LxLineMinimize& lm, Poly1D& f, double step) {
   double dir = 1.0, grad0 = f.Slope(x0), gradOut = kUnset, fval = f.F(x0);
   const bool ok = lm(1, &x0, &dir, &grad0, &gradOut, &fval, &step, f);
   return {ok, step, fval, gradOut};
-}
-
-// To 1e-7: an extrapolation from a step of 1e-10 carries rounding errors.
-void ExpectPoints(const Points& actual, const Points& expected) {
-  ASSERT_EQ(actual.size(), expected.size()) << ::testing::PrintToString(actual);
-  for (size_t i = 0; i < actual.size(); ++i)
-    EXPECT_NEAR(actual[i], expected[i], 1e-7 * std::fmax(1.0, std::fabs(expected[i])));
 }
 
 double limitHalf = 0.5, limitTwo = 2.0, limitZero = 0.0, limitWide = 10.0, limitTiny = 1e-6;
@@ -63,49 +48,40 @@ const Poly kNear{0.01, -0.2, 1, 0};  // (x - 0.1)^2
 const Poly kHump{0, -1, 2, -0.4};
 const double kHumpMin = (4.0 - std::sqrt(16.0 - 4.8)) / 2.4;
 // -x - x^3 falls ever faster: every interpolation is pushed out to twice the
-// step, all 32 trials are spent (1, 2, ..., 2^31) and the next, unevaluated
+// step, all 32 trials (1, 2, ..., 2^31) are spent and the next, unevaluated
 // step 2^32 is reported with the last trial's value and slope.
 const Poly kFalling{0, -1, 0, -1};
 Points Doublings() {
-  Points p;
-  for (int i = 0; i < 32; ++i) p.push_back(std::ldexp(1.0, i));
+  Points p(32);
+  for (int i = 0; i < 32; ++i) p[i] = std::ldexp(1.0, i);
   return p;
 }
 // NR from 2 on (x - 0.1)^2: the cubic through (1, 0) and (2, f(2)) has b <= 0
 // and the next step is the product sqrt(disc) (-b) / (3a), disc = 0.8704.
 const double kProductStep = std::sqrt(0.8704) * 0.62 / 2.43;
 
-struct Case {
-  const char* name;
-  const LxLineMinimize* lm;
-  Poly poly;
-  double entryStep;
-  bool ok;
-  double step;    // accepted step when ok
-  Points trials;  // every evaluation point, in order
-};
+// step: the accepted step when ok; trials: every evaluation point, in order.
+struct Case { const char* name; const LxLineMinimize* lm; Poly poly; double entryStep; bool ok;
+              double step; Points trials; };
 void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
 class OnALine : public ::testing::TestWithParam<Case> {};
 
-// Every search runs through CreateCopy, so copies must keep the settings. On
-// false, all but the backtracking search leave the outputs untouched.
+// Every search runs through CreateCopy (copies keep the settings). On false,
+// all but the backtracking search leave the outputs untouched.
 TEST_P(OnALine, TrialsAndResult) {
   const Case& c = GetParam();
   Poly1D f(c.poly);
   const std::unique_ptr<LxLineMinimize> lm(c.lm->CreateCopy());
   const Outcome r = Search(*lm, f, c.entryStep);
-  ExpectPoints(f.points, c.trials);
-  EXPECT_EQ(r.ok, c.ok);
-  if (c.ok) {
-    EXPECT_NEAR(r.step, c.step, 1e-12 * std::fmax(1.0, c.step));
-    EXPECT_EQ(r.fval, f.F(f.points.back()));
-    EXPECT_EQ(r.grad, f.Slope(f.points.back()));
-  } else {
-    EXPECT_EQ(r.step, c.entryStep);
-    EXPECT_EQ(r.fval, c.poly[0]);
-    EXPECT_EQ(r.grad, kUnset);
-  }
+  ASSERT_EQ(f.points.size(), c.trials.size()) << ::testing::PrintToString(f.points);
+  for (size_t i = 0; i < c.trials.size(); ++i)  // to 1e-7: extrapolating from 1e-10 rounds
+    EXPECT_NEAR(f.points[i], c.trials[i], 1e-7 * std::fmax(1.0, std::fabs(c.trials[i])));
+  ASSERT_EQ(r.ok, c.ok);
+  const double last = c.ok ? f.points.back() : 0.0;
+  EXPECT_NEAR(r.step, c.ok ? c.step : c.entryStep, 1e-12 * std::fmax(1.0, c.step));
+  EXPECT_EQ(std::make_pair(r.fval, r.grad),
+            std::make_pair(f.F(last), c.ok ? f.Slope(last) : kUnset));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -157,22 +133,19 @@ TEST(LineSearchInNVariables, QuadraticLineMinimum) {
   double grad0[3] = {-2.0, 8.0, -36.0};
   for (const LxLineMinimize* lm : Searches{&kCG, &kQN}) {
     lxtest::Counting counted(q);
-    double dir[3] = {1.0, -0.5, 0.25}, gradOut[3], fval = 41.0, step = 0.1;
+    double dir[3] = {1.0, -0.5, 0.25}, gradOut[3], fval = 41.0, step = 0.1, g[3];
     ASSERT_TRUE((*lm)(3, x0, dir, grad0, gradOut, &fval, &step, counted));
-    EXPECT_EQ(counted.gradients, 2);
-    EXPECT_EQ(counted.values, 0);
+    EXPECT_TRUE(counted.gradients == 2 && counted.values == 0);
     EXPECT_NEAR(step, 15.0 / 5.125, 1e-9);  // value differences limit the cubic
     const double x[3] = {step, -0.5 * step, 0.25 * step};
-    double g[3];
     EXPECT_NEAR(fval, q(x, g), 1e-12);
     for (int i = 0; i < 3; ++i) EXPECT_NEAR(gradOut[i], g[i], 1e-12);
   }
 }
 
-// Values that are not numbers pass the negated tests: the CG search spends its
-// 32 trials and reports success, the QN search stops at the degenerate
-// interpolation, the march ends by its own cap before the QN search, and the
-// backtracking search shrinks to its smallest step and fails.
+// Values that are not numbers end every search: CG spends its 32 trials and
+// succeeds, QN stops at the degenerate interpolation, the march at its own cap,
+// and the backtracking search fails at its smallest step.
 TEST(LineSearchNotANumber, EverySearchEnds) {
   using Case = std::tuple<const LxLineMinimize*, bool, int>;
   for (const auto& [lm, ok, evaluations] : {Case{&kCG, true, 32}, Case{&kQN, false, 1},
@@ -185,50 +158,40 @@ TEST(LineSearchNotANumber, EverySearchEnds) {
   }
 }
 
-// n = 0: the cubic searches accept the first trial (both slopes 0) and fail
-// as the value did not fall; for the backtracking search the smallest step is
-// infinite and the first trial fails.
+// n = 0: the cubic searches fail at the first trial (the value did not fall);
+// the backtracking search's smallest step is infinite, so its first trial fails.
 TEST(LineSearchEmpty, NoVariablesFails) {
   lxtest::DiagonalQuadratic empty({}, {});
   for (const LxLineMinimize* lm : Searches{&kCG, &kQN, &kNR0}) {
     lxtest::Counting counted(empty);
     double fval = 0.0, step = 0.5;
     EXPECT_FALSE((*lm)(0, nullptr, nullptr, nullptr, nullptr, &fval, &step, counted));
-    EXPECT_EQ(counted.gradients, 1);
-    EXPECT_EQ(counted.values, lm == &kNR0 ? 1 : 0);
-    EXPECT_EQ(step, 0.5);
+    EXPECT_EQ((std::vector<double>{1.0 * counted.gradients, 1.0 * counted.values, step}),
+              (std::vector<double>{1, lm == &kNR0 ? 1.0 : 0.0, 0.5}));
   }
 }
 
-// Several limits: the smallest ratio wins (0.3 for x1, then 0.1 for x2 with
-// the reduced step); x3, beyond the limit count, is free to move by 10. The
-// objective depends on x1 alone, so the march starts at x1 = 0.1.
-TEST(MaxStepLineMinimize, TightestLimitWinsAndExtraVariablesAreFree) {
-  Poly1D f(kSq);
-  double limits[2] = {0.3, 0.1}, step = 1.0, fval = 1.0;
-  const double x0[3] = {0.0, 0.0, 0.0};
-  double dir[3] = {1.0, 1.0, 100.0}, grad0[3] = {-2.0, 0.0, 0.0}, gradOut[3];
-  LxMaxStepLineMinimize(limits, 2)(3, x0, dir, grad0, gradOut, &fval, &step, f);
-  EXPECT_NEAR(f.points.front(), 0.1, 1e-15);
-}
-
-// The limits are copied in; copies, clones and assignment are deep, and
-// SetMaxStep replaces them (n = 0 changes nothing).
-TEST(MaxStepLineMinimize, SetMaxStepAndDeepCopies) {
+// The limits are copied in; copies and assignment are deep (clones: above), and
+// SetMaxStep replaces them (n = 0 changes nothing). With several limits the
+// smallest ratio wins (0.3 for x1, then 0.1 for x2 with the reduced step); x3,
+// beyond the limit count, is free to move by 10: the march starts at 0.1.
+TEST(MaxStepLineMinimize, LimitsCopiesAndTheTightestLimit) {
+  Poly1D f3(kSq);
+  double limits[2] = {0.3, 0.1}, step = 1.0, fval = 1.0, gradOut[3], dir[3] = {1.0, 1.0, 100.0};
+  double x0[3] = {0.0, 0.0, 0.0}, grad0[3] = {-2.0, 0.0, 0.0};
+  LxMaxStepLineMinimize(limits, 2)(3, x0, dir, grad0, gradOut, &fval, &step, f3);
+  EXPECT_NEAR(f3.points.front(), 0.1, 1e-15);
   double first = 0.5, second = 2.0;
   LxMaxStepLineMinimize lm(&first, 1), assigned;
   EXPECT_FALSE(lm.SetMaxStep(0, &second));
   const LxMaxStepLineMinimize copy(lm);
-  const std::unique_ptr<LxLineMinimize> clone(lm.CreateCopy());
   assigned = lm;
   EXPECT_TRUE(lm.SetMaxStep(1, &second));
   first = 100.0;
-  for (const auto& [search, firstTrial] :
-       {std::pair<const LxLineMinimize*, double>{&copy, 0.5}, {clone.get(), 0.5},
-        {&assigned, 0.5}, {&lm, 2.0}}) {
+  for (const LxLineMinimize* search : Searches{&copy, &assigned, &lm}) {
     Poly1D f(kSq);
     Search(*search, f, 4.0);
-    EXPECT_EQ(f.points.front(), firstTrial);
+    EXPECT_EQ(f.points.front(), search == &lm ? 2.0 : 0.5);
   }
 }
 
@@ -237,11 +200,8 @@ TEST(MaxStepLineMinimize, SetMaxStepAndDeepCopies) {
 TEST(NRLineSearch, FailureWritesTheLastTrial) {
   Poly1D f(kAtMin);
   const Outcome r = Search(kNR1, f, 1.0);
-  EXPECT_FALSE(r.ok);
-  EXPECT_LT(r.step, 1e-7);
-  EXPECT_EQ(f.gradientCalls, 1);
-  EXPECT_EQ(r.fval, f.F(r.step));
-  EXPECT_EQ(r.grad, f.Slope(r.step));
+  EXPECT_TRUE(!r.ok && r.step < 1e-7 && f.gradientCalls == 1) << r.step;
+  EXPECT_EQ(std::make_pair(r.fval, r.grad), std::make_pair(f.F(r.step), f.Slope(r.step)));
 }
 
 // The cap max(|x|, n) shortens the caller's direction; a copy has no cap; a
@@ -252,12 +212,11 @@ TEST(NRLineSearch, DirectionCapAndZeroDirection) {
   double grad0[3] = {-2.0, 0.0, 0.0}, gradOut[3];
   LxNRLineSearch lm;
   double unit[3] = {1.0, 0.0, 0.0};
-  EXPECT_TRUE(lm.SetMaxStep(3, unit));  // max(1, 3) = 3
+  EXPECT_TRUE(lm.SetMaxStep(3, unit));  // max(|x| = 1, n = 3) = 3
   const std::unique_ptr<LxLineMinimize> copy(lm.CreateCopy());
   const auto run = [&](const LxLineMinimize& search, Points dir) {
     double fval = 1.0, step = 1.0;
-    const bool ok = search(3, x0, dir.data(), grad0, gradOut, &fval, &step, f);
-    dir.push_back(ok ? 1.0 : 0.0);
+    dir.push_back(search(3, x0, dir.data(), grad0, gradOut, &fval, &step, f) ? 1.0 : 0.0);
     return dir;
   };
   EXPECT_EQ(run(lm, {4.0, 4.0, 2.0}), (Points{2.0, 2.0, 1.0, 1.0}));  // length 6 -> 3

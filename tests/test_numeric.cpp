@@ -12,19 +12,16 @@ using Vec = std::vector<double>;
 
 // f = ½ xᵀAx + m x0 x1 x2 over n = 4 (A dense): central differences of f
 // along one variable and of its quadratic gradient are exact, up to rounding.
-class Cubic : public lxtest::Objective {
- public:
+struct Cubic : lxtest::Objective {
   using Objective::operator();
   unsigned int NumVar() const override { return 4; }
   double operator()(const double* x) override {
     double f = m * x[0] * x[1] * x[2];
-    for (int i = 0; i < 4; ++i)
-      for (int j = 0; j < 4; ++j) f += 0.5 * x[i] * A[i][j] * x[j];
+    for (int k = 0; k < 16; ++k) f += 0.5 * x[k / 4] * A[k / 4][k % 4] * x[k % 4];
     return f;
   }
-  double operator()(const double* x, double* g) override {
-    for (int i = 0; i < 4; ++i)
-      for (int j = 0; j < 4; ++j) g[i] += A[i][j] * x[j];
+  double operator()(const double* x, double* g) override {  // added to g
+    for (int k = 0; k < 16; ++k) g[k / 4] += A[k / 4][k % 4] * x[k % 4];
     g[0] += m * x[1] * x[2], g[1] += m * x[0] * x[2], g[2] += m * x[0] * x[1];
     return (*this)(x);
   }
@@ -46,23 +43,19 @@ void ExpectNear(const Vec& a, const Vec& b, double tol) {
   for (size_t i = 0; i < a.size(); ++i) EXPECT_NEAR(a[i], b[i], tol) << "entry " << i;
 }
 
-TEST(NumericGradients, MatchAnalyticAccumulateAndCount) {
+// Exact on the cubic along one variable, added to what is in g. Every point
+// evaluated, in order: x_i + h, then - 2h, then x itself; a displaced element
+// is put back by adding h again, not by copying it from x.
+TEST(NumericGradients, MatchAnalyticAccumulateAndRestoreByArithmetic) {
   Cubic cubic;
-  lxtest::Counting counted(cubic);
   Vec g(4, 0.0), exact(4, 0.0);
-  EXPECT_EQ(NumericGradients(counted, kX, g.data()), cubic(kX));
-  EXPECT_EQ(counted.values, 2 * 4 + 1);
-  EXPECT_EQ(counted.gradients, 0);
+  EXPECT_EQ(NumericGradients(cubic, kX, g.data()), cubic(kX));
   cubic(kX, exact.data());
   ExpectNear(g, exact, 1e-9);
   const Vec once = g;
   NumericGradients(cubic, kX, g.data());
   for (size_t i = 0; i < g.size(); ++i) EXPECT_EQ(g[i], 2 * once[i]);
-}
 
-// Every point evaluated, in order: x_i + h, then - 2h, then x itself; a
-// displaced element is put back by adding h again, not by copying it from x.
-TEST(NumericGradients, DisplaceOneElementAtATimeAndRestoreByArithmetic) {
   struct Points : lxtest::Objective {
     using lxtest::Objective::operator();
     unsigned int NumVar() const override { return 2; }
@@ -73,10 +66,8 @@ TEST(NumericGradients, DisplaceOneElementAtATimeAndRestoreByArithmetic) {
   const double x[2] = {0.1, 0.7}, h = 1e-5, restored = x[0] + h - 2 * h + h;
   ASSERT_NE(restored, x[0]);  // the inputs must tell the two ways apart
   NumericGradients(f, x, Vec(2).data(), h);
-  EXPECT_EQ(f.seen, (std::vector<Vec>{{x[0] + h, x[1]},
-                                      {x[0] + h - 2 * h, x[1]},
-                                      {restored, x[1] + h},
-                                      {restored, x[1] + h - 2 * h},
+  EXPECT_EQ(f.seen, (std::vector<Vec>{{x[0] + h, x[1]}, {x[0] + h - 2 * h, x[1]},
+                                      {restored, x[1] + h}, {restored, x[1] + h - 2 * h},
                                       {x[0], x[1]}}));
 }
 
@@ -90,17 +81,14 @@ TEST(NumericHessian, ExactOnCubicAndAssembledFromRecords) {
   lxtest::Counting counted(cubic);
   Vec direct(10, 0.0), assembled(10, 0.0);
   EXPECT_EQ(NumericHessian(counted, kX, direct.data()), cubic(kX));
-  EXPECT_EQ(counted.gradients, 4 * 5);  // both gradients afresh for every element
-  EXPECT_EQ(counted.values, 1);
+  EXPECT_TRUE(counted.gradients == 4 * 5 && counted.values == 1);  // both gradients per element
   ExpectNear(direct, cubic.Hessian(kX), 1e-8);
   Vec twice = direct;  // the one-call form adds to what is there
   NumericHessian(cubic, kX, twice.data());
   for (size_t e = 0; e < 10; ++e) EXPECT_EQ(twice[e], 2 * direct[e]);
   std::vector<GradDiff> gathered;
-  for (unsigned int i = 4; i-- > 0;) {
-    gathered.push_back(DifferentialGradients(cubic, kX, i));
-    EXPECT_EQ(gathered.back().denominator, 2e-4);
-  }
+  for (unsigned int i = 4; i-- > 0;) gathered.push_back(DifferentialGradients(cubic, kX, i));
+  EXPECT_EQ(gathered[0].denominator, 2e-4);
   EXPECT_TRUE(NumericHessian(gathered, assembled.data()));
   ExpectNear(assembled, direct, 1e-9);
   for (unsigned int i = 0; i < 4; ++i)
@@ -115,16 +103,20 @@ TEST(NumericHessian, ExactOnCubicAndAssembledFromRecords) {
     EXPECT_DOUBLE_EQ(partial[e], e >= 3 && e <= 5 ? -1.0 + 2 * assembled[e] : -1.0) << e;
 }
 
+// The test objective: 0 at (1, ..., 1), 1 at (0, 0); its gradient (written,
+// not added to) and Hessian against central differences.
 TEST(NumericDerivatives, MatchTheTestObjective) {
+  LxTestF ten(10), two(2);
+  EXPECT_TRUE(ten(Vec(10, 1.0).data()) == 0.0 && two(Vec(2, 0.0).data()) == 1.0);
+  EXPECT_EQ(two.GetFComponents(kX)[0].name, "Test function");
   const unsigned int n = 5;
   LxTestF f(n);
   const double x[n] = {0.3, -0.8, 1.2, 0.5, -0.1};
-  Vec numeric(n, 0.0), analytic(n, 0.0), h(n * (n + 1) / 2, 0.0), exact(h.size(), 0.0);
+  Vec numeric(n, 0.0), analytic(n, 5.0), h(n * (n + 1) / 2, 0.0), exact(h.size(), 0.0);
   NumericGradients(f, x, numeric.data());
   f(x, analytic.data());
   ExpectNear(numeric, analytic, 1e-6);
-  // Hessian of (x0 - 1)² + 4 sum (x_i - x_{i-1}²)², packed.
-  exact[0] = 2.0;
+  exact[0] = 2.0;  // the Hessian of (x0 - 1)² + 4 sum (x_i - x_{i-1}²)², packed
   for (unsigned int i = 1; i < n; ++i) {
     exact[i * (i + 1) / 2 + i] += 8.0;
     exact[i * (i + 1) / 2 + i - 1] = -16.0 * x[i - 1];
@@ -138,9 +130,8 @@ TEST(NumericDerivatives, BadInputWarnsAndReturnsNeutralResults) {
   Cubic cubic;
   lxtest::MessageCapture capture;
   const GradDiff failed = DifferentialGradients(cubic, kX, 4, 0.5);
-  EXPECT_EQ(failed.index, 4u);
-  EXPECT_EQ(failed.denominator, 1.0);
-  EXPECT_TRUE(failed.gplus.empty() && failed.gminus.empty());
+  EXPECT_TRUE(failed.index == 4 && failed.denominator == 1.0 && failed.gplus.empty() &&
+              failed.gminus.empty());
   EXPECT_EQ(NumericHessianElement(cubic, kX, 5, 0), std::numeric_limits<double>::max());
   EXPECT_EQ(NumericHessianElement(cubic, kX, 1, 5), std::numeric_limits<double>::max());
   Vec h(10, 3.0);
@@ -157,9 +148,9 @@ TEST(NumericDerivatives, BadInputWarnsAndReturnsNeutralResults) {
   // n = 0: nothing to displace, just the value.
   lxtest::DiagonalQuadratic none({}, {});
   lxtest::Counting empty(none);
-  EXPECT_EQ(NumericGradients(empty, nullptr, nullptr), 0.0);
-  EXPECT_EQ(NumericHessian(empty, nullptr, nullptr), 0.0);
-  EXPECT_EQ((std::vector<int>{empty.values, empty.gradients}), (std::vector<int>{2, 0}));
+  EXPECT_TRUE(NumericGradients(empty, nullptr, nullptr) == 0.0 &&
+              NumericHessian(empty, nullptr, nullptr) == 0.0);
+  EXPECT_TRUE(empty.values == 2 && empty.gradients == 0);
 }
 
 TEST(NumericFunc1, GivesAValueOnlyObjectiveAGradient) {
@@ -170,10 +161,9 @@ TEST(NumericFunc1, GivesAValueOnlyObjectiveAGradient) {
     Cubic cubic;
   } valueOnly;
   NumericFunc1 f(&valueOnly);
-  EXPECT_EQ(f.NumVar(), 4u);
-  EXPECT_EQ(f.GetFComponents(kX)[0].name, "q");
   Vec written(4, 9.0), numeric(4, 0.0);
-  EXPECT_EQ(f(kX, written.data()), valueOnly(kX));
+  EXPECT_TRUE(f.NumVar() == 4 && f.GetFComponents(kX)[0].name == "q" &&
+              f(kX, written.data()) == valueOnly(kX));
   NumericGradients(valueOnly, kX, numeric.data());
   EXPECT_EQ(written, numeric);  // written, not added to
 }
