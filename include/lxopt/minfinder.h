@@ -8,6 +8,7 @@
 #ifndef LXOPT_MINFINDER_H
 #define LXOPT_MINFINDER_H
 
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -243,6 +244,54 @@ class LXOPT_API MinfinderSamplePoints {
   std::uint64_t generation_ = 0;
 };
 
+// ------------------------------------------------------------- batches
+
+class LxMinfinderImpl;
+
+// Offered to a batch's OptimizeAndPlan: the neighbours that the cycle's
+// validations will need, drawn ahead as local optimizations complete, so that
+// their values can be computed while other optimizations still run.
+class LXOPT_API LxMinfinderPlanner {
+ public:
+  virtual ~LxMinfinderPlanner();
+  // With the answers of items 0 .. done - 1 written to OptimizeAndPlan's
+  // outputs, draws the neighbours of those not drawn yet; returns how many
+  // neighbour points there are now (earlier ones keep their numbers).
+  virtual std::size_t PlanAhead(std::size_t done) = 0;
+  // Neighbour point i (n doubles), i below PlanAhead's last answer.
+  virtual const double* Point(std::size_t i) const = 0;
+  // The objective's value at neighbour point i.
+  virtual void SetValue(std::size_t i, double value) = 0;
+};
+
+// The work of a search that never touches its bookkeeping: objective values
+// and local optimizations at given points. A search given a batch (SetBatch)
+// hands this work out in batches, for instance to other processes, and
+// applies the answers in the order and with the arithmetic of the
+// one-process search, so its minima are the same bit for bit provided every
+// answer is exactly what the objective and LxMinfinderImpl::LocalOptimizeFrom
+// give at that point. Points are n doubles each, one after another. Each
+// operation returns false when the work could not be done; the search then
+// ends with false.
+class LXOPT_API LxMinfinderBatch {
+ public:
+  virtual ~LxMinfinderBatch();
+  // Out: f[i] and g[i n ...] the value and gradient at point i (the gradient
+  // buffer zeroed before the objective is called).
+  virtual bool Evaluate(const double* x, std::size_t count, double* f, double* g) = 0;
+  // Out: z[i n ...] and f[i] the local optimization from start point i
+  // (LocalOptimizeFrom); fz[i] and gz[i n ...] the value and gradient at z
+  // (as Evaluate).
+  virtual bool Optimize(const double* x, std::size_t count, double* z, double* f, double* fz,
+                        double* gz) = 0;
+  // Out: f[i] the value at point i.
+  virtual bool Values(const double* x, std::size_t count, double* f) = 0;
+  // Optimize, free to use planner on the way; before it returns it must have
+  // set the value of every point planner handed out. By default Optimize.
+  virtual bool OptimizeAndPlan(const double* x, std::size_t count, double* z, double* f,
+                               double* fz, double* gz, LxMinfinderPlanner& planner);
+};
+
 // ------------------------------------------------------------- finder
 
 // The search. Per Optimize call:
@@ -384,6 +433,15 @@ class LXOPT_API LxMinfinderImpl {
   bool EllipsoidRtToSamplePointsCriterion(const double* x);
   bool EllipsoidRtToMinimumPointsCriterion(const double* x);
 
+  // Hands the work of the cycles (not of the first minimum) to batch
+  // (borrowed; null, the default, does it here one point at a time). The
+  // minima do not depend on it.
+  void SetBatch(LxMinfinderBatch* batch) { batch_ = batch; }
+  // The two-stage local optimization of the search: steepest descent (at most
+  // 10 iterations) from x into y, then BFGS from y into z with this finder's
+  // settings. Returns the BFGS value. func need not be the one set up.
+  double LocalOptimizeFrom(LxFunc1& func, const double* x, double* y, double* z);
+
   // Whether Setup has succeeded.
   bool IsSetUp() const { return setUp_; }
   // The sample store of the current cycle and the minima store.
@@ -394,9 +452,17 @@ class LXOPT_API LxMinfinderImpl {
 
  private:
   struct Workspace;
+  class AheadPlanner;
   bool DrawStartPoint(std::vector<double>& x);
   bool FindFirstMinimum(Workspace& w);
   unsigned long FillSamples(Workspace& w, bool& ok);
+  unsigned long FillSamplesInBatches(Workspace& w, bool& ok);
+  bool OptimizeSamplesInBatch();
+  double TakeBatchResult(unsigned long sample, Workspace& w);
+  bool IsMinimumAt(const double* grad, const double* x, double f, unsigned long sample,
+                   bool planned);
+  double NeighbourValue(unsigned long sample, unsigned int k);
+  bool PlanNeighbours(unsigned long sample);
   double LocalOptimize(Workspace& w);
   unsigned long NearestMinimum(const double* x) const;
   unsigned long CachedNearestMinimum(unsigned long sample) const;
@@ -430,12 +496,44 @@ class LXOPT_API LxMinfinderImpl {
   LxUniformDoubleRNG uniform_{0.0, 1.0};
   std::vector<double> neighbour_;  // ValidateMinimum's trial point, n values
 
+  // With a batch: the cycle's local results (z, f, value and gradient at z)
+  // and the planned neighbours of ValidateMinimum. The plan draws ahead from
+  // a copy of the engine, taken before the sample's first neighbour, for the
+  // samples expected to need it; a planned value is used only for a neighbour
+  // equal bit for bit to the one drawn, otherwise the plan is made again.
+  LxMinfinderBatch* batch_ = nullptr;
+  bool batchFailed_ = false;
+  std::vector<double> batchX_, batchF_, batchG_;
+  std::vector<double> localZ_, localF_, localFz_, localGz_;
+  MtRng planEngine_;                       // the engine before the current sample's neighbours
+  MtRng aheadEngine_;                      // the engine as drawn ahead by AheadPlanner
+  std::size_t aheadNext_ = 0;              // the next sample AheadPlanner looks at
+  std::vector<std::size_t> planFirst_;     // per sample: first planned neighbour, or kNoPlan
+  std::vector<double> planPoints_, planValues_;
+  static constexpr std::size_t kNoPlan = static_cast<std::size_t>(-1);
+
   // Nearest minimum of each sample point, valid while neither store has
   // changed its existing points and the minima store has not grown.
   mutable std::vector<unsigned long> nearestCache_;
   mutable std::uint64_t cacheSamplesGeneration_ = 0;
   mutable std::uint64_t cacheMinimaGeneration_ = 0;
   mutable unsigned long cacheMinimaCount_ = 0;
+};
+
+// Does the work of a batch here, one point after another, with finder's
+// local optimizers (its settings) on func. Both are borrowed.
+class LXOPT_API LxMinfinderLocalBatch : public LxMinfinderBatch {
+ public:
+  LxMinfinderLocalBatch(LxMinfinderImpl& finder, LxFunc1& func) : finder_(finder), func_(func) {}
+  bool Evaluate(const double* x, std::size_t count, double* f, double* g) override;
+  bool Optimize(const double* x, std::size_t count, double* z, double* f, double* fz,
+                double* gz) override;
+  bool Values(const double* x, std::size_t count, double* f) override;
+
+ private:
+  LxMinfinderImpl& finder_;
+  LxFunc1& func_;
+  std::vector<double> y_;
 };
 
 // The public front: owns one LxMinfinderImpl and forwards every call to it.

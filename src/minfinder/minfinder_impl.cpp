@@ -9,6 +9,7 @@
 
 #include "framework/internal.h"
 #include "lxopt/minfinder.h"
+#include "minfinder/minfinder_internal.h"
 
 namespace LxOpt {
 namespace LxMinfinder {
@@ -17,13 +18,6 @@ namespace {
 constexpr double kSecondsPerHour = 3600.0;
 
 }  // namespace
-
-// The vectors of one Optimize call: start x with its gradient g, the
-// pre-optimized point y and the local minimum z.
-struct LxMinfinderImpl::Workspace {
-  explicit Workspace(std::size_t n) : x(n), g(n), y(n), z(n) {}
-  std::vector<double> x, g, y, z;
-};
 
 LxMinfinderImpl::LxMinfinderImpl() {
   localOpt_.SetTolerance(localOptTolerance_);
@@ -86,9 +80,13 @@ bool LxMinfinderImpl::SetSeed(std::uint32_t seed) {
   return true;
 }
 
+double LxMinfinderImpl::LocalOptimizeFrom(LxFunc1& func, const double* x, double* y, double* z) {
+  preOpt_(func, x, y);
+  return localOpt_(func, y, z);
+}
+
 double LxMinfinderImpl::LocalOptimize(Workspace& w) {
-  preOpt_(*func_, w.x.data(), w.y.data());
-  return localOpt_(*func_, w.y.data(), w.z.data());
+  return LocalOptimizeFrom(*func_, w.x.data(), w.y.data(), w.z.data());
 }
 
 bool LxMinfinderImpl::DrawStartPoint(std::vector<double>& x) {
@@ -151,6 +149,7 @@ bool LxMinfinderImpl::Optimize() {
   const std::time_t startTime = std::time(nullptr);
   minima_.SetCheckMinimumInRange(checkMinimumInRange_);
   Workspace w(lower_.size());
+  batchFailed_ = false;
 
   // Minima kept from an earlier call already give the cycles their start.
   if (minima_.getNumPoints() == 0 && !FindFirstMinimum(w)) return false;
@@ -161,11 +160,14 @@ bool LxMinfinderImpl::Optimize() {
   for (;;) {
     samples_.Clear();
     bool drawn = true;
-    const unsigned long draws = FillSamples(w, drawn);
+    const unsigned long draws = batch_ ? FillSamplesInBatches(w, drawn) : FillSamples(w, drawn);
     if (!drawn) return false;
     // Intended: needing every draw ends the search even when the store
     // filled up on the last one.
     if (draws == maxSample_) return true;
+    // With a batch every sample is optimized ahead; those the loop below
+    // skips have their results dropped.
+    if (batch_ && !OptimizeSamplesInBatch()) return false;
 
     unsigned long newMinima = knownMinima;
     unsigned long optimized = 0;
@@ -173,11 +175,14 @@ bool LxMinfinderImpl::Optimize() {
       samples_.getX(w.x, i);
       samples_.getGrad(w.g, i);
       if (!minima_.IsItInAnyEllipsoid(w.x.data())) {
-        const double f = LocalOptimize(w);
+        const double f = batch_ ? TakeBatchResult(i, w) : LocalOptimize(w);
         ++optimized;
         minima_.updateEllipsoidParemetersRt(w.x, w.z);
         samples_.updateEllipsoidParemetersRt(w.x, w.z);
-        const bool valid = ValidateMinimum(w.g.data(), w.z.data());
+        // With a batch, w.g already holds the gradient at z.
+        const bool valid = batch_ ? IsMinimumAt(w.g.data(), w.z.data(), localFz_[i], i, true)
+                                  : ValidateMinimum(w.g.data(), w.z.data());
+        if (batchFailed_) return false;
         // Intended: the objective judges the start point x, not the minimum.
         const bool inRange = func_->CheckVariablesValidity(w.x.data());
         const bool accept = valid && fvalMinimaMin_ < f && f < fvalMinimaMax_ &&
@@ -214,18 +219,26 @@ bool LxMinfinderImpl::ValidateMinimum(double* grad, const double* x) {
     LxThrow.Error("You have to setup the minfinder object first!");
     return false;
   }
-  const std::size_t n = lower_.size();
-  detail::Zero(grad, n);
+  detail::Zero(grad, lower_.size());
   const double f = (*func_)(x, grad);
+  return IsMinimumAt(grad, x, f, 0, false);
+}
+
+// The tests of ValidateMinimum on the value f and gradient grad at x; when
+// planned, the neighbours' values come from the batch's plan for `sample`.
+bool LxMinfinderImpl::IsMinimumAt(const double* grad, const double* x, double f,
+                                  unsigned long sample, bool planned) {
+  const std::size_t n = lower_.size();
   if (n == 0) return false;
-  if (std::sqrt(detail::SquaredNorm(grad, n) / static_cast<double>(n)) > kMinimumRmsGradient)
-    return false;
+  if (RmsGradientAbove(grad, n, kMinimumRmsGradient)) return false;
+  if (planned) planEngine_ = engine_;
   // No neighbour within +-0.005 per variable may be lower.
-  const std::size_t neighbours = std::max<std::size_t>(kMinNeighbours, 2 * n);
-  for (std::size_t k = 0; k < neighbours; ++k) {
+  const unsigned int neighbours = NeighbourCount(n);
+  for (unsigned int k = 0; k < neighbours; ++k) {
     for (std::size_t i = 0; i < n; ++i)
-      neighbour_[i] = x[i] + (uniform_(engine_) - 0.5) * kNeighbourSpread;
-    if ((*func_)(neighbour_.data()) < f) return false;
+      neighbour_[i] = NeighbourCoordinate(x[i], uniform_(engine_));
+    const double value = planned ? NeighbourValue(sample, k) : (*func_)(neighbour_.data());
+    if (value < f || batchFailed_) return false;
   }
   return true;
 }

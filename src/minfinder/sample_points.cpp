@@ -116,8 +116,13 @@ bool MinfinderSamplePoints::GetRandomSamplePoint(std::vector<double>& x,
     LxThrow.Error("No random point generator given to GetRandomSamplePoint!");
     return false;
   }
-  x.resize(std::max<std::size_t>(n_, lower.size()));
-  return (*generator)(x.data(), lower, upper);
+  const std::size_t size = std::max<std::size_t>(n_, lower.size());
+  // Room for four while drawing: a pose generator writes a whole quaternion
+  // even for fewer variables.
+  x.resize(std::max<std::size_t>(size, 4));
+  const bool drawn = (*generator)(x.data(), lower, upper);
+  x.resize(size);
+  return drawn;
 }
 
 double MinfinderSamplePoints::CalcDistance2(const double* a, const double* b) const {
