@@ -204,6 +204,16 @@ TEST(NRLineSearch, FailureWritesTheLastTrial) {
   EXPECT_EQ(std::make_pair(r.fval, r.grad), std::make_pair(f.F(r.step), f.Slope(r.step)));
 }
 
+// Along the ascent direction of x - x^2/2 the quadratic backtrack from the
+// full step lands on the full step again: the second trial there fails
+// instead of cycling forever.
+TEST(NRLineSearch, RepeatedFullStepFails) {
+  Poly1D f({0, 1, -0.5, 0});
+  const Outcome r = Search(kNR1, f, 1.0);
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(f.points, (Points{1.0, 1.0, 1.0}));
+}
+
 // The cap max(|x|, n) shortens the caller's direction; a copy has no cap; a
 // zero direction, and any direction under a cap of 0 (n = 0), fails at once.
 TEST(NRLineSearch, DirectionCapAndZeroDirection) {

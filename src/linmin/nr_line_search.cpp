@@ -99,15 +99,22 @@ bool LxNRLineSearch::operator()(unsigned int n, const double* x0, double* dir,
   double alam = initialStepMode_ == 1 ? 1.0 : *step;
   double alam2 = 1.0, f2 = 0.0;
   bool found;
+  bool fullStepTried = false;
   for (;;) {
     detail::FormTrialPoint(n, x0, dir, alam, xt);
     const double f = func(xt);
     *fval = f;
-    // Guard: a step that is not a finite number fails instead of looping.
-    if (!(alam >= alamin) || !std::isfinite(alam)) {
+    // Guard: a step that is not a finite number fails instead of looping. So
+    // do a second trial at the full step (the quadratic backtrack from it
+    // depends on nothing else, so the search would cycle; possible along an
+    // ascent direction) and a step shrunk to zero (never below an alamin of 0,
+    // as for an infinite direction).
+    if (!(alam >= alamin) || !std::isfinite(alam) || (alam == 1.0 && fullStepTried) ||
+        alam == 0.0) {
       found = false;
       break;
     }
+    fullStepTried = fullStepTried || alam == 1.0;
     if (f <= fold + kSufficientDecrease * alam * slope) {
       found = true;
       break;
