@@ -2,10 +2,14 @@
 BUILD       ?= build
 SAN_BUILD   ?= build-sanitize
 BENCH_BUILD ?= build-bench
+FUZZ_BUILD  ?= build-fuzz
+TSAN_BUILD  ?= build-tsan
+MEMCHECK_BUILD ?= build-memcheck
+FUZZ_SECONDS ?= 60
 JOBS        ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test sanitize bench install clean python
+.PHONY: all deps build demo test sanitize bench install clean python fuzz tsan memcheck
 
 all: build
 
@@ -49,8 +53,34 @@ bench-peers: deps
 	cmake --build $(BENCH_BUILD) -j$(JOBS) --target peer_compare peer_scaling lxbench_problems
 	bash scripts/run-peer-bench.sh $(BENCH_BUILD)
 
+# libFuzzer targets (fuzz/) with ASan and UBSan, FUZZ_SECONDS each, on a copy
+# of the seed corpus; fails when a target finds a crash.
+fuzz:
+	@bash scripts/install-deps.sh clang libclang-rt-14-dev
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DLXOPT_FUZZ=ON -DLXOPT_BUILD_TESTS=OFF -DLXOPT_BUILD_TOOLS=OFF -DLXOPT_BUILD_PYTHON=OFF \
+		$(CMAKE_FLAGS)
+	cmake --build $(FUZZ_BUILD) -j$(JOBS) --target fuzz_all
+	bash fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+# The concurrency test under ThreadSanitizer (library and test_threads only).
+tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLXOPT_TSAN=ON \
+		-DLXOPT_BUILD_TOOLS=OFF -DLXOPT_BUILD_PYTHON=OFF $(CMAKE_FLAGS)
+	cmake --build $(TSAN_BUILD) -j$(JOBS) --target lxopt test_threads
+	TSAN_OPTIONS=halt_on_error=1 ./$(TSAN_BUILD)/tests/test_threads
+
+# The test suite under valgrind memcheck (ctest -T memcheck); the tests that
+# cannot run under valgrind, and why, are listed in scripts/memcheck.sh.
+memcheck:
+	@bash scripts/install-deps.sh valgrind
+	cmake -S . -B $(MEMCHECK_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLXOPT_BUILD_PYTHON=OFF \
+		$(CMAKE_FLAGS)
+	cmake --build $(MEMCHECK_BUILD) -j$(JOBS)
+	bash scripts/memcheck.sh $(MEMCHECK_BUILD) $(JOBS)
+
 install: build
 	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))
 
 clean:
-	rm -rf $(BUILD) $(SAN_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(SAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD) $(TSAN_BUILD) $(MEMCHECK_BUILD)

@@ -399,11 +399,11 @@ bool LxMpiMinfinder::Setup(LxFunc1& func, GetRandomVariables* generator,
                            const std::vector<double>& lower, const std::vector<double>& upper) {
   const long long n = func.NumVar();
   setUpEverywhere_ = false;
-  // Non-short-circuit &: every rank must take part in all three collectives.
-  const bool sameShape = mpi::SameEverywhere(n, comm_) &
-                         mpi::SameEverywhere(static_cast<long long>(lower.size()), comm_) &
-                         mpi::SameEverywhere(static_cast<long long>(upper.size()), comm_);
-  if (!sameShape) {
+  // Every rank takes part in all three collectives before any answer is used.
+  const bool sameN = mpi::SameEverywhere(n, comm_);
+  const bool sameLower = mpi::SameEverywhere(static_cast<long long>(lower.size()), comm_);
+  const bool sameUpper = mpi::SameEverywhere(static_cast<long long>(upper.size()), comm_);
+  if (!(sameN && sameLower && sameUpper)) {
     LxThrow.Error(
         "LxMpiMinfinder: the ranks disagree on the number of variables or the length of the "
         "bounds!");
