@@ -3,6 +3,7 @@
 #include <lxopt/lxopt.h>
 
 #include <cmath>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -26,6 +27,59 @@ std::string Trace(const Recorder& rec) {
          (c.state == 10 ? "@" + std::to_string(c.gnorm) : "") +
          (c.state == 5 ? "@" + std::to_string(c.fval) : "") + (c.gradNull ? " " : "+ ");
   return s;
+}
+
+// f(x) = scale * inner(x).
+class Scaled : public lxtest::Objective {
+ public:
+  using Objective::operator();
+  Scaled(lxtest::Objective& inner, double scale) : inner_(inner), scale_(scale) {}
+  unsigned int NumVar() const override { return inner_.NumVar(); }
+  double operator()(const double* x) override { return scale_ * inner_(x); }
+  double operator()(const double* x, double* g) override {
+    const double f = inner_(x, g);
+    for (unsigned int i = 0; i < NumVar(); ++i) g[i] *= scale_;
+    return scale_ * f;
+  }
+
+ private:
+  lxtest::Objective& inner_;
+  double scale_;
+};
+
+// One variable: f and its derivative given as functions.
+class OneVariable : public lxtest::Objective {
+ public:
+  using Objective::operator();
+  OneVariable(std::function<double(double)> f, std::function<double(double)> df)
+      : f_(std::move(f)), df_(std::move(df)) {}
+  unsigned int NumVar() const override { return 1; }
+  double operator()(const double* x) override { return f_(x[0]); }
+  double operator()(const double* x, double* g) override {
+    g[0] = df_(x[0]);
+    return f_(x[0]);
+  }
+
+ private:
+  std::function<double(double)> f_, df_;
+};
+
+// Cholesky factorisation of the packed lower triangle succeeds.
+bool PackedIsPositiveDefinite(const std::vector<double>& packed, unsigned int n) {
+  std::vector<double> l(packed);
+  auto at = [&l](unsigned int i, unsigned int j) -> double& { return l[i * (i + 1) / 2 + j]; };
+  for (unsigned int j = 0; j < n; ++j) {
+    double d = at(j, j);
+    for (unsigned int k = 0; k < j; ++k) d -= at(j, k) * at(j, k);
+    if (!(d > 0.0)) return false;
+    at(j, j) = std::sqrt(d);
+    for (unsigned int i = j + 1; i < n; ++i) {
+      double v = at(i, j);
+      for (unsigned int k = 0; k < j; ++k) v -= at(i, k) * at(j, k);
+      at(i, j) = v / at(j, j);
+    }
+  }
+  return true;
 }
 
 // ------------------------------------------------------------ checkpoint
@@ -114,17 +168,23 @@ TEST(GeometryDeathTest, ValueOnlyFormsAreFatal) {
 
 TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
   // slope: f = 0.1 (x1 + x2 + x3) with a spectator x0 (zero gradient) that
-  // sets |x| and so the relative displacement. Every cycle moves x1..x3 by
-  // the largest trial step (0.5 each), lowering f by 0.15; |g| = 0.1732.
-  lxtest::Linear slope({0.0, 0.1, 0.1, 0.1}), flat({1e-9, 1e-9, 1e-9});
+  // sets |x| and so the relative displacement. Every cycle moves x1..x3 to
+  // the step cap, 1 each in the first cycle and 4 each in the second, lowering
+  // f by 0.3 and then 1.2; |g| = 0.1732.
+  lxtest::Linear slope({0.0, 0.1, 0.1, 0.1});
+  // tiny: the valley at 1e-12 of its height; no cycle lowers f by the 1e-7 of
+  // progress.
+  lxtest::Rosenbrock valley;
+  Scaled tiny(valley, 1e-12);
   auto bowl = lxtest::DiagonalQuadratic::IllConditioned(3, 10.0);
-  std::string stall, component;  // flat: each cycle lowers f by 1.5e-9, not the 1e-7 of progress
+  std::string stall, component;
   for (int k = 1; k <= 15; ++k) stall += std::to_string(k) + ":0 ";
-  // kink: |g| = 0.6 <= sqrt(4) 0.5 passes the gradient test, the component
-  // 0.6 > 0.5 never does, and the values stay within 0.01.
-  lxtest::Kink kink(4, 0.6);
+  // faint: the valley at 1e-30 of its height with tolerance 1e-40. Every
+  // value change is below 1e-23 (value test), no gradient component reaches
+  // 1e-40, and the values stay within 0.01.
+  Scaled faint(valley, 1e-30);
   for (std::string k : {"1", "2", "3", "4", "5", "6"})
-    component += k + ":8 " + k + ":10@0.500000 " + k + (k < "6" ? ":0 " : ":5@0.010000 ");
+    component += k + ":8 " + k + ":10@0.000000 " + k + (k < "6" ? ":0 " : ":5@0.010000 ");
   const double above = 0.1000001, below = 0.0999999, far = 1e6;
   struct Case {
     lxtest::Objective* f;
@@ -134,16 +194,16 @@ TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
     std::string trace;
   };
   const std::vector<Case> cases = {
-      // |x| = 1000: displacement 8.7e-4, value change 0.15.
-      {&slope, {1000, 0, 0, 0}, above, -0.15, 2, "1:9 1:11 "},  // |g| <= sqrt(4) tol
-      {&slope, {1000, 0, 0, 0}, 0.1, -0.3, 2, "1:0 2:6 "},      // |g| > 1 tol
-      {&slope, {1000, 0, 0, 0}, below, -0.3, 2, "1:0 2:6 "},
-      // |x| = 1e6: displacement 8.7e-7.
-      {&slope, {far, 0, 0, 0}, above, -0.15, 2, "1:7 1:11 "},  // <= 1e-4
-      {&slope, {far, 0, 0, 0}, 0.1, -0.15, 2, "1:7 1:11 "},    // <= 1e-5
-      {&slope, {far, 0, 0, 0}, below, -0.3, 2, "1:0 2:6 "},    // > 1e-24
-      {&flat, {0, 0, 0}, 1e-10, -2.4e-8, 100, stall + "16:12 16:11 "},
-      {&kink, {0.001, 0, 0, 0}, 0.5, 0.0, 100, component},
+      // |x| = 1000: displacement 1.7e-3, value change 0.3.
+      {&slope, {1000, 0, 0, 0}, above, -0.3, 2, "1:9 1:11 "},  // |g| <= sqrt(4) tol
+      {&slope, {1000, 0, 0, 0}, 0.1, -1.5, 2, "1:0 2:6 "},     // |g| > 1 tol
+      {&slope, {1000, 0, 0, 0}, below, -1.5, 2, "1:0 2:6 "},
+      // |x| = 1e6: displacement 1.7e-6.
+      {&slope, {far, 0, 0, 0}, above, -0.3, 2, "1:7 1:11 "},  // <= 1e-4
+      {&slope, {far, 0, 0, 0}, 0.1, -0.3, 2, "1:7 1:11 "},    // <= 1e-5
+      {&slope, {far, 0, 0, 0}, below, -1.5, 2, "1:0 2:6 "},   // > 1e-24
+      {&tiny, {-1.2, 1}, 1e-20, 0.0, 100, stall + "16:12 16:11 "},  // f <= 2.5e-11 throughout
+      {&faint, {-1.2, 1}, 1e-40, 0.0, 100, component},
       {&bowl, {1, 1, 1.0078125}, 0.25, 10.0 / 16384, 100, "0:1- "},  // |g| < tol: f(start)
       {&bowl, {1, 1, 2}, 0.1, 10.0, 0, "0:6 "},  // a limit of 0 allows no cycle
   };
@@ -160,6 +220,107 @@ TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
     EXPECT_NEAR(f, c.value, 1e-11);
     EXPECT_EQ(f, (*c.f)(out.data()));
     EXPECT_EQ(counted.values, c.trace == "0:1- " ? 0 : 1);  // the final re-evaluation only
+  }
+}
+
+// The cap and the line search seen from outside: a slope in atom 0 of two
+// atoms (and in two loose coordinates) is followed to the cap, 1.0 in the
+// first cycle and 4.0 in the second. Trials per cycle: after a restart the
+// first moves the farthest atom by 0.1, then the search extrapolates to 5 x
+// that and on to the cap (1 + 3 + 4 gradients: the start, cycle 1, cycle 2;
+// the slope leaves y = 0, so H is never updated and both cycles start fresh).
+TEST(GeometryStep, TrialsStopAtAPerAtomCapThatGrowsWhenReached) {
+  struct Case {
+    std::vector<double> slope;
+    std::vector<double> move1, move2;  // point after cycles 1 and 2
+  };
+  const double third = 1.0 / 3.0, a = 1.0 / std::sqrt(3.0);
+  const std::vector<Case> cases = {
+      {{0.1, 0.1, 0.1, 0.0, 0.0, 0.0}, {-a, -a, -a, 0, 0, 0}, {-5 * a, -5 * a, -5 * a, 0, 0, 0}},
+      {{0.3, 0.1}, {-1.0, -third}, {-5.0, -5 * third}},  // not atoms: each coordinate capped
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.slope.size());
+    lxtest::Linear slope(c.slope);
+    lxtest::Counting counted(slope);
+    LxBFGSOptimizer opt;
+    opt.SetTolerance(1e-3);
+    opt.SetIterLimit(2);
+    Recorder rec;
+    std::vector<double> start(c.slope.size(), 0.0), out(c.slope.size());
+    opt(counted, &rec, start.data(), out.data());
+    ASSERT_EQ(Trace(rec), "1:0 2:6 ");
+    for (size_t i = 0; i < start.size(); ++i) {
+      EXPECT_NEAR(rec.calls[0].vars[i], c.move1[i], 1e-12);
+      EXPECT_NEAR(rec.calls[1].vars[i], c.move2[i], 1e-12);
+    }
+    EXPECT_EQ(counted.gradients, 8);
+    EXPECT_EQ(counted.values, 1);
+  }
+}
+
+// The first cycle's search on one-variable functions whose minimum is known
+// (from x = 0, along -g with H = I, cap 1): the accepted point meets the
+// strong Wolfe conditions with c1 = 1e-4, c2 = 0.9 and lies below the start.
+// Minima at 0.7, 0.5 (the first test function of More and Thuente's paper,
+// rescaled to lie within the cap), 0.63 and 0.15.
+TEST(GeometryStep, TheFirstSearchMeetsTheStrongWolfeConditions) {
+  struct Case {
+    const char* name;
+    std::function<double(double)> f, df;
+  };
+  const std::vector<Case> cases = {
+      {"quadratic", [](double x) { return (x - 0.7) * (x - 0.7); },
+       [](double x) { return 2.0 * (x - 0.7); }},
+      {"-x/(x^2+1/4)", [](double x) { return -x / (x * x + 0.25); },
+       [](double x) { return (x * x - 0.25) / ((x * x + 0.25) * (x * x + 0.25)); }},
+      {"x^4-x", [](double x) { return x * x * x * x - x; },
+       [](double x) { return 4 * x * x * x - 1.0; }},
+      {"steep wall", [](double x) { return std::exp(20.0 * (x - 0.3)) - x; },
+       [](double x) { return 20.0 * std::exp(20.0 * (x - 0.3)) - 1.0; }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    OneVariable line(c.f, c.df);
+    LxBFGSOptimizer opt;
+    opt.SetTolerance(1e-12);
+    opt.SetIterLimit(1);
+    Recorder rec;
+    double start = 0.0, out = 0.0;
+    opt(line, &rec, &start, &out);
+    ASSERT_FALSE(rec.calls.empty());
+    const double x = rec.calls[0].vars[0], d = -c.df(0.0), a = x / d;
+    EXPECT_GT(a, 0.0);
+    EXPECT_LE(c.f(x), c.f(0.0) + 1e-4 * a * c.df(0.0) * d);
+    EXPECT_LE(std::fabs(c.df(x) * d), 0.9 * std::fabs(c.df(0.0) * d));
+  }
+}
+
+// The kept inverse Hessian after runs through non-convex regions: the update
+// (scaled, damped where needed) must leave it positive definite.
+TEST(GeometryStep, KeptInverseHessianIsPositiveDefinite) {
+  lxtest::Rosenbrock valley;
+  lxtest::LennardJones cluster(13);
+  lxtest::DoubleWells wells(4);
+  struct Case {
+    lxtest::Objective* f;
+    std::vector<double> start;
+  };
+  const std::vector<Case> cases = {
+      {&valley, {-1.2, 1.0}},
+      {&cluster, lxtest::PerturbedIcosahedron(0.15)},
+      {&wells, {0.1, -0.3, 0.5, 1.0}},  // starts near the barrier tops
+  };
+  for (const Case& c : cases) {
+    const unsigned int n = c.f->NumVar();
+    SCOPED_TRACE(n);
+    LxBFGSOptimizer opt;
+    opt.SetKeepHessian(true);
+    opt.SetTolerance(1e-6);
+    std::vector<double> out(n), h(n * (n + 1) / 2);
+    opt(*c.f, c.start.data(), out.data());
+    ASSERT_TRUE(opt.GetInverseHessian(h.data(), n));
+    EXPECT_TRUE(PackedIsPositiveDefinite(h, n));
   }
 }
 

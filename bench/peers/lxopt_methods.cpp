@@ -1,7 +1,12 @@
 // LxOpt's optimizers under the common stopping rule. The gradient
 // optimizers stop on the squared norm, sum g^2 < 1e-12; the Newton optimizer
 // on the RMS gradient, sqrt(sum g^2 / n) < 1e-6 / sqrt(n). Both are
-// |g| < 1e-6.
+// |g| < 1e-6. The geometry driver takes tolerance 1e-6: below 0.1 its value
+// and displacement thresholds are 1e-23 and 1e-24 (they fire only when the
+// run has stopped moving) and its gradient test is |g| <= 1e-6, after which
+// every |g_i| <= 1e-6 holds too and the run ends. Its stall rule (16 cycles
+// that lower f by less than 1e-7) is part of its definition and stays: such
+// runs end with state Done and are judged by their final point like any other.
 #include <cmath>
 #include <memory>
 
@@ -11,7 +16,8 @@
 namespace lxbench {
 namespace {
 
-// Remembers the last iteration number and state reported; never stops a run.
+// Remembers the last iteration number and state reported, and the first
+// state other than Cont; never stops a run.
 class LastReport : public LxOpt::LxCheckpoint1 {
  public:
   using LxOpt::LxCheckpoint1::operator();
@@ -19,10 +25,12 @@ class LastReport : public LxOpt::LxCheckpoint1 {
                   unsigned int state) override {
     iteration = iter;
     last = state;
+    if (first == LxOpt::kLxCont) first = state;
     return true;
   }
   unsigned int iteration = 0;
   unsigned int last = 0;
+  unsigned int first = LxOpt::kLxCont;
 };
 
 Outcome Finish(std::vector<double> x, const LastReport& report) {
@@ -62,6 +70,25 @@ Method Newton() {
           }};
 }
 
+// The geometry driver, history steps (DIIS, subspace) off or on.
+Method Geometry(const std::string& name, bool history) {
+  return {"LxOpt", name, "QN", [history](Counting& f) {
+            LxOpt::LxBFGSOptimizer opt;
+            opt.SetIterLimit(kIterLimit);
+            opt.SetTolerance(kGradientTolerance);
+            opt.SetHistory(history);
+            LastReport report;
+            const std::vector<double> start = f.problem().Start();
+            std::vector<double> x(start.size());
+            opt(f, &report, start.data(), x.data());
+            // The state that ended the run (Grad, Stable, NotFound, ...) says
+            // more than the closing Done that follows most of them.
+            Outcome o = Finish(std::move(x), report);
+            if (report.first != LxOpt::kLxCont) o.status = LxOpt::LxGetStateName(report.first);
+            return o;
+          }};
+}
+
 }  // namespace
 
 std::vector<Method> LxOptMethods() {
@@ -73,6 +100,8 @@ std::vector<Method> LxOptMethods() {
           First<LxOpt::LxBFGSOpt>("BFGS", "QN"),
           First<LxOpt::LxDFPOpt>("DFP", "QN"),
           First<LxOpt::LxLBFGSOpt>("LBFGS", "QN"),
+          Geometry("GeomBFGS", false),
+          Geometry("GeomBFGS-DIIS", true),
           Newton()};
 }
 

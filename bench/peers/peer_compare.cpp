@@ -1,12 +1,13 @@
 // Runs every method of LxOpt, GSL and dlib on every problem of the benchmark
-// set and writes one CSV row per (problem, method):
+// set and the perturbed clusters, and writes one CSV row per (problem, method):
 //   problem,n,fstar,library,method,class,status,iterations,values,gradients,
 //   hessians,fval,gnorm,time_s,repeats
 // fval and gnorm are evaluated by the harness at the final point (uncounted);
 // counts come from the first run; time_s is the median wall time of the
 // repeats (5 for runs under 0.05 s, 3 under 0.5 s, else 1).
 //
-// Usage: peer_compare OUT.csv [problem-substring]
+// Usage: peer_compare OUT.csv [problem-substring [method-substring]]; the
+// method filter matches "library/method" (for example "LxOpt/Geom").
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -14,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "../problems/clusters.h"
 #include "../problems/problem_set.h"
 #include "harness.h"
 
@@ -70,7 +72,7 @@ void RunOne(FILE* out, Problem& p, const Method& m) {
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    std::fprintf(stderr, "usage: %s OUT.csv [problem-substring]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s OUT.csv [problem-substring [method-substring]]\n", argv[0]);
     return 2;
   }
   FILE* out = std::fopen(argv[1], "w");
@@ -79,13 +81,21 @@ int main(int argc, char** argv) {
     return 1;
   }
   const std::string filter = argc > 2 ? argv[2] : "";
+  const std::string methodFilter = argc > 3 ? argv[3] : "";
   std::fprintf(out,
                "problem,n,fstar,library,method,class,status,iterations,values,gradients,"
                "hessians,fval,gnorm,time_s,repeats\n");
   std::vector<Method> methods = lxbench::LxOptMethods();
   for (auto more : {lxbench::GslMethods(), lxbench::DlibMethods()})
     methods.insert(methods.end(), more.begin(), more.end());
+  methods.erase(std::remove_if(methods.begin(), methods.end(),
+                               [&](const Method& m) {
+                                 return (m.library + "/" + m.name).find(methodFilter) ==
+                                        std::string::npos;
+                               }),
+                methods.end());
   auto problems = lxbench::ProblemSet();
+  for (auto& p : lxbench::ClusterSet()) problems.push_back(std::move(p));
   for (auto& p : problems) {
     if (p->Name().find(filter) == std::string::npos) continue;
     const Clock::time_point t0 = Clock::now();

@@ -1,17 +1,23 @@
 // The benchmark problem set behind a C interface, so the scipy script
 // evaluates exactly the same functions (loaded with ctypes). Problems are
-// addressed by their index in the set; the set is built on first use.
+// addressed by their index in the set (ProblemSet, then ClusterSet); the set
+// is built on first use.
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "../problems/clusters.h"
 #include "../problems/problem_set.h"
 #include "problems_capi.h"
 
 namespace {
 
 std::vector<std::unique_ptr<lxbench::Problem>>& Set() {
-  static std::vector<std::unique_ptr<lxbench::Problem>> set = lxbench::ProblemSet();
+  static std::vector<std::unique_ptr<lxbench::Problem>> set = [] {
+    auto all = lxbench::ProblemSet();
+    for (auto& p : lxbench::ClusterSet()) all.push_back(std::move(p));
+    return all;
+  }();
   return set;
 }
 

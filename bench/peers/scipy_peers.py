@@ -134,7 +134,7 @@ def repeats_for(first):
     return 5 if first < 0.05 else 3 if first < 0.5 else 1
 
 
-def compare(lib, out, name_filter):
+def compare(lib, out, name_filter, method_filter=""):
     print("problem,n,fstar,library,method,class,status,iterations,values,gradients,"
           "hessians,fval,gnorm,time_s,repeats", file=out)
     classes = {"BFGS": "QN", "L-BFGS-B": "QN", "CG": "CG", "Newton-CG": "Newton"}
@@ -144,6 +144,8 @@ def compare(lib, out, name_filter):
             continue
         t_problem = time.perf_counter()
         for method, cls in classes.items():
+            if method_filter and method not in method_filter.split(","):
+                continue
             with np.errstate(all="ignore"):
                 t0 = time.perf_counter()
                 res, c = run(lib, i, method)
@@ -224,10 +226,12 @@ def main():
     parser.add_argument("--out", required=True, help="CSV of the problem-set runs")
     parser.add_argument("--scaling-out", help="CSV of the per-iteration scaling runs")
     parser.add_argument("--filter", default="", help="only problems whose name contains this")
+    parser.add_argument("--methods", default="",
+                        help="comma-separated scipy methods to run (default all)")
     args = parser.parse_args()
     lib = load(args.lib)
     with open(args.out, "w") as out:
-        compare(lib, out, args.filter)
+        compare(lib, out, args.filter, args.methods)
     if args.scaling_out:
         with open(args.scaling_out, "w") as out:
             scaling(out)

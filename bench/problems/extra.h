@@ -1,5 +1,5 @@
-// The library's own test objective at a chosen size, and a 13-atom
-// Lennard-Jones cluster, as benchmark problems with exact derivatives.
+// The library's own test objective at a chosen size, and Lennard-Jones
+// clusters, as benchmark problems with exact derivatives.
 #ifndef LXBENCH_EXTRA_H
 #define LXBENCH_EXTRA_H
 
@@ -55,42 +55,21 @@ class TestFProblem : public Problem {
   unsigned int n_;
 };
 
-// Lennard-Jones cluster of 13 atoms in reduced units:
+// Lennard-Jones cluster of any size in reduced units:
 //   f = sum_{i<j} 4 (r^-12 - r^-6),  r = |p_i - p_j|,
-// global minimum -44.326801 (the icosahedron). The start point is a
-// slightly distorted fcc cuboctahedron (a centre and its 12 nearest
-// neighbours at distance 1.1), a standard local-optimization start that
-// relaxes into the icosahedral minimum.
-class LennardJones13 : public Problem {
+// with exact gradient and Hessian. Name, start and known minimum come from
+// the derived problem.
+class LennardJonesCluster : public Problem {
  public:
-  static constexpr unsigned int kAtoms = 13;
-  static constexpr unsigned int kN = 3 * kAtoms;
+  explicit LennardJonesCluster(unsigned int atoms) : atoms_(atoms) {}
 
   using Problem::operator();
-  unsigned int NumVar() const override { return kN; }
-  std::string Name() const override { return "lj13_cluster"; }
-  std::vector<double> Start() const override {
-    std::vector<double> x = {0.0, 0.0, 0.0};
-    const double a = 1.1 / std::sqrt(2.0);
-    const int pairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
-    for (const auto& p : pairs)
-      for (int s0 = -1; s0 <= 1; s0 += 2)
-        for (int s1 = -1; s1 <= 1; s1 += 2) {
-          double q[3] = {0.0, 0.0, 0.0};
-          q[p[0]] = s0 * a;
-          q[p[1]] = s1 * a;
-          x.insert(x.end(), q, q + 3);
-        }
-    // A fixed small distortion so the start is not a symmetric saddle.
-    for (unsigned int k = 0; k < kN; ++k) x[k] += 0.01 * std::sin(1.0 + 7.0 * k);
-    return x;
-  }
-  double FStar() const override { return -44.326801; }
+  unsigned int NumVar() const override { return 3 * atoms_; }
 
   double operator()(const double* x) override {
     double f = 0.0;
-    for (unsigned int i = 0; i < kAtoms; ++i)
-      for (unsigned int j = i + 1; j < kAtoms; ++j) {
+    for (unsigned int i = 0; i < atoms_; ++i)
+      for (unsigned int j = i + 1; j < atoms_; ++j) {
         const double r2 = Distance2(x, i, j), s6 = 1.0 / (r2 * r2 * r2);
         f += 4.0 * (s6 * s6 - s6);
       }
@@ -100,9 +79,9 @@ class LennardJones13 : public Problem {
   // With s = r^-6: df/dr / r = -24 (2 s^2 - s) / r^2 per pair.
   double operator()(const double* x, double* grad) override {
     double f = 0.0;
-    for (unsigned int k = 0; k < kN; ++k) grad[k] = 0.0;
-    for (unsigned int i = 0; i < kAtoms; ++i)
-      for (unsigned int j = i + 1; j < kAtoms; ++j) {
+    for (unsigned int k = 0; k < NumVar(); ++k) grad[k] = 0.0;
+    for (unsigned int i = 0; i < atoms_; ++i)
+      for (unsigned int j = i + 1; j < atoms_; ++j) {
         const double r2 = Distance2(x, i, j), s6 = 1.0 / (r2 * r2 * r2);
         f += 4.0 * (s6 * s6 - s6);
         const double c = -24.0 * (2.0 * s6 * s6 - s6) / r2;
@@ -120,9 +99,10 @@ class LennardJones13 : public Problem {
   // enters (i, i) and (j, j) with +B and (i, j) with -B.
   bool operator()(const double* x, double* hessian, double* grad) override {
     (*this)(x, grad);
-    for (unsigned int k = 0; k < kN * (kN + 1) / 2; ++k) hessian[k] = 0.0;
-    for (unsigned int i = 0; i < kAtoms; ++i)
-      for (unsigned int j = i + 1; j < kAtoms; ++j) {
+    const unsigned int n = NumVar();
+    for (unsigned int k = 0; k < n * (n + 1) / 2; ++k) hessian[k] = 0.0;
+    for (unsigned int i = 0; i < atoms_; ++i)
+      for (unsigned int j = i + 1; j < atoms_; ++j) {
         const double r2 = Distance2(x, i, j), s6 = 1.0 / (r2 * r2 * r2);
         const double c = -24.0 * (2.0 * s6 * s6 - s6) / r2;
         const double e = 96.0 * (7.0 * s6 * s6 - 2.0 * s6) / (r2 * r2);
@@ -154,6 +134,38 @@ class LennardJones13 : public Problem {
   static void Add(double* packed, unsigned int row, unsigned int col, double v) {
     if (col <= row) packed[row * (row + 1) / 2 + col] += v;
   }
+
+  unsigned int atoms_;
+};
+
+// The 13-atom cluster, global minimum -44.326801 (the icosahedron). The
+// start point is a slightly distorted fcc cuboctahedron (a centre and its 12
+// nearest neighbours at distance 1.1), a standard local-optimization start
+// that relaxes into the icosahedral minimum.
+class LennardJones13 : public LennardJonesCluster {
+ public:
+  static constexpr unsigned int kAtoms = 13;
+  static constexpr unsigned int kN = 3 * kAtoms;
+
+  LennardJones13() : LennardJonesCluster(kAtoms) {}
+  std::string Name() const override { return "lj13_cluster"; }
+  std::vector<double> Start() const override {
+    std::vector<double> x = {0.0, 0.0, 0.0};
+    const double a = 1.1 / std::sqrt(2.0);
+    const int pairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
+    for (const auto& p : pairs)
+      for (int s0 = -1; s0 <= 1; s0 += 2)
+        for (int s1 = -1; s1 <= 1; s1 += 2) {
+          double q[3] = {0.0, 0.0, 0.0};
+          q[p[0]] = s0 * a;
+          q[p[1]] = s1 * a;
+          x.insert(x.end(), q, q + 3);
+        }
+    // A fixed small distortion so the start is not a symmetric saddle.
+    for (unsigned int k = 0; k < kN; ++k) x[k] += 0.01 * std::sin(1.0 + 7.0 * k);
+    return x;
+  }
+  double FStar() const override { return -44.326801; }
 };
 
 }  // namespace lxbench

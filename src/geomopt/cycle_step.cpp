@@ -1,7 +1,7 @@
 // One cycle's move of the geometry driver: quasi-Newton direction on the
-// packed inverse Hessian, line search, restart on failure, BFGS update, and
-// the optional history (DIIS or subspace) step.
-#include <algorithm>
+// packed inverse Hessian, capped line search, restart on failure, BFGS update
+// (scaled after a restart, damped when curvature is short), and the optional
+// history (DIIS or subspace) step.
 #include <cmath>
 
 #include "framework/internal.h"
@@ -11,12 +11,9 @@ namespace LxOpt {
 namespace geom {
 namespace {
 
-// Largest |v_i|.
-double MaxAbs(const double* v, unsigned int n) {
-  double largest = 0.0;
-  for (unsigned int i = 0; i < n; ++i) largest = std::max(largest, std::fabs(v[i]));
-  return largest;
-}
+// After a restart -g carries no length information: the first trial moves
+// the farthest atom (or coordinate) by this much.
+constexpr double kFirstMove = 0.1;
 
 double Distance(const double* a, const double* b, unsigned int n) {
   double sum = 0.0;
@@ -77,14 +74,15 @@ StepStatus CycleStep::Take(double accuracy, double& displacement) {
 }
 
 LineResult CycleStep::Search(double accuracy) {
-  // After a restart -g carries no length information: the first trial moves
-  // the largest coordinate by kFirstCoordinateStep. Otherwise the first trial
-  // is the full quasi-Newton step.
-  const double largest = MaxAbs(dir_, n_);
-  const double first = fresh_ ? kFirstCoordinateStep / largest : 1.0;
-  const double limit = kMaxCoordinateStep / largest;
+  // The first trial is the full quasi-Newton step, or after a restart the
+  // move of kFirstMove; no trial moves an atom farther than the radius.
+  const double first = fresh_ ? CappedStep(dir_, n_, kFirstMove) : 1.0;
+  const double limit = CappedStep(dir_, n_, radius_);
   const Line line{func_, n_, x_, g_, f_, dir_};
-  return LineMinimize(line, LineWork{xt_, gt_, gBest_}, first, limit, accuracy);
+  const LineResult found =
+      LineMinimize(line, LineWork{xt_, gt_, gBest_}, first, limit, accuracy);
+  radius_ = NextRadius(radius_, found.found && found.capped);
+  return found;
 }
 
 void CycleStep::Move(double step, double fNew) {
@@ -100,18 +98,13 @@ void CycleStep::Update() {
     s_[i] = x_[i] - xOld_[i];
     y_[i] = g_[i] - gOld_[i];
   }
-  if (fresh_) {
-    // H0 = (s.y / y.y) I before the first update (N&W eq. 6.20).
-    const double sy = detail::Dot(s_, y_, n_);
-    const double yy = detail::SquaredNorm(y_, n_);
-    if (sy > 0.0 && yy > 0.0 && std::isfinite(sy / yy)) ScaleInverseHessian(h_, n_, sy / yy);
-  }
+  if (fresh_) ShannoPhuaScale(h_, s_, y_, n_);
   if (UpdateInverseHessian(h_, s_, y_, hy_, n_)) fresh_ = false;
 }
 
 void CycleStep::TryHistoryStep() {
-  if (DiisPoint(*history_, h_, x_, xt_, historyWork_, kMaxCoordinateStep) && TryPoint()) return;
-  if (SubspacePoint(*history_, x_, g_, xt_, kMaxCoordinateStep)) TryPoint();
+  if (DiisPoint(*history_, h_, x_, xt_, historyWork_, radius_) && TryPoint()) return;
+  if (SubspacePoint(*history_, x_, g_, xt_, radius_)) TryPoint();
 }
 
 bool CycleStep::TryPoint() {

@@ -11,12 +11,6 @@
 namespace LxOpt {
 namespace geom {
 
-// Largest change of any one coordinate in one trial of a cycle.
-constexpr double kMaxCoordinateStep = 0.5;
-// Largest change of any one coordinate in the first trial after H was
-// (re)started from the identity, when -g carries no length information.
-constexpr double kFirstCoordinateStep = 0.1;
-
 // ------------------------------------------------ packed inverse Hessian
 // Lower triangle by rows: element (i, j), j <= i, at i (i + 1) / 2 + j.
 
@@ -28,12 +22,32 @@ void ResetInverseHessian(double* h, unsigned int n, double scale);
 void MatXVec(const double* h, const double* v, double* out, unsigned int n);
 // H = factor * H
 void ScaleInverseHessian(double* h, unsigned int n, double factor);
+// Shanno-Phua initial scaling: H = (s.y / y.y) H, applied to H = I before
+// its first update. False (H unchanged) when s.y / y.y is not a positive
+// finite number.
+bool ShannoPhuaScale(double* h, const double* s, const double* y, unsigned int n);
 // BFGS update of the inverse Hessian with the step s and gradient change y:
 //   H+ = H + (1 + y.Hy / s.y) s s^T / s.y - (Hy s^T + s (Hy)^T) / s.y
-// hy is scratch of n doubles. Skipped (returns false) unless
-// s.y > 1e-10 |s| |y|, which keeps H positive definite.
-bool UpdateInverseHessian(double* h, const double* s, const double* y, double* hy,
-                          unsigned int n);
+// hy is scratch of n doubles. When s.y < 0.2 y.Hy, s is first replaced by the
+// damped s = theta s + (1 - theta) H y with s.y = 0.2 y.Hy (Powell's damping
+// in its inverse form), so H stays positive definite. Skipped (returns false)
+// when y or H y vanish or are not finite.
+bool UpdateInverseHessian(double* h, double* s, const double* y, double* hy, unsigned int n);
+
+// ------------------------------------------------ step cap (trust radius)
+
+// Largest multiple a of dir whose move a dir keeps every atom (consecutive
+// x, y, z triple) within radius of where it is; when n is not a multiple of
+// 3, every single coordinate. Infinite when dir is zero.
+double CappedStep(const double* dir, unsigned int n, double radius);
+
+// Radius of the cap at the start of a run: about one bond length in reduced
+// (Lennard-Jones) units, well above a typical relaxation step.
+constexpr double kInitialRadius = 1.0;
+// The radius of the cap for the next cycle: four times larger (up to 1e12)
+// when the last search ended at the cap while still going down, else
+// unchanged.
+double NextRadius(double radius, bool capped);
 
 // ------------------------------------------------ line search (linemin)
 
@@ -57,17 +71,21 @@ struct LineWork {
 };
 
 // found: a point with a value strictly below line.f was accepted; its step a
-// (multiple of dir), value and gradient (in work.gBest) are returned.
+// (multiple of dir), value and gradient (in work.gBest) are returned. capped:
+// the accepted step is maxStep.
 struct LineResult {
   bool found;
   double step;
   double f;
+  bool capped;
 };
 
-// Weak-Wolfe bracketing search (c1 = 1e-4, c2 = 0.9) with safeguarded cubic
-// interpolation. firstStep is the first trial a; no trial goes beyond
-// maxStep. accuracy: the search stops refining once the bracket is narrower
-// than accuracy times its upper end, and then takes the lowest point found.
+// Moré-Thuente search for a step meeting the strong Wolfe conditions
+// (c1 = 1e-4, c2 = 0.9). firstStep is the first trial a; no trial goes
+// beyond maxStep, and a trial at maxStep that is still going down steeply is
+// accepted there. accuracy: the search stops refining once the bracket is
+// narrower than accuracy times its upper end, and then takes the lowest point
+// found. At most 20 trials.
 LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep,
                         double maxStep, double accuracy);
 
@@ -166,6 +184,7 @@ class CycleStep {
   double* historyWork_;  // 2 n
   bool fresh_ = true;    // H was (re)started and has not been updated since
   double restartGnorm_ = 0.0;
+  double radius_ = kInitialRadius;  // step cap per atom
 };
 
 }  // namespace geom

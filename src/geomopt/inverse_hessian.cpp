@@ -1,6 +1,10 @@
 // Packed inverse-Hessian algebra of the geometry driver: the product with a
-// vector and the BFGS update (Nocedal & Wright, Numerical Optimization, 2nd
-// ed., eq. 6.17, expanded so that only H y is needed).
+// vector, the initial scaling of Shanno and Phua (D. F. Shanno and K. H.
+// Phua, Math. Programming 14 (1978) 149; Nocedal & Wright, Numerical
+// Optimization, 2nd ed., eq. 6.20), and the BFGS update (N&W eq. 6.17,
+// expanded so that only H y is needed) with Powell's damping (M. J. D.
+// Powell, Lecture Notes in Math. 630 (1978) 144; N&W procedure 18.2) in its
+// inverse form: the roles of s and y swap, so s is damped towards H y.
 //
 // Names: s = x_new - x_old (N&W s_k), y = g_new - g_old (y_k), rho = 1 / s.y.
 #include <cmath>
@@ -12,8 +16,9 @@ namespace LxOpt {
 namespace geom {
 namespace {
 
-// Curvature s.y must exceed this fraction of |s| |y| for an update.
-constexpr double kMinCurvature = 1e-10;
+// Powell's damping: the pair is damped when s.y < kDampRatio y.Hy, to
+// s.y = kDampRatio y.Hy.
+constexpr double kDampRatio = 0.2;
 
 }  // namespace
 
@@ -41,21 +46,32 @@ void ScaleInverseHessian(double* h, unsigned int n, double factor) {
   for (std::size_t k = 0; k < size; ++k) h[k] *= factor;
 }
 
-bool UpdateInverseHessian(double* h, const double* s, const double* y, double* hy,
-                          unsigned int n) {
-  const double sy = detail::Dot(s, y, n);
-  const double bound = kMinCurvature * std::sqrt(detail::SquaredNorm(s, n) *
-                                                 detail::SquaredNorm(y, n));
-  if (!(sy > bound)) return false;
+bool ShannoPhuaScale(double* h, const double* s, const double* y, unsigned int n) {
+  const double gamma = detail::Dot(s, y, n) / detail::SquaredNorm(y, n);
+  if (!(gamma > 0.0) || !std::isfinite(gamma)) return false;
+  ScaleInverseHessian(h, n, gamma);
+  return true;
+}
+
+bool UpdateInverseHessian(double* h, double* s, const double* y, double* hy, unsigned int n) {
   MatXVec(h, y, hy, n);
   const double yhy = detail::Dot(y, hy, n);
+  if (!(yhy > 0.0) || !std::isfinite(yhy)) return false;
+  double sy = detail::Dot(s, y, n);
+  if (!(sy >= kDampRatio * yhy)) {
+    // theta = (1 - r) y.Hy / (y.Hy - s.y) gives s.y = r y.Hy for the new s.
+    const double theta = (1.0 - kDampRatio) * yhy / (yhy - sy);
+    for (unsigned int i = 0; i < n; ++i) s[i] = theta * s[i] + (1.0 - theta) * hy[i];
+    sy = detail::Dot(s, y, n);
+    if (!(sy > 0.0)) return false;
+  }
   const double rho = 1.0 / sy;
   const double a = (1.0 + yhy * rho) * rho;  // coefficient of s s^T
   // H_ij += a s_i s_j - rho (Hy_i s_j + s_i Hy_j)
   for (unsigned int i = 0; i < n; ++i) {
     double* row = h + PackedSize(i);
-    for (unsigned int j = 0; j <= i; ++j)
-      row[j] += a * s[i] * s[j] - rho * (hy[i] * s[j] + s[i] * hy[j]);
+    const double asi = a * s[i], rhyi = rho * hy[i], rsi = rho * s[i];
+    for (unsigned int j = 0; j <= i; ++j) row[j] += asi * s[j] - rhyi * s[j] - rsi * hy[j];
   }
   return true;
 }

@@ -1,52 +1,136 @@
-// Line search of the geometry driver (linemin): weak-Wolfe bracketing with
-// safeguarded cubic interpolation (Nocedal & Wright, Numerical Optimization,
-// 2nd ed., algorithms 3.5 and 3.6, eq. 3.59).
+// Line search of the geometry driver (linemin): the Moré-Thuente search for
+// a step that meets the strong Wolfe conditions (J. J. Moré and D. J.
+// Thuente, "Line search algorithms with guaranteed sufficient decrease", ACM
+// Trans. Math. Software 20 (1994) 286-307; the safeguarded step of their
+// section 4 and the two-stage driver of section 3).
 //
-// phi(a) = f(x + a dir); phi'(a) = g(x + a dir).dir. A trial a is "too long"
-// when it misses sufficient decrease, phi(a) > phi(0) + c1 a phi'(0), or does
-// not improve on the lowest point so far; it is accepted when it also meets
-// the curvature condition phi'(a) >= c2 phi'(0).
+// phi(a) = f(x + a dir), phi'(a) = g(x + a dir).dir. Accepted: a with
+//   phi(a) <= phi(0) + c1 a phi'(0)   (sufficient decrease) and
+//   |phi'(a)| <= c2 |phi'(0)|         (strong curvature).
+// The search keeps an interval [stx, sty] (stx the best step so far) and a
+// trial stp; each new trial comes from cubic or quadratic interpolation of
+// the end points, safeguarded so that the interval shrinks geometrically once
+// a minimiser is bracketed and extrapolates by a bounded factor before.
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "framework/internal.h"
 #include "geomopt/geom_internal.h"
-#include "lxopt/geomopt.h"
 
 namespace LxOpt {
 namespace geom {
 namespace {
 
-constexpr double kC1 = 1e-4;            // sufficient decrease
-constexpr double kC2 = 0.9;             // curvature (weak Wolfe)
-constexpr double kExpand = 4.0;         // growth of a while no step is too long
-constexpr double kSafeguard = 0.1;      // interpolated a keeps this share of the bracket away from its ends
-constexpr unsigned int kMaxTrials = 30;
+constexpr double kC1 = 1e-4;  // sufficient decrease (ftol)
+constexpr double kC2 = 0.9;   // strong curvature (gtol), the usual quasi-Newton choice
+// Extrapolation before a bracket: the next trial lies in
+// [stp + kExtrapLower (stp - stx), stp + kExtrapUpper (stp - stx)].
+constexpr double kExtrapLower = 1.1;
+constexpr double kExtrapUpper = 4.0;
+// Once bracketed, an interval that did not shrink below this share of its
+// width two trials ago is bisected.
+constexpr double kShrink = 0.66;
+// A trial with a value or slope that is not finite is pulled back to this
+// share of its distance from stx.
+constexpr double kNonFiniteBacktrack = 0.1;
+constexpr unsigned int kMaxTrials = 20;
+
+// One end point or trial of the search: step, value, slope.
+struct Sample {
+  double a;
+  double f;
+  double d;
+};
+
+// Minimiser of the cubic through (u.a, u.f, u.d) and (v.a, v.f, v.d), in the
+// form of Moré & Thuente's dcstep (scaled to avoid overflow). The square
+// root's argument is clipped at 0 when clip is set.
+double CubicMinimizer(const Sample& u, const Sample& v, bool clip) {
+  const double theta = 3.0 * (u.f - v.f) / (v.a - u.a) + u.d + v.d;
+  const double s = std::max({std::fabs(theta), std::fabs(u.d), std::fabs(v.d)});
+  double arg = (theta / s) * (theta / s) - (u.d / s) * (v.d / s);
+  if (clip) arg = std::max(0.0, arg);
+  double gamma = s * std::sqrt(arg);
+  if (v.a < u.a) gamma = -gamma;
+  const double p = (gamma - u.d) + theta;
+  const double q = ((gamma - u.d) + gamma) + v.d;
+  return u.a + (p / q) * (v.a - u.a);
+}
+
+// Moré & Thuente's safeguarded step (dcstep): from the interval ends x (best)
+// and y and the trial t, computes the next trial and updates the interval.
+// bracketed becomes true once a minimiser is known to lie between x and y.
+// lo, hi bound the next trial while nothing is bracketed.
+double SafeguardedStep(Sample& x, Sample& y, const Sample& t, bool& bracketed, double lo,
+                       double hi) {
+  const double sgnd = t.d * std::copysign(1.0, x.d);
+  double next;
+  if (t.f > x.f) {
+    // Case 1: higher value. The minimiser is bracketed; take the cubic step
+    // if it is closer to x than the quadratic (value-based) one, else their
+    // midpoint.
+    const double cubic = CubicMinimizer(x, t, false);
+    const double quad =
+        x.a + ((x.d / ((x.f - t.f) / (t.a - x.a) + x.d)) / 2.0) * (t.a - x.a);
+    next = std::fabs(cubic - x.a) < std::fabs(quad - x.a) ? cubic : cubic + (quad - cubic) / 2.0;
+    bracketed = true;
+  } else if (sgnd < 0.0) {
+    // Case 2: lower value, slopes of opposite sign: bracketed; the step
+    // farther from t of the cubic and the secant.
+    const double cubic = CubicMinimizer(t, x, false);
+    const double secant = t.a + (t.d / (t.d - x.d)) * (x.a - t.a);
+    next = std::fabs(cubic - t.a) > std::fabs(secant - t.a) ? cubic : secant;
+    bracketed = true;
+  } else if (std::fabs(t.d) < std::fabs(x.d)) {
+    // Case 3: lower value, same slope sign, the slope shrinks in size. The
+    // cubic is used only if it tends to infinity in the search direction.
+    const double theta = 3.0 * (x.f - t.f) / (t.a - x.a) + x.d + t.d;
+    const double s = std::max({std::fabs(theta), std::fabs(x.d), std::fabs(t.d)});
+    double gamma =
+        s * std::sqrt(std::max(0.0, (theta / s) * (theta / s) - (x.d / s) * (t.d / s)));
+    if (t.a > x.a) gamma = -gamma;
+    const double p = (gamma - t.d) + theta;
+    const double q = (gamma + (x.d - t.d)) + gamma;
+    const double r = p / q;
+    double cubic;
+    if (r < 0.0 && gamma != 0.0) {
+      cubic = t.a + r * (x.a - t.a);
+    } else {
+      cubic = t.a > x.a ? hi : lo;
+    }
+    const double secant = t.a + (t.d / (t.d - x.d)) * (x.a - t.a);
+    if (bracketed) {
+      next = std::fabs(cubic - t.a) < std::fabs(secant - t.a) ? cubic : secant;
+      next = t.a > x.a ? std::min(t.a + kShrink * (y.a - t.a), next)
+                       : std::max(t.a + kShrink * (y.a - t.a), next);
+    } else {
+      next = std::fabs(cubic - t.a) > std::fabs(secant - t.a) ? cubic : secant;
+      next = std::max(lo, std::min(hi, next));
+    }
+  } else {
+    // Case 4: lower value, same slope sign, the slope does not shrink: the
+    // cubic through t and y when bracketed, else the bound.
+    if (bracketed) {
+      next = CubicMinimizer(t, y, false);
+    } else {
+      next = t.a > x.a ? hi : lo;
+    }
+  }
+  if (t.f > x.f) {
+    y = t;
+  } else {
+    if (sgnd < 0.0) y = x;
+    x = t;
+  }
+  return next;
+}
 
 // phi(a) and phi'(a); the gradient is left in work.gt.
-double Evaluate(const Line& line, const LineWork& work, double a, double& slope) {
+Sample Evaluate(const Line& line, const LineWork& work, double a) {
   for (unsigned int i = 0; i < line.n; ++i) work.xt[i] = line.x[i] + a * line.dir[i];
   detail::Zero(work.gt, line.n);
   const double f = line.func(work.xt, work.gt);
-  slope = detail::Dot(work.gt, line.dir, line.n);
-  return f;
-}
-
-// Minimiser of the cubic through (lo, flo, dlo) and (hi, fhi, dhi) (N&W eq.
-// 3.59), kept inside [lo + 0.1 w, hi - 0.1 w]; the midpoint when the cubic
-// has no usable minimiser (for instance when fhi is not finite).
-double Interpolate(double lo, double flo, double dlo, double hi, double fhi, double dhi) {
-  const double w = hi - lo;
-  const double d1 = dlo + dhi - 3.0 * (flo - fhi) / (lo - hi);
-  const double root = d1 * d1 - dlo * dhi;
-  double a = 0.5 * (lo + hi);
-  if (root >= 0.0) {
-    const double d2 = std::sqrt(root);
-    const double candidate = hi - w * (dhi + d2 - d1) / (dhi - dlo + 2.0 * d2);
-    if (std::isfinite(candidate)) a = candidate;
-  }
-  return std::min(std::max(a, lo + kSafeguard * w), hi - kSafeguard * w);
+  return {a, f, detail::Dot(work.gt, line.dir, line.n)};
 }
 
 }  // namespace
@@ -54,38 +138,77 @@ double Interpolate(double lo, double flo, double dlo, double hi, double fhi, dou
 LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep,
                         double maxStep, double accuracy) {
   const unsigned int n = line.n;
-  const double slope0 = detail::Dot(line.g, line.dir, n);
-  // Bracket: lo is the lowest acceptable trial so far (0 = the origin), hi the
-  // shortest trial known to be too long (infinite until there is one).
-  double lo = 0.0, flo = line.f, dlo = slope0;
-  double hi = std::numeric_limits<double>::infinity(), fhi = 0.0, dhi = 0.0;
-  bool lowered = false;
+  const Sample origin{0.0, line.f, detail::Dot(line.g, line.dir, n)};
+  const double slopeTest = kC1 * origin.d;
+  // x: best step of the interval, y: its other end; the next trial lies in
+  // [lo, hi] and never beyond limit (maxStep, lowered past trials whose value
+  // was not finite).
+  Sample x = origin, y = origin;
+  bool bracketed = false;
+  bool stage1 = true;
+  double limit = maxStep;
+  double stp = std::min(firstStep, maxStep);
+  double width = maxStep, previousWidth = 2.0 * maxStep;
+  double lo = 0.0, hi = stp + kExtrapUpper * stp;
+  // The lowest trial so far (its gradient in work.gBest).
+  double best = 0.0, fBest = line.f;
 
-  double a = std::min(firstStep, maxStep);
   for (unsigned int trial = 0; trial < kMaxTrials; ++trial) {
-    double slope = 0.0;
-    const double ft = Evaluate(line, work, a, slope);
-    const bool tooLong =
-        !(ft <= line.f + kC1 * a * slope0) || !(ft < flo) || !std::isfinite(slope);
-    if (tooLong) {
-      hi = a;
-      fhi = ft;
-      dhi = slope;
-    } else {
-      LxBFGSOptimizer::store(ft, flo, slope, dlo, work.gt, work.gBest, a, lo, n);
-      lowered = true;
-      // At the step limit there is no room to look further.
-      if (slope >= kC2 * slope0 || a >= maxStep) return {true, a, ft};
-    }
-    if (std::isinf(hi)) {
-      a = std::min(kExpand * lo, maxStep);
+    const Sample t = Evaluate(line, work, stp);
+    if (!std::isfinite(t.f) || !std::isfinite(t.d)) {
+      limit = stp;
+      stp = x.a + kNonFiniteBacktrack * (stp - x.a);
+      hi = std::min(hi, limit);
       continue;
     }
-    if (hi - lo <= accuracy * hi) break;
-    a = Interpolate(lo, flo, dlo, hi, fhi, dhi);
+    if (t.f < fBest) {
+      detail::Copy(work.gt, work.gBest, n);
+      best = stp;
+      fBest = t.f;
+    }
+    const bool decrease = t.f <= line.f + stp * slopeTest;
+    const bool wolfe = decrease && std::fabs(t.d) <= -kC2 * origin.d;
+    // At the step limit and still going down steeply: the caller may widen
+    // its limit.
+    const bool capped = stp >= maxStep && decrease && t.d <= slopeTest;
+    if (wolfe || capped) {
+      detail::Copy(work.gt, work.gBest, n);
+      return {true, stp, t.f, !wolfe};
+    }
+    if (stage1 && decrease && t.d >= std::min(kC1, kC2) * origin.d) stage1 = false;
+
+    if (stage1 && t.f <= x.f && !decrease) {
+      // Stage 1 works on psi(a) = phi(a) - phi(0) - c1 a phi'(0) until a step
+      // with psi <= 0 and a slope no longer steeply downhill is seen.
+      Sample xm{x.a, x.f - x.a * slopeTest, x.d - slopeTest};
+      Sample ym{y.a, y.f - y.a * slopeTest, y.d - slopeTest};
+      const Sample tm{t.a, t.f - t.a * slopeTest, t.d - slopeTest};
+      stp = SafeguardedStep(xm, ym, tm, bracketed, lo, hi);
+      x = {xm.a, xm.f + xm.a * slopeTest, xm.d + slopeTest};
+      y = {ym.a, ym.f + ym.a * slopeTest, ym.d + slopeTest};
+    } else {
+      stp = SafeguardedStep(x, y, t, bracketed, lo, hi);
+    }
+
+    if (bracketed) {
+      if (std::fabs(y.a - x.a) >= kShrink * previousWidth) stp = x.a + 0.5 * (y.a - x.a);
+      previousWidth = width;
+      width = std::fabs(y.a - x.a);
+      lo = std::min(x.a, y.a);
+      hi = std::max(x.a, y.a);
+    } else {
+      lo = stp + kExtrapLower * (stp - x.a);
+      hi = stp + kExtrapUpper * (stp - x.a);
+    }
+    stp = std::max(0.0, std::min(stp, limit));
+    // The interval has shrunk to the requested accuracy, rounding keeps the
+    // trial from moving inside it, or the limit was reached: settle for the
+    // lowest step.
+    if (bracketed && (stp <= lo || stp >= hi || hi - lo <= accuracy * hi)) break;
+    if (x.a >= limit) break;
   }
-  if (lowered) return {true, lo, flo};
-  return {false, 0.0, line.f};
+  if (best > 0.0) return {true, best, fBest, best >= maxStep};
+  return {false, 0.0, line.f, false};
 }
 
 }  // namespace geom
