@@ -205,6 +205,53 @@ TEST(ConjGrad, RestartAtLeastEveryNIterations) {
   for (size_t i = 2; i < s.size(); ++i) EXPECT_TRUE(s[i] == 1.0 || s[i - 1] == 1.0) << i;
 }
 
+// Powell's test: a restart comes before the n-th search exactly when the new
+// gradient is far from orthogonal to the old one, |g'.g| > 0.2 g'.g'. A
+// restart shows as the entry step 1.0 (ConjGrad) or the direction -g (family).
+class RestartLog : public LxLineMinimize {
+ public:
+  struct Entry { Points g; bool restart; };
+  explicit RestartLog(bool family, std::shared_ptr<std::vector<Entry>> log)
+      : family_(family), log_(std::move(log)) {}
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
+                  double* fval, double* step, LxFunc1& func) const override {
+    bool steepest = true;
+    for (unsigned int i = 0; i < n; ++i) steepest = steepest && dir[i] == -grad0[i];
+    log_->push_back({Points(grad0, grad0 + n), family_ ? steepest : *step == 1.0});
+    return LxCGLineMinimize()(n, x0, dir, grad0, gradOut, fval, step, func);
+  }
+  LxLineMinimize* CreateCopy() const override { return new RestartLog(*this); }
+
+ private:
+  bool family_;
+  std::shared_ptr<std::vector<Entry>> log_;
+};
+
+TEST_P(AllFour, PowellRestartTest) {
+  LxTestF f(12);
+  auto log = std::make_shared<std::vector<RestartLog::Entry>>();
+  auto opt = GetParam().make(nullptr);
+  opt->SetLineMinimize(RestartLog(GetParam().family, log));
+  opt->SetIterLimit(60);
+  opt->SetTolerance(1e-20);
+  Points x(12);
+  for (size_t i = 0; i < x.size(); ++i) x[i] = 0.3 + 0.1 * static_cast<double>(i % 5);
+  (*opt)(f, x.data(), x.data());
+  int byPowell = 0, kept = 0;
+  for (size_t i = 2, since = 1; i < log->size(); ++i) {
+    const Points &g = (*log)[i].g, &gPrev = (*log)[i - 1].g;
+    double gg = 0.0, gPrevG = 0.0;
+    for (size_t j = 0; j < g.size(); ++j) gg += g[j] * g[j], gPrevG += g[j] * gPrev[j];
+    const bool powell = std::fabs(gPrevG) / gg > 0.2;
+    if (since < g.size()) {
+      EXPECT_EQ((*log)[i].restart, powell) << "search " << i;
+      (powell ? byPowell : kept) += 1;
+    }
+    since = (*log)[i].restart ? 1 : since + 1;
+  }
+  EXPECT_TRUE(byPowell > 0 && kept > 0) << byPowell << " " << kept;
+}
+
 // Polak-Ribiere's beta, negative where g_new has turned back towards g, is
 // used as it stands (in the loop Powell's test restarts first in such cases).
 TEST(FamilyCoefficients, PolakRibiereNotClampedAtZero) {
