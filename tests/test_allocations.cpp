@@ -1,33 +1,20 @@
 // Allocation discipline: the optimizers and line minimizers take one scratch
 // block per call (on the stack within LxGetAllocaThreshold, on the heap above
 // it) and allocate nothing while they iterate. This program replaces the
-// global operator new/delete family and the malloc family with counting
-// versions that forward to glibc's own entry points.
-//
-// What is counted: every block obtained from malloc, calloc, realloc (when
-// it is given no block), aligned_alloc, posix_memalign, memalign and every
-// operator new (which obtains its block through the counted malloc, so it is
-// counted once); every block given back through free, realloc to size 0 or
-// operator delete is counted as a release.
+// malloc family with counting versions that forward to glibc's own entry
+// points. The runtime's operator new and delete obtain and return their blocks
+// through malloc, aligned_alloc and free, so they are counted too (the first
+// test checks that).
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdlib>
 #include <malloc.h>
 #include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "support/problems.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define LXTEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define LXTEST_SANITIZED 1
-#endif
-#endif
 
 namespace {
 long allocations = 0;
@@ -36,7 +23,7 @@ long releases = 0;
 
 // The sanitizers own malloc, and the forwarding needs glibc's entry points:
 // elsewhere the replacements stay out and the counting tests skip.
-#if !defined(LXTEST_SANITIZED) && defined(__GLIBC__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && defined(__GLIBC__)
 #define LXTEST_COUNTED 1
 extern "C" {
 void* __libc_malloc(std::size_t size);
@@ -77,43 +64,6 @@ int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
 }
 }  // extern "C"
 
-namespace {
-void* NewBlock(std::size_t size) {
-  void* block = std::malloc(size == 0 ? 1 : size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-void* NewAligned(std::size_t size, std::align_val_t alignment) {
-  void* block = memalign(static_cast<std::size_t>(alignment), size == 0 ? 1 : size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-}  // namespace
-
-void* operator new(std::size_t size) { return NewBlock(size); }
-void* operator new[](std::size_t size) { return NewBlock(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size ? size : 1); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size ? size : 1); }
-void* operator new(std::size_t size, std::align_val_t a) { return NewAligned(size, a); }
-void* operator new[](std::size_t size, std::align_val_t a) { return NewAligned(size, a); }
-void* operator new(std::size_t size, std::align_val_t a, const std::nothrow_t&) noexcept {
-  return memalign(static_cast<std::size_t>(a), size ? size : 1);
-}
-void* operator new[](std::size_t size, std::align_val_t a, const std::nothrow_t&) noexcept {
-  return memalign(static_cast<std::size_t>(a), size ? size : 1);
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete(void* p, std::align_val_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
-void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept { std::free(p); }
 #endif
 
 namespace {
@@ -129,8 +79,7 @@ using namespace LxOpt;
 
 // Remembers the allocation and release counts at the first and at the last
 // checkpoint call; allocates nothing itself.
-class Watch : public LxCheckpoint1 {
- public:
+struct Watch : LxCheckpoint1 {
   using LxCheckpoint1::operator();
   bool operator()(unsigned int, unsigned int, double, double, const double*, const double*,
                   unsigned int) override {
@@ -142,10 +91,7 @@ class Watch : public LxCheckpoint1 {
 };
 
 struct Counts {
-  long between;  // from the first to the last checkpoint call
-  long whole;    // across the whole call
-  long released; // blocks given back during the whole call
-  long reports;  // checkpoint calls
+  long between, whole, released, reports;  // first to last checkpoint; whole call; reports
 };
 
 Counts CountRun(LxOptimizer1& opt, unsigned int n) {
@@ -167,8 +113,8 @@ struct OptimizerRow {
   long blocksAbove;   // heap blocks per call above it
 };
 
-template <class T>
-std::unique_ptr<LxOptimizer1> Make() {
+template <class T, class Base = LxOptimizer1>
+std::unique_ptr<Base> Make() {
   return std::make_unique<T>();
 }
 
@@ -192,43 +138,18 @@ const OptimizerRow kOptimizers[] = {
 // 2n doubles (16000 bytes) still fit on the stack.
 constexpr unsigned int kSmall = 10, kLarge = 1000, kLargeLine = 4096;
 
-bool OnStack(std::size_t doubles) {
-  return doubles * sizeof(double) + kLxAllocaSlack <= LxGetAllocaThreshold();
-}
-
-TEST(AllocationSizes, StraddleTheThreshold) {
-  EXPECT_TRUE(OnStack(19 * kSmall) && OnStack(kSmall * kSmall));
-  EXPECT_FALSE(OnStack(3 * kLarge));
-  EXPECT_TRUE(OnStack(2 * kLarge));
-  EXPECT_FALSE(OnStack(kLargeLine));
-}
-
-class OptimizerAllocations : public ::testing::TestWithParam<OptimizerRow> {};
-
-TEST_P(OptimizerAllocations, NoneWithinTheThreshold) {
+TEST(OptimizerAllocations, NoneWhileIteratingFixedBlocksPerCall) {
   LXTEST_SKIP_IF_NOT_COUNTED();
-  auto opt = GetParam().make();
-  const Counts c = CountRun(*opt, kSmall);
-  ASSERT_GE(c.reports, 3);
-  EXPECT_EQ(c.between, 0);
-  EXPECT_EQ(c.whole, GetParam().blocksWithin);
-  EXPECT_EQ(c.released, c.whole);
+  for (const OptimizerRow& row : kOptimizers)
+    for (unsigned int n : {kSmall, kLarge}) {
+      SCOPED_TRACE(std::string(row.name) + " n " + std::to_string(n));
+      const Counts c = CountRun(*row.make(), n);
+      ASSERT_GE(c.reports, 3);
+      EXPECT_EQ(c.between, 0);
+      EXPECT_EQ(c.whole, n == kSmall ? row.blocksWithin : row.blocksAbove);
+      EXPECT_EQ(c.released, c.whole);
+    }
 }
-
-TEST_P(OptimizerAllocations, FixedBlocksAboveTheThreshold) {
-  LXTEST_SKIP_IF_NOT_COUNTED();
-  auto opt = GetParam().make();
-  const Counts c = CountRun(*opt, kLarge);
-  ASSERT_GE(c.reports, 3);
-  EXPECT_EQ(c.between, 0);
-  EXPECT_EQ(c.whole, GetParam().blocksAbove);
-  EXPECT_EQ(c.released, c.whole);
-}
-
-INSTANTIATE_TEST_SUITE_P(All, OptimizerAllocations, ::testing::ValuesIn(kOptimizers),
-                         [](const ::testing::TestParamInfo<OptimizerRow>& info) {
-                           return std::string(info.param.name);
-                         });
 
 struct LineRow {
   const char* name;
@@ -236,24 +157,19 @@ struct LineRow {
   long blocksAbove;  // heap blocks per call above the threshold
 };
 
-template <class T>
-std::unique_ptr<LxLineMinimize> MakeLine() {
-  return std::make_unique<T>();
-}
-
 std::unique_ptr<LxLineMinimize> MakeCappedMaxStep() {
   std::vector<double> limits(kLargeLine, 0.05);
   return std::make_unique<LxMaxStepLineMinimize>(limits.data(), kLargeLine);
 }
 
 const LineRow kLines[] = {
-    {"CG", MakeLine<LxCGLineMinimize>, 1},
-    {"QN", MakeLine<LxQNLineMinimize>, 1},
-    {"MaxStep", MakeLine<LxMaxStepLineMinimize>, 1},
+    {"CG", Make<LxCGLineMinimize, LxLineMinimize>, 1},
+    {"QN", Make<LxQNLineMinimize, LxLineMinimize>, 1},
+    {"MaxStep", Make<LxMaxStepLineMinimize, LxLineMinimize>, 1},
     // A capped step first marches with its own block, then calls the
     // embedded quasi-Newton search, which takes its own.
     {"MaxStepCapped", MakeCappedMaxStep, 2},
-    {"NR", MakeLine<LxNRLineSearch>, 1},
+    {"NR", Make<LxNRLineSearch, LxLineMinimize>, 1},
 };
 
 // One search from 0 along -g on the quadratic; returns the blocks obtained
@@ -270,22 +186,17 @@ std::pair<long, long> CountSearch(const LxLineMinimize& lm, unsigned int n) {
   return counts;
 }
 
-class LineAllocations : public ::testing::TestWithParam<LineRow> {};
-
 // Within the threshold (n = 10) nothing; with n = 4096 a trial point alone
-// (32 KiB) exceeds it, and each search takes exactly one block and frees it.
-TEST_P(LineAllocations, NoneWithinOneAboveTheThreshold) {
+// (32 KiB) exceeds it, and each search takes its blocks and frees them.
+TEST(LineAllocations, NoneWithinFixedBlocksAboveTheThreshold) {
   LXTEST_SKIP_IF_NOT_COUNTED();
-  auto lm = GetParam().make();
-  EXPECT_EQ(CountSearch(*lm, kSmall), std::make_pair(0l, 0l));
-  const long blocks = GetParam().blocksAbove;
-  EXPECT_EQ(CountSearch(*lm, kLargeLine), std::make_pair(blocks, blocks));
+  for (const LineRow& row : kLines) {
+    auto lm = row.make();
+    EXPECT_EQ(CountSearch(*lm, kSmall), std::make_pair(0l, 0l)) << row.name;
+    EXPECT_EQ(CountSearch(*lm, kLargeLine), std::make_pair(row.blocksAbove, row.blocksAbove))
+        << row.name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, LineAllocations, ::testing::ValuesIn(kLines),
-                         [](const ::testing::TestParamInfo<LineRow>& info) {
-                           return std::string(info.param.name);
-                         });
 
 // The counters see the allocations of this program at all.
 TEST(AllocationCounter, SeesNewAndMalloc) {

@@ -11,15 +11,18 @@
 
 #include "support/problems.h"
 
-#ifndef __SANITIZE_ADDRESS__
 // Counts every malloc of the process (Eigen's included). Only malloc is
 // replaced and it forwards to glibc's, so free, calloc and realloc stay matched.
+#ifndef __SANITIZE_ADDRESS__
 extern "C" void* __libc_malloc(std::size_t size);
 static std::atomic<long> mallocCount{0};
 extern "C" void* malloc(std::size_t size) {
-  mallocCount.fetch_add(1, std::memory_order_relaxed);
+  ++mallocCount;
   return __libc_malloc(size);
 }
+static long Mallocs() { return mallocCount.load(); }
+#else
+static long Mallocs() { return -1; }  // not counted: the sanitizer owns malloc
 #endif
 
 namespace {
@@ -30,15 +33,8 @@ using lxtest::DiagonalQuadratic;
 using lxtest::MessageCapture;
 using States = std::vector<unsigned int>;
 
-#ifdef __SANITIZE_ADDRESS__
-long Mallocs() { return -1; }  // not counted: the sanitizer owns malloc
-#else
-long Mallocs() { return mallocCount.load(); }
-#endif
-
 // The implementation with its fixed settings opened up; no preconditioning.
 struct OpenNewton : LxNewtonOptImpl {
-  using LxNewtonOptImpl::checkEigenvalues_;
   using LxNewtonOptImpl::initialDamping_;
   using LxNewtonOptImpl::precondition_;
   explicit OpenNewton(unsigned int limit = 1000) {
@@ -160,8 +156,8 @@ TEST(Newton, ConvexQuadraticTakesOneStepOnceDampingIsSmall) {
   // Step 0 lands on the minimum; step 1 starts there with r < 1e-6: Done.
   EXPECT_EQ(run.rec.States(), (States{kLxCont, kLxCont, kLxDone}));
   EXPECT_EQ(run.rec.Iters(), (States{0, 1, 1}));
-  for (int i = 0; i < 3; ++i)
-    EXPECT_NEAR(run.rec.calls[0].vars[i], quadratic.minimizer()[i], 1e-10);
+  const std::vector<double>& v = run.rec.calls[0].vars;
+  EXPECT_LT(std::hypot(v[0] - 1.0, v[1] + 2.0, v[2] - 3.0), 1e-10);
   EXPECT_LT(run.f, 1e-18);
   // Values at the start and the two trial points; two Hessians.
   EXPECT_EQ((std::vector<int>{counted.values, counted.gradients, counted.hessians}),
@@ -301,22 +297,6 @@ TEST(Newton, IndefiniteHessianIsRepaired) {
   }
 }
 
-TEST(Newton, FailedEigenvalueCheckReportsNotFoundAfterTheRun) {
-  // Constant Hessians: the check sees the last shifted Hessian.
-  for (double h11 : {3.0, -0.5, -5.0}) {
-    SCOPED_TRACE(h11);
-    Scripted constant = Descending(Eigen::Vector2d(2.0, h11).asDiagonal());
-    OpenNewton newton(1);
-    newton.checkEigenvalues_ = true;
-    MessageCapture capture;
-    const Outcome run = RunFrom(newton, constant, {1.0, 1.0});
-    const bool fails = h11 < -1.0;
-    EXPECT_EQ(run.rec.States(),
-              (fails ? States{kLxCont, kLxExhaust, kLxNotFound} : States{kLxCont, kLxExhaust}));
-    EXPECT_EQ(capture.messages.size(), fails ? 1u : 0u);
-  }
-}
-
 // ---------------------------------------------------------------- constrained
 
 // c(x) = s |x|^2 + a^T x - b: a plane (s = 0) or a sphere.
@@ -369,36 +349,12 @@ TEST(ConstrainedNewton, ReachesAnalyticConstrainedMinima) {
   }
 }
 
-TEST(ConstrainedNewton, WithoutConstraintsWarnsAndRunsTheUnconstrainedAlgorithm) {
-  lxtest::Rosenbrock valley;
-  LxNewtonConstrOpt constrained;
-  MessageCapture capture;
-  const Outcome got = RunFrom(constrained, valley, {-1.2, 1.0});
-  EXPECT_EQ(capture.Texts(), std::vector<std::string>{"No constraints has been applied. Will "
-                                                      "perform unconstrained optimization"});
-  OpenNewton plain;  // with this class's defaults
-  plain.precondition_ = 1;
-  plain.initialDamping_ = 10.0;
-  plain.SetTolerance(1e-5);
-  const Outcome expected = RunFrom(plain, valley, {-1.2, 1.0});
-  EXPECT_EQ(got.f, expected.f);
-  EXPECT_EQ(got.out, expected.out);
-  EXPECT_EQ(got.rec.States(), expected.rec.States());
-  EXPECT_EQ(got.rec.Iters(), expected.rec.Iters());
-  EXPECT_EQ(got.rec.calls.back().state, kLxDone);
-  EXPECT_LT(std::hypot(got.out[0] - 1.0, got.out[1] - 1.0), 1e-5);  // the valley floor (1, 1)
-}
-
 TEST(ConstrainedNewton, AddAndRemoveByAddress) {
   Quadric p({1.0}, 0.0), q({1.0}, 0.0), unknown({1.0}, 0.0), other({1.0}, 0.0);
   LxNewtonConstrOpt newton;
-  EXPECT_TRUE(newton.Add(p));
-  EXPECT_FALSE(newton.Add(p));
-  EXPECT_TRUE(newton.Add(q));
-  EXPECT_TRUE(newton.Remove(p));
-  EXPECT_FALSE(newton.Remove(p));
-  EXPECT_FALSE(newton.Remove(unknown));
-  EXPECT_TRUE(newton.Add(other));
+  EXPECT_EQ((std::vector<bool>{newton.Add(p), newton.Add(p), newton.Add(q), newton.Remove(p),
+                               newton.Remove(p), newton.Remove(unknown), newton.Add(other)}),
+            (std::vector<bool>{true, false, true, true, false, false, true}));
   LxNewtonConstrOpt copy(newton);  // shares the constraint objects, not the list
   EXPECT_TRUE(copy.Remove(q));
   EXPECT_EQ(copy.GetImpl()->Constraints(), std::vector<LxConstrFunc*>{&other});
@@ -407,18 +363,16 @@ TEST(ConstrainedNewton, AddAndRemoveByAddress) {
 
 // ---------------------------------------------------------------- allocation
 
-// Counts the state-0 reports after the first that saw a malloc since the
-// previous report; stores nothing on the heap.
+// The mallocs from the first to the last state-0 report; stores nothing on the heap.
 struct MallocWatch : LxCheckpoint1 {
   using LxCheckpoint1::operator();
   bool operator()(
       unsigned, unsigned, double, double, const double*, const double*, unsigned state) override {
-    const long now = Mallocs();
-    if (state == kLxCont && conts++ > 0 && now != last) ++allocatingIterations;
-    last = now;
+    if (state == kLxCont && conts++ == 0) first = Mallocs();
+    if (state == kLxCont) between = Mallocs() - first;
     return true;
   }
-  long last = 0, conts = 0, allocatingIterations = 0;
+  long first = 0, conts = 0, between = 0;
 };
 
 TEST(NewtonAllocation, IterationsDoNotAllocate) {
@@ -443,7 +397,7 @@ TEST(NewtonAllocation, IterationsDoNotAllocate) {
       std::vector<double> start(n, 0.1), out(n);
       (*opt)(f, &watch, start.data(), out.data());
       EXPECT_GE(watch.conts, 3) << indefinite;
-      EXPECT_EQ(watch.allocatingIterations, 0) << indefinite;
+      EXPECT_EQ(watch.between, 0) << indefinite;
     }
   }
 }
