@@ -296,6 +296,45 @@ TEST(GeometryStep, TheFirstSearchMeetsTheStrongWolfeConditions) {
   }
 }
 
+// A line whose values all round to 1000 (the quadratic's change is below an
+// ulp): the slope alone must carry the first search close to the minimum at
+// 0.7, not stop at the first trial (0.1) because its value is not higher.
+TEST(GeometryStep, ValuesLevelToRoundingLeaveTheSearchToTheSlope) {
+  auto df = [](double x) { return 2e-14 * (x - 0.7); };
+  OneVariable line([](double x) { return 1000.0 + 1e-14 * (x - 0.7) * (x - 0.7); }, df);
+  LxBFGSOptimizer opt;
+  opt.SetTolerance(1e-30);
+  opt.SetIterLimit(1);
+  Recorder rec;
+  double start = 0.0, out = 0.0;
+  opt(line, &rec, &start, &out);
+  ASSERT_FALSE(rec.calls.empty());
+  const double x = rec.calls[0].vars[0];
+  EXPECT_GT(x, 0.0);
+  EXPECT_LE(std::fabs(df(x)), 0.3 * std::fabs(df(0.0)));
+}
+
+// The end phase on perturbed icosahedra: the self-scaled updates and the
+// slope-judged searches bring |g| below the tolerance (gradient test, state
+// 9) well before 16 cycles of negligible progress (stall rule, state 12).
+TEST(GeometryStep, PerturbedClustersEndByTheGradientTestNotTheStallRule) {
+  for (double amplitude : {0.1, 0.15}) {
+    SCOPED_TRACE(amplitude);
+    lxtest::LennardJones cluster(13);
+    lxtest::Counting counted(cluster);
+    const std::vector<double> start = lxtest::PerturbedIcosahedron(amplitude);
+    LxBFGSOptimizer opt;
+    opt.SetTolerance(1e-6);
+    Recorder rec;
+    std::vector<double> out(start.size());
+    opt(counted, &rec, start.data(), out.data());
+    ASSERT_GE(rec.calls.size(), 2u);
+    EXPECT_EQ(rec.calls[rec.calls.size() - 2].state, 9u);
+    EXPECT_LT(rec.calls.back().gnorm, 1e-6);
+    EXPECT_LE(counted.gradients, 40);
+  }
+}
+
 // The kept inverse Hessian after runs through non-convex regions: the update
 // (scaled, damped where needed) must leave it positive definite.
 TEST(GeometryStep, KeptInverseHessianIsPositiveDefinite) {

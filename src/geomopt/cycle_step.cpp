@@ -1,7 +1,7 @@
 // One cycle's move of the geometry driver: quasi-Newton direction on the
 // packed inverse Hessian, capped line search, restart on failure, BFGS update
-// (scaled after a restart, damped when curvature is short), and the optional
-// history (DIIS or subspace) step.
+// (scaled after a restart, self-scaled in its first n updates, damped when
+// curvature is short), and the optional history (DIIS or subspace) step.
 #include <cmath>
 
 #include "framework/internal.h"
@@ -42,6 +42,7 @@ void CycleStep::Restart() {
   ResetInverseHessian(h_, n_, 1.0);
   restartGnorm_ = std::sqrt(detail::SquaredNorm(g_, n_));
   fresh_ = true;
+  updates_ = 0;
 }
 
 StepStatus CycleStep::Take(double accuracy, double& displacement) {
@@ -99,7 +100,12 @@ void CycleStep::Update() {
     y_[i] = g_[i] - gOld_[i];
   }
   if (fresh_) ShannoPhuaScale(h_, s_, y_, n_);
-  if (UpdateInverseHessian(h_, s_, y_, hy_, n_)) fresh_ = false;
+  // Self-scaling corrects the scale guessed at the restart while H has not
+  // yet been updated along n directions.
+  if (UpdateInverseHessian(h_, s_, y_, hy_, n_, updates_ < n_)) {
+    fresh_ = false;
+    ++updates_;
+  }
 }
 
 void CycleStep::TryHistoryStep() {

@@ -26,13 +26,21 @@ void ScaleInverseHessian(double* h, unsigned int n, double factor);
 // its first update. False (H unchanged) when s.y / y.y is not a positive
 // finite number.
 bool ShannoPhuaScale(double* h, const double* s, const double* y, unsigned int n);
-// BFGS update of the inverse Hessian with the step s and gradient change y:
+// Restricted self-scaling: the factor tau = max(1, s.y / y.Hy) by which H is
+// scaled before an update, so that H y is no shorter than the step s says
+// (an H that underestimates the inverse curvature along y is enlarged, one
+// that overestimates it is left to the update). 1 when s.y / y.Hy is not a
+// finite number above 1.
+double SelfScaleFactor(double sy, double yhy);
+// BFGS update of the inverse Hessian with the step s and gradient change y,
+// after H = tau H (SelfScaleFactor) when selfScale is set:
 //   H+ = H + (1 + y.Hy / s.y) s s^T / s.y - (Hy s^T + s (Hy)^T) / s.y
 // hy is scratch of n doubles. When s.y < 0.2 y.Hy, s is first replaced by the
 // damped s = theta s + (1 - theta) H y with s.y = 0.2 y.Hy (Powell's damping
-// in its inverse form), so H stays positive definite. Skipped (returns false)
-// when y or H y vanish or are not finite.
-bool UpdateInverseHessian(double* h, double* s, const double* y, double* hy, unsigned int n);
+// in its inverse form), so H stays positive definite. Skipped (returns false,
+// H unchanged) when y or H y vanish or are not finite.
+bool UpdateInverseHessian(double* h, double* s, const double* y, double* hy, unsigned int n,
+                          bool selfScale);
 
 // ------------------------------------------------ step cap (trust radius)
 
@@ -70,9 +78,10 @@ struct LineWork {
   double* gBest;
 };
 
-// found: a point with a value strictly below line.f was accepted; its step a
-// (multiple of dir), value and gradient (in work.gBest) are returned. capped:
-// the accepted step is maxStep.
+// found: a point was accepted whose value is below line.f, or level with it
+// within rounding (a few ulps) where the slope shows the line's minimum
+// near; its step a (multiple of dir), value and gradient (in work.gBest) are
+// returned. capped: the accepted step is maxStep.
 struct LineResult {
   bool found;
   double step;
@@ -81,11 +90,12 @@ struct LineResult {
 };
 
 // Moré-Thuente search for a step meeting the strong Wolfe conditions
-// (c1 = 1e-4, c2 = 0.9). firstStep is the first trial a; no trial goes
-// beyond maxStep, and a trial at maxStep that is still going down steeply is
-// accepted there. accuracy: the search stops refining once the bracket is
-// narrower than accuracy times its upper end, and then takes the lowest point
-// found. At most 20 trials.
+// (c1 = 1e-4, c2 = 0.9), judged by the slope alone (|phi'| <= 0.3 |phi'(0)|)
+// for values level with line.f to rounding. firstStep is the first trial a;
+// no trial goes beyond maxStep, and a trial at maxStep that is still going
+// down steeply is accepted there. accuracy: the search stops refining once
+// the bracket is narrower than accuracy times its upper end, and then takes
+// the lowest point found. At most 20 trials.
 LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep,
                         double maxStep, double accuracy);
 
@@ -158,7 +168,7 @@ class CycleStep {
   // Takes the accepted point of a search: x += step dir, g = gBest, f = fNew.
   void Move(double step, double fNew);
   // BFGS update from the move xOld -> x, gOld -> g; scales H first after a
-  // restart.
+  // restart (Shanno-Phua) and self-scales it in the first n updates.
   void Update();
   void TryHistoryStep();
   // Moves to xTrial (in xt) when its value is lower than f.
@@ -182,7 +192,8 @@ class CycleStep {
   double* gt_;
   double* gBest_;
   double* historyWork_;  // 2 n
-  bool fresh_ = true;    // H was (re)started and has not been updated since
+  bool fresh_ = true;         // H was (re)started and has not been updated since
+  unsigned int updates_ = 0;  // updates since H was (re)started
   double restartGnorm_ = 0.0;
   double radius_ = kInitialRadius;  // step cap per atom
 };

@@ -5,6 +5,12 @@
 // expanded so that only H y is needed) with Powell's damping (M. J. D.
 // Powell, Lecture Notes in Math. 630 (1978) 144; N&W procedure 18.2) in its
 // inverse form: the roles of s and y swap, so s is damped towards H y.
+// Before an update H may be scaled up when it is too small along y (the
+// restricted self-scaling of Oren and Luenberger's factor, M. Al-Baali,
+// J. Optim. Theory Appl. 96 (1998) 533, in its inverse form); the caller
+// does so only in the first updates after a restart, as sizing studies
+// advise (M. Contreras and R. A. Tapia, J. Optim. Theory Appl. 78 (1993) 93),
+// so that later updates keep the pure BFGS end phase.
 //
 // Names: s = x_new - x_old (N&W s_k), y = g_new - g_old (y_k), rho = 1 / s.y.
 #include <cmath>
@@ -53,11 +59,23 @@ bool ShannoPhuaScale(double* h, const double* s, const double* y, unsigned int n
   return true;
 }
 
-bool UpdateInverseHessian(double* h, double* s, const double* y, double* hy, unsigned int n) {
+double SelfScaleFactor(double sy, double yhy) {
+  const double tau = sy / yhy;
+  return tau > 1.0 && std::isfinite(tau) ? tau : 1.0;
+}
+
+bool UpdateInverseHessian(double* h, double* s, const double* y, double* hy, unsigned int n,
+                          bool selfScale) {
   MatXVec(h, y, hy, n);
-  const double yhy = detail::Dot(y, hy, n);
+  double yhy = detail::Dot(y, hy, n);
   if (!(yhy > 0.0) || !std::isfinite(yhy)) return false;
   double sy = detail::Dot(s, y, n);
+  // H is scaled by tau in the update loop below; H y and y.Hy scale with it.
+  const double tau = selfScale ? SelfScaleFactor(sy, yhy) : 1.0;
+  if (tau != 1.0) {
+    for (unsigned int i = 0; i < n; ++i) hy[i] *= tau;
+    yhy = sy;
+  }
   if (!(sy >= kDampRatio * yhy)) {
     // theta = (1 - r) y.Hy / (y.Hy - s.y) gives s.y = r y.Hy for the new s.
     const double theta = (1.0 - kDampRatio) * yhy / (yhy - sy);
@@ -67,11 +85,12 @@ bool UpdateInverseHessian(double* h, double* s, const double* y, double* hy, uns
   }
   const double rho = 1.0 / sy;
   const double a = (1.0 + yhy * rho) * rho;  // coefficient of s s^T
-  // H_ij += a s_i s_j - rho (Hy_i s_j + s_i Hy_j)
+  // H_ij = tau H_ij + a s_i s_j - rho (Hy_i s_j + s_i Hy_j)
   for (unsigned int i = 0; i < n; ++i) {
     double* row = h + PackedSize(i);
     const double asi = a * s[i], rhyi = rho * hy[i], rsi = rho * s[i];
-    for (unsigned int j = 0; j <= i; ++j) row[j] += asi * s[j] - rhyi * s[j] - rsi * hy[j];
+    for (unsigned int j = 0; j <= i; ++j)
+      row[j] = tau * row[j] + asi * s[j] - rhyi * s[j] - rsi * hy[j];
   }
   return true;
 }

@@ -11,8 +11,17 @@
 // trial stp; each new trial comes from cubic or quadratic interpolation of
 // the end points, safeguarded so that the interval shrinks geometrically once
 // a minimiser is bracketed and extrapolates by a bounded factor before.
+//
+// Near a minimum, phi(a) - phi(0) sinks below the rounding error of the
+// values while the slopes stay accurate. A trial whose value lies within a
+// few ulps of phi(0) is therefore judged by its slope alone: it counts as
+// level with the start when the interval is updated, and it is accepted when
+// |phi'(a)| <= c2' |phi'(0)| with a tighter c2' (the approximate Wolfe
+// conditions of W. W. Hager and H. Zhang, SIAM J. Optim. 16 (2005) 170, with
+// an error bound of a few ulps instead of their relative 1e-6).
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "framework/internal.h"
 #include "geomopt/geom_internal.h"
@@ -34,6 +43,11 @@ constexpr double kShrink = 0.66;
 // share of its distance from stx.
 constexpr double kNonFiniteBacktrack = 0.1;
 constexpr unsigned int kMaxTrials = 20;
+// Values within this many ulps of phi(0) are level with it (rounding of the
+// objective's sum); such a trial is accepted when its slope has fallen to
+// kLevelC2 of phi'(0).
+constexpr double kLevelUlps = 16.0;
+constexpr double kLevelC2 = 0.3;
 
 // One end point or trial of the search: step, value, slope.
 struct Sample {
@@ -125,6 +139,11 @@ double SafeguardedStep(Sample& x, Sample& y, const Sample& t, bool& bracketed, d
   return next;
 }
 
+// |f - f0| is within the rounding of values of f0's size.
+bool LevelWith(double f, double f0) {
+  return std::fabs(f - f0) <= kLevelUlps * std::numeric_limits<double>::epsilon() * std::fabs(f0);
+}
+
 // phi(a) and phi'(a); the gradient is left in work.gt.
 Sample Evaluate(const Line& line, const LineWork& work, double a) {
   for (unsigned int i = 0; i < line.n; ++i) work.xt[i] = line.x[i] + a * line.dir[i];
@@ -154,26 +173,30 @@ LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep
   double best = 0.0, fBest = line.f;
 
   for (unsigned int trial = 0; trial < kMaxTrials; ++trial) {
-    const Sample t = Evaluate(line, work, stp);
-    if (!std::isfinite(t.f) || !std::isfinite(t.d)) {
+    const Sample found = Evaluate(line, work, stp);
+    if (!std::isfinite(found.f) || !std::isfinite(found.d)) {
       limit = stp;
       stp = x.a + kNonFiniteBacktrack * (stp - x.a);
       hi = std::min(hi, limit);
       continue;
     }
-    if (t.f < fBest) {
+    if (found.f < fBest) {
       detail::Copy(work.gt, work.gBest, n);
       best = stp;
-      fBest = t.f;
+      fBest = found.f;
     }
-    const bool decrease = t.f <= line.f + stp * slopeTest;
-    const bool wolfe = decrease && std::fabs(t.d) <= -kC2 * origin.d;
+    // A level trial steers the search as if its value were phi(0).
+    const bool level = LevelWith(found.f, line.f);
+    const Sample t{found.a, level ? line.f : found.f, found.d};
+    const bool decrease = level || t.f <= line.f + stp * slopeTest;
+    const bool wolfe = level ? std::fabs(t.d) <= -kLevelC2 * origin.d
+                             : decrease && std::fabs(t.d) <= -kC2 * origin.d;
     // At the step limit and still going down steeply: the caller may widen
     // its limit.
     const bool capped = stp >= maxStep && decrease && t.d <= slopeTest;
     if (wolfe || capped) {
       detail::Copy(work.gt, work.gBest, n);
-      return {true, stp, t.f, !wolfe};
+      return {true, stp, found.f, !wolfe};
     }
     if (stage1 && decrease && t.d >= std::min(kC1, kC2) * origin.d) stage1 = false;
 
