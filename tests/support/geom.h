@@ -1,14 +1,13 @@
 // Test support for the geometry driver and annealing: a Lennard-Jones
-// cluster with a perturbed icosahedral start, a kink that keeps its gradient
-// and separable double wells.
+// cluster with a perturbed icosahedral start and separable double wells.
 #ifndef LXOPT_TESTS_SUPPORT_GEOM_H
 #define LXOPT_TESTS_SUPPORT_GEOM_H
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <vector>
 
+#include "../../bench/problems/clusters.h"
 #include "support/problems.h"
 
 namespace lxtest {
@@ -48,38 +47,8 @@ class LennardJones : public Objective {
 // A centred icosahedron of radius 1.1 with every coordinate moved by up to
 // +-amplitude (fixed seed): 13 atoms, 39 values.
 inline std::vector<double> PerturbedIcosahedron(double amplitude) {
-  const double phi = (1.0 + std::sqrt(5.0)) / 2.0;
-  const double scale = 1.1 / std::sqrt(1.0 + phi * phi);
-  std::vector<double> x = {0.0, 0.0, 0.0};
-  for (double a : {-1.0, 1.0})
-    for (double b : {-phi, phi}) {
-      for (double v : {0.0, a, b}) x.push_back(v * scale);
-      for (double v : {a, b, 0.0}) x.push_back(v * scale);
-      for (double v : {b, 0.0, a}) x.push_back(v * scale);
-    }
-  std::mt19937 engine(7);
-  std::uniform_real_distribution<double> shift(-amplitude, amplitude);
-  for (double& v : x) v += shift(engine);
-  return x;
+  return lxbench::PerturbedCluster::Perturbed(lxbench::Icosahedron13(), 7, amplitude);
 }
-
-// f = slope |x_0| over n variables: the gradient never shrinks below slope,
-// while the values near the kink barely change.
-class Kink : public Objective {
- public:
-  using Objective::operator();
-  Kink(unsigned int n, double slope) : n_(n), slope_(slope) {}
-  unsigned int NumVar() const override { return n_; }
-  double operator()(const double* x) override { return slope_ * std::fabs(x[0]); }
-  double operator()(const double* x, double* g) override {
-    for (unsigned int i = 0; i < n_; ++i) g[i] = i != 0 ? 0.0 : x[0] >= 0.0 ? slope_ : -slope_;
-    return (*this)(x);
-  }
-
- private:
-  unsigned int n_;
-  double slope_;
-};
 
 // Separable wells: f = sum_i w(x_i), w(t) = (t^2 - 4)^2 / 4 + 0.5 t, with a
 // local minimum near t = +2 (w ~ +0.97) and the global one near t = -2

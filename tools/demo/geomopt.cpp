@@ -3,36 +3,19 @@
 // printing its cycle lines.
 #include <cmath>
 #include <cstdio>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "demo/demo.h"
-#include "problems/extra.h"
+#include "problems/clusters.h"
 
 namespace demo {
 namespace {
 
-// A centred icosahedron of radius 1.1, every coordinate moved by up to 0.1.
-std::vector<double> PerturbedIcosahedron() {
-  const double phi = (1.0 + std::sqrt(5.0)) / 2.0;
-  const double scale = 1.1 / std::sqrt(1.0 + phi * phi);
-  std::vector<double> x = {0.0, 0.0, 0.0};
-  for (double a : {-1.0, 1.0})
-    for (double b : {-phi, phi}) {
-      for (double v : {0.0, a, b}) x.push_back(v * scale);
-      for (double v : {a, b, 0.0}) x.push_back(v * scale);
-      for (double v : {b, 0.0, a}) x.push_back(v * scale);
-    }
-  std::mt19937 engine(2024);
-  std::uniform_real_distribution<double> shift(-0.1, 0.1);
-  for (double& v : x) v += shift(engine);
-  return x;
-}
-
 void RelaxCluster(const Options&) {
   lxbench::LennardJones13 cluster;
-  const std::vector<double> start = PerturbedIcosahedron();
+  const std::vector<double> start =  // every coordinate moved by up to 0.1
+      lxbench::PerturbedCluster::Perturbed(lxbench::Icosahedron13(), 2024, 0.1);
   std::vector<double> ref = start, out(start.size());
 
   // The checkpoint's lines are informational messages: show them here.
