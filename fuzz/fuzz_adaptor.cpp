@@ -53,11 +53,6 @@ std::vector<double> Pose(Bytes& in) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  lxfuzz::Quiet();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Bytes in(data, size);
   const unsigned int points = in.Below(kMaxPoints + 1);

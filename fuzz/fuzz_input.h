@@ -13,11 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <limits>
 #include <memory>
-#include <ostream>
-#include <streambuf>
 #include <vector>
 
 #include "lxopt/function.h"
@@ -366,19 +363,6 @@ inline std::vector<double> StartPoint(Bytes& in, unsigned int n) {
   const bool moderate = in.Below(4) != 0;
   for (double& v : x) v = moderate ? in.Moderate(4.0) : in.Number();
   return x;
-}
-
-// Silences the library's messages and progress lines (the fuzzers call the
-// warning paths millions of times) and the minimum finder's notices.
-inline void Quiet() {
-  struct NullBuffer : std::streambuf {
-    int overflow(int c) override { return c; }
-  };
-  static NullBuffer buffer;
-  static std::ostream nowhere(&buffer);
-  LxOpt::LxSetMessageSink([](LxOpt::LxMessageLevel, const std::string&) {});
-  LxOpt::LxSetOutputStream(&nowhere);
-  std::cerr.rdbuf(&buffer);
 }
 
 }  // namespace lxfuzz

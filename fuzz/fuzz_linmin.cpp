@@ -35,11 +35,6 @@ bool SameBits(const std::vector<double>& a, const std::vector<double>& b) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  lxfuzz::Quiet();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Bytes in(data, size);
   const unsigned int n = in.Below(kMaxVariables + 1);

@@ -41,11 +41,6 @@ LxOpt::GradDiff Record(Bytes& in, LxOpt::LxFunc1& func, const std::vector<double
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  lxfuzz::Quiet();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Bytes in(data, size);
   const unsigned int what = in.Below(5);

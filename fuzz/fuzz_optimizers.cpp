@@ -117,11 +117,6 @@ void RunBFGSFamily(LxOpt::LxBFGSOpt& opt, lxfuzz::Polynomial& func, Bytes& in, u
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  lxfuzz::Quiet();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Bytes in(data, size);
   const unsigned int choice = in.Below(kChoices);

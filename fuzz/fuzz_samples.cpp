@@ -44,11 +44,6 @@ class Plain : public LxOpt::LxFunc1 {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  lxfuzz::Quiet();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Bytes in(data, size);
   MinfinderSamplePoints store;
