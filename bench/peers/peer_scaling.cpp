@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "lxopt/lxopt.h"
+#include "../bench_support.h"
 
 namespace {
 
@@ -48,39 +49,22 @@ double Median(std::vector<double> v) {
   return v[v.size() / 2];
 }
 
-// sum_i d_i (x_i - 1)^2, d_i from 1 to 1e4 geometrically: cheap, and far
-// from converged after a few iterations from the origin.
-class CheapQuadratic : public LxOpt::LxFunc1 {
+// The benchmarks' cheap quadratic, counting its calls (a value-and-gradient
+// call counts as both).
+class CheapQuadratic : public lxbench::CheapQuadratic {
  public:
-  using LxOpt::LxFunc1::operator();
-  explicit CheapQuadratic(size_t n) : d_(n) {
-    for (size_t i = 0; i < n; ++i) d_[i] = std::pow(1e4, double(i) / double(n - 1));
-  }
-  unsigned int NumVar() const override { return static_cast<unsigned int>(d_.size()); }
+  using lxbench::CheapQuadratic::CheapQuadratic;
+  using lxbench::CheapQuadratic::operator();
   double operator()(const double* x) override {
     ++values;
-    double f = 0.0;
-    for (size_t i = 0; i < d_.size(); ++i) f += d_[i] * (x[i] - 1.0) * (x[i] - 1.0);
-    return f;
+    return lxbench::CheapQuadratic::operator()(x);
   }
   double operator()(const double* x, double* g) override {
     ++values;
     ++gradients;
-    double f = 0.0;
-    for (size_t i = 0; i < d_.size(); ++i) {
-      const double e = x[i] - 1.0;
-      g[i] = 2.0 * d_[i] * e;
-      f += d_[i] * e * e;
-    }
-    return f;
-  }
-  std::vector<LxOpt::LxFComponent> GetFComponents(const double* x) override {
-    return {{"quadratic", (*this)(x)}};
+    return lxbench::CheapQuadratic::operator()(x, g);
   }
   long values = 0, gradients = 0;
-
- private:
-  std::vector<double> d_;
 };
 
 // 0.5 x'Ax - b'x with a dense symmetric positive definite A (fixed seed).
