@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/minfinder.h"
 #include "support/problems.h"
 
 namespace {
@@ -36,26 +37,6 @@ struct CountingValidity : F {
   using F::F;
   bool CheckVariablesValidity(const double*) override { return ++validityCalls > 0; }
   long validityCalls = 0;
-};
-
-// Two-variable objectives whose value comes with the gradient.
-struct Objective2 : lxtest::Objective {
-  using lxtest::Objective::operator();
-  unsigned int NumVar() const override { return 2; }
-  double operator()(const double* x) override { return (*this)(x, Vec(2).data()); }
-};
-
-// (x^2 + y - 11)^2 + (x + y^2 - 7)^2: four minima of value 0, a maximum and
-// four saddles in [-5, 5]^2. Value and gradient are not numbers for x > hole.
-struct Himmelblau : Objective2 {
-  using Objective2::operator();
-  double operator()(const double* x, double* g) override {
-    const double a = x[0] * x[0] + x[1] - 11.0, b = x[0] + x[1] * x[1] - 7.0;
-    g[0] = x[0] > hole ? kNaN : 4.0 * x[0] * a + 2.0 * b;
-    g[1] = 2.0 * a + 4.0 * x[1] * b;
-    return x[0] > hole ? kNaN : a * a + b * b;
-  }
-  double hole = 1e300;
 };
 
 // x^2 (x^2 - 4)^2 + 0.1 x + (y^2 - 1)^2 + 0.05 y: six wells near x = -2, 0, 2 and

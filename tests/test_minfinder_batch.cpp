@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/minfinder.h"
 #include "support/problems.h"
 
 namespace {
@@ -14,24 +15,8 @@ namespace {
 using namespace LxOpt;
 using namespace LxOpt::LxMinfinder;
 using Vec = std::vector<double>;
-
-// Two-variable objectives whose value comes with the gradient.
-struct Objective2 : lxtest::Objective {
-  using lxtest::Objective::operator();
-  unsigned int NumVar() const override { return 2; }
-  double operator()(const double* x) override { return (*this)(x, Vec(2).data()); }
-};
-
-// (x^2 + y - 11)^2 + (x + y^2 - 7)^2: four minima of value 0 and saddles.
-struct Himmelblau : Objective2 {
-  using Objective2::operator();
-  double operator()(const double* x, double* g) override {
-    const double a = x[0] * x[0] + x[1] - 11.0, b = x[0] + x[1] * x[1] - 7.0;
-    g[0] = 4.0 * x[0] * a + 2.0 * b;
-    g[1] = 2.0 * a + 4.0 * x[1] * b;
-    return a * a + b * b;
-  }
-};
+using lxtest::Himmelblau;
+using lxtest::Objective2;
 
 // (x^2 - 1)^4 + (y^2 - 1)^4 + 0.1 x + 0.2 y: four flat-bottomed wells, where
 // BFGS stops short and a random neighbour is often lower: validations end
