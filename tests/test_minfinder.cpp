@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <iostream>
-#include <limits>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,7 +20,6 @@ using Finder = LxOpt::LxMinfinder::LxMinfinder;
 using Vec = std::vector<double>;
 using Texts = std::vector<std::string>;
 
-const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const Vec kWellsLower{-3, -2}, kWellsUpper{3, 2};
 
 // Collects what is written to std::cerr while alive.
