@@ -2,10 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <functional>
+#include <memory>
+#include <stdexcept>
 #include <cmath>
 #include <limits>
 #include <string>
 
+#include "support/geom.h"
 #include "support/problems.h"
 
 namespace {
@@ -157,6 +161,177 @@ TEST(Version, StringsAndRegistration) {
   for (const LxVersionRecord& r : LxRegisteredVersions())
     registered += r.library == "LxOpt" && r.family == "lxsuite" && r.release == "2.9.2.0";
   EXPECT_EQ(registered, 1);
+}
+
+// ---------------------------------------------------------------- ask / tell
+
+// Forwards to an objective and records every point evaluated, tagged with
+// whether the gradient was asked for.
+class Logging : public lxtest::Objective {
+ public:
+  using Objective::operator();
+  explicit Logging(LxFunc1& inner) : inner_(inner) {}
+  unsigned int NumVar() const override { return inner_.NumVar(); }
+  double operator()(const double* x) override { return Log(x, false), inner_(x); }
+  double operator()(const double* x, double* g) override { return Log(x, true), inner_(x, g); }
+  std::vector<std::pair<Vec, bool>> points;
+
+ private:
+  void Log(const double* x, bool gradient) { points.push_back({Vec(x, x + NumVar()), gradient}); }
+  LxFunc1& inner_;
+};
+
+// What a run leaves: the value, the final point and the last state reported.
+struct RunEnd {
+  double value;
+  Vec x;
+  unsigned int state;
+  bool operator==(const RunEnd& o) const { return value == o.value && x == o.x && state == o.state; }
+};
+
+// Drives a started run to its end with f, logging what it asks for.
+RunEnd Drive(LxAskTell& run, LxFunc1& f, std::vector<std::pair<Vec, bool>>& asked) {
+  const unsigned int n = f.NumVar();
+  Vec g(n);
+  while (const double* x = run.Ask()) {
+    asked.push_back({Vec(x, x + n), run.GradientWanted()});
+    const double value = run.GradientWanted() ? f(x, g.data()) : f(x);
+    EXPECT_TRUE(run.Tell(value, g.data()));
+  }
+  EXPECT_TRUE(run.Finished());
+  return {run.GetValue(), Vec(run.GetPoint(), run.GetPoint() + n), run.GetState()};
+}
+
+struct AskTellCase {
+  std::string name;
+  std::function<std::unique_ptr<LxOptimizer1>()> make;
+  std::function<std::unique_ptr<LxFunc1>()> objective;
+  Vec start;
+};
+
+std::vector<AskTellCase> AskTellCases() {
+  auto lj = [] { return std::unique_ptr<LxFunc1>(new lxtest::LennardJones(13)); };
+  auto rosen = [] { return std::unique_ptr<LxFunc1>(new lxtest::Rosenbrock); };
+  return {
+      {"Geometry", [] { return std::unique_ptr<LxOptimizer1>(new LxBFGSOptimizer); }, lj,
+       lxtest::PerturbedIcosahedron(0.1)},
+      {"Geometry tight", [] {
+         auto o = std::make_unique<LxBFGSOptimizer>();
+         o->SetTolerance(1e-6);
+         return std::unique_ptr<LxOptimizer1>(std::move(o));
+       }, rosen, {-1.2, 1.0}},
+      {"LBFGS", [] {
+         auto o = std::make_unique<LxLBFGSOpt>();
+         o->SetTolerance(1e-12);
+         return std::unique_ptr<LxOptimizer1>(std::move(o));
+       }, lj, lxtest::PerturbedIcosahedron(0.1)},
+      {"BFGS", [] { return std::unique_ptr<LxOptimizer1>(new LxBFGSOpt); }, rosen, {-1.2, 1.0}},
+      {"ConjGrad", [] { return std::unique_ptr<LxOptimizer1>(new LxConjGradOpt); }, rosen,
+       {-1.2, 1.0}},
+  };
+}
+
+// The run asks for exactly the points a direct call evaluates, in the same
+// order and with the same value-only requests, and ends with the direct
+// call's value, point and final state.
+TEST(AskTell, AsksForTheDirectRunsPointsAndEndsAlike) {
+  for (const AskTellCase& c : AskTellCases()) {
+    std::unique_ptr<LxFunc1> f = c.objective();
+    Logging logged(*f);
+    Recorder rec;
+    Vec out(c.start.size());
+    const double value = (*c.make())(logged, &rec, c.start.data(), out.data());
+    const RunEnd direct{value, out, rec.calls.back().state};
+
+    std::unique_ptr<LxOptimizer1> opt = c.make();
+    LxAskTell run;
+    run.Start(*opt, c.start.data(), f->NumVar());
+    std::vector<std::pair<Vec, bool>> asked;
+    const RunEnd driven = Drive(run, *f, asked);
+    EXPECT_GT(asked.size(), 10u) << c.name;
+    EXPECT_TRUE(asked == logged.points) << c.name;
+    EXPECT_TRUE(driven == direct) << c.name;
+    EXPECT_EQ(run.GetEvaluations(), asked.size()) << c.name;
+    EXPECT_EQ(run.GetIterations(), rec.calls.back().iter) << c.name;
+    EXPECT_TRUE(run.Ask() == nullptr && !run.Tell(0.0, out.data())) << c.name;
+  }
+}
+
+// Asking twice gives the same point; a tell needs a waiting point and the
+// gradient it wants; a reset mid-run, a restart and the destruction of a
+// running object leave the next run as a fresh one would be.
+TEST(AskTell, ProtocolResetAndRestart) {
+  lxtest::LennardJones lj(13);
+  const Vec start = lxtest::PerturbedIcosahedron(0.1);
+  const unsigned int n = lj.NumVar();
+  LxBFGSOptimizer opt;
+  LxAskTell run;
+  EXPECT_TRUE(run.Ask() == nullptr && !run.Finished() && run.GetPoint() == nullptr);
+  EXPECT_FALSE(run.Tell(1.0, start.data()));
+
+  run.Start(opt, start.data(), n);
+  const double* first = run.Ask();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(Vec(first, first + n), start);
+  EXPECT_EQ(run.Ask(), first);
+  EXPECT_TRUE(run.GradientWanted());
+  EXPECT_FALSE(run.Tell(1.0, nullptr));
+  Vec g(n);
+  for (int k = 0; k < 5; ++k) {
+    const double* x = run.Ask();
+    EXPECT_TRUE(run.Tell(lj(x, g.data()), g.data()));
+  }
+  EXPECT_FALSE(run.Finished());
+  run.Reset();
+  EXPECT_TRUE(run.Ask() == nullptr && !run.Finished() && run.GetPoint() == nullptr);
+
+  std::vector<std::pair<Vec, bool>> again, fresh;
+  run.Start(opt, start.data(), n);
+  run.Ask();
+  run.Start(opt, start.data(), n);  // restarts a run that waits for a value
+  const RunEnd a = Drive(run, lj, again);
+  LxBFGSOptimizer other;
+  LxAskTell second;
+  second.Start(other, start.data(), n);
+  const RunEnd b = Drive(second, lj, fresh);
+  EXPECT_TRUE(a == b && again == fresh);
+  EXPECT_LT(a.value, lxtest::LennardJones::kIcosahedronMinimum + 1e-4);
+
+  auto abandoned = std::make_unique<LxAskTell>();
+  abandoned->Start(opt, start.data(), n);
+  abandoned->Ask();
+  abandoned.reset();  // the worker waits for a value and must still end
+}
+
+// An exception escaping the optimizer (here from the caller's checkpoint)
+// reaches the caller from Ask, once; a later run is unaffected.
+TEST(AskTell, CheckpointExceptionReachesAsk) {
+  struct Throwing : LxCheckpoint1 {
+    using LxCheckpoint1::operator();
+    bool operator()(unsigned int iter, unsigned int, double, double, const double*, const double*,
+                    unsigned int) override {
+      if (iter == 2) throw std::runtime_error("stop here");
+      return true;
+    }
+  } throwing;
+  lxtest::Rosenbrock r;
+  const Vec start = {-1.2, 1.0};
+  LxLBFGSOpt opt;
+  opt.SetTolerance(1e-14);
+  LxAskTell run;
+  run.Start(opt, start.data(), 2, &throwing);
+  Vec g(2);
+  std::string caught;
+  try {
+    while (const double* x = run.Ask()) run.Tell(r(x, g.data()), g.data());
+  } catch (const std::runtime_error& e) {
+    caught = e.what();
+  }
+  EXPECT_EQ(caught, "stop here");
+  EXPECT_TRUE(run.Ask() == nullptr && run.Finished());
+  std::vector<std::pair<Vec, bool>> asked;
+  run.Start(opt, start.data(), 2);
+  EXPECT_LT(Drive(run, r, asked).value, 1e-6);
 }
 
 }  // namespace

@@ -494,6 +494,8 @@ void BindMinFinder(py::module_& m) {
 
 }  // namespace
 
+void bind_steps(py::module_& m);  // steps.cpp: lxopt.AskTell
+
 PYBIND11_MODULE(_lxopt, m) {
   m.doc() = "Compiled core of lxopt";
   m.def("state_name", &LxGetStateName, py::arg("state"));
@@ -535,4 +537,5 @@ PYBIND11_MODULE(_lxopt, m) {
 
   BindNewtonConstrained(m);
   BindMinFinder(m);
+  bind_steps(m);
 }

@@ -5,6 +5,7 @@
 #include "lxopt/host.h"
 #include "lxopt/function.h"
 #include "lxopt/optimizer.h"
+#include "lxopt/asktell.h"
 #include "lxopt/linmin.h"
 #include "lxopt/conjgrad.h"
 #include "lxopt/steepest.h"

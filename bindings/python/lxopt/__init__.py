@@ -14,11 +14,12 @@ from ._lxopt import (BFGS, DFP, LBFGS, Anneal, BFGSCarry, ConjGrad,
                      FletcherReeves, Geometry, HestenesStiefel, MinFinder, Newton,
                      NewtonConstrained, PolakRibiere, SteepestDescent, release,
                      state_name)
+from ._lxopt import AskTell  # reverse communication; lxopt.ase and lxopt.rdkit use it
 
 __all__ = ["minimize", "OptimizeResult", "BFGS", "BFGSCarry", "LBFGS", "DFP", "ConjGrad",
            "FletcherReeves", "PolakRibiere", "HestenesStiefel", "SteepestDescent",
            "Newton", "NewtonConstrained", "Geometry", "Anneal", "MinFinder", "state_name",
-           "release", "METHODS"]
+           "release", "METHODS", "AskTell"]
 __version__ = release
 
 logging.getLogger("lxopt").addHandler(logging.NullHandler())

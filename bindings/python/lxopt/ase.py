@@ -1,0 +1,142 @@
+"""LxOpt's optimizers as ASE optimizers.
+
+    from lxopt.ase import Geometry
+    opt = Geometry(atoms, logfile="-", trajectory="relax.traj", maxstep=0.2)
+    opt.run(fmax=0.05, steps=200)
+
+Geometry (the geometry BFGS driver), BFGS and LBFGS follow the conventions
+of ase.optimize: run(fmax, steps), convergence when the largest atomic force
+is below fmax (decided by ASE's own loop), logfile, trajectory, attach, and
+constraints (FixAtoms) and cell filters (ExpCellFilter, UnitCellFilter)
+through whatever object is passed as atoms.
+
+Each ASE step is one force call: the optimizer runs through lxopt.AskTell,
+so the points evaluated are exactly the ones the same optimizer evaluates
+through its minimize(), line-search trials included (a step may therefore
+raise the energy). Should the optimizer end on its own before ASE's test is
+met (the driver stops after 16 cycles that barely lower the energy), a new
+run starts from its final point.
+
+maxstep (Å) sets the length unit of the optimizer's variables. For Geometry
+it is the driver's per-atom trust radius at the start of a run: no atom
+moves farther than maxstep in a step until a line search ends at that limit
+still going steeply downhill, after which the radius grows fourfold; the
+first step moves the farthest atom by maxstep / 10. For LBFGS and BFGS it
+bounds the move of each atom in the first step (along the forces); later
+steps follow the quasi-Newton model and are not capped. The default None
+takes a unit of 1 Å.
+"""
+import numpy as np
+from ase.optimize.optimize import Optimizer
+
+from . import _lxopt
+
+__all__ = ["Geometry", "BFGS", "LBFGS"]
+
+# The optimizer's own tests are switched off (ASE's fmax test decides); its
+# iteration limit is the largest it takes.
+_NO_TOLERANCE = 0.0
+_NO_LIMIT = 2**32 - 1
+# Positions within this (relative to the coordinates' size) of the point
+# asked for count as that point; cell filters return their positions
+# recomputed to rounding.
+_SAME_POINT = 1e-10
+
+
+def _same_point(a, b):
+    return a.shape == b.shape and \
+        np.allclose(a, b, rtol=0.0, atol=_SAME_POINT * (1.0 + np.abs(b).max(initial=0.0)))
+
+
+class _AskTellOptimizer(Optimizer):
+    """An ASE optimizer whose steps are an lxopt optimizer's evaluations."""
+
+    def __init__(self, atoms, restart=None, logfile="-", trajectory=None, maxstep=None,
+                 master=None, append_trajectory=False, force_consistent=None):
+        if restart is not None:
+            raise ValueError(f"{type(self).__name__} keeps no restart file")
+        if maxstep is not None and not maxstep > 0:
+            raise ValueError("maxstep must be a positive length in Å")
+        self.maxstep = maxstep
+        Optimizer.__init__(self, atoms, restart, logfile, trajectory, master,
+                           append_trajectory=append_trajectory,
+                           force_consistent=force_consistent)
+
+    def _optimizer(self):
+        """A new lxopt optimizer object with its own tests switched off."""
+        raise NotImplementedError
+
+    def initialize(self):
+        self._run = None
+        self._asked = None  # the positions set for the point waiting for its value
+        self._unit = self.maxstep if self.maxstep is not None else 1.0
+
+    def todict(self):
+        return {**Optimizer.todict(self), "maxstep": self.maxstep}
+
+    def _start(self, positions):
+        opt = self._optimizer()
+        opt.tolerance = _NO_TOLERANCE
+        opt.iter_limit = _NO_LIMIT
+        self._run = _lxopt.AskTell(opt, positions.ravel() / self._unit)
+        self._asked = positions
+
+    def step(self, f=None):
+        atoms = self.atoms
+        if f is None:
+            f = atoms.get_forces()
+        x = atoms.get_positions()
+        e = atoms.get_potential_energy(force_consistent=self.force_consistent)
+        g = -np.asarray(f, dtype=float).ravel() * self._unit
+        if self._run is None or not _same_point(x, self._asked):
+            self._start(x)  # first step, or the positions were changed from outside
+        fresh_runs = 0
+        while True:
+            if _same_point(x, self._asked):
+                self._run.ask()
+                self._run.tell(e, g)
+            u = self._run.ask()
+            if u is None:
+                # The run ended on its own: start again from its final point,
+                # once per step; a second end means no lower point is found.
+                fresh_runs += 1
+                if fresh_runs > 1:
+                    self.max_steps = 0
+                    return
+                self._start(self._run.x.reshape(x.shape) * self._unit)
+                continue
+            p = u.reshape(x.shape) * self._unit
+            self._asked = p
+            if not _same_point(x, p):
+                atoms.set_positions(p)
+                return
+
+
+class Geometry(_AskTellOptimizer):
+    """The geometry BFGS driver (lxopt.Geometry) as an ASE optimizer."""
+
+    def _optimizer(self):
+        return _lxopt.Geometry()
+
+
+class BFGS(_AskTellOptimizer):
+    """Dense BFGS (lxopt.BFGS) as an ASE optimizer."""
+
+    def _optimizer(self):
+        return _lxopt.BFGS()
+
+
+class LBFGS(_AskTellOptimizer):
+    """Limited-memory BFGS (lxopt.LBFGS) as an ASE optimizer; memory is the
+    number of stored pairs."""
+
+    def __init__(self, atoms, restart=None, logfile="-", trajectory=None, maxstep=None,
+                 memory=8, master=None, append_trajectory=False, force_consistent=None):
+        self.memory = memory
+        super().__init__(atoms, restart, logfile, trajectory, maxstep, master,
+                         append_trajectory, force_consistent)
+
+    def _optimizer(self):
+        opt = _lxopt.LBFGS()
+        opt.memory = self.memory
+        return opt
