@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -165,6 +166,48 @@ TEST(Threads, ConcurrentRunsMatchSequentialRunsBitForBit) {
   EXPECT_EQ(concurrentMessages, sequentialMessages);
   EXPECT_EQ(progress.str(), sequentialProgress);
   EXPECT_NE(sequentialProgress.find("T = "), std::string::npos);
+}
+
+// Ask/tell runs hand the turn between the caller and the optimizer's worker
+// thread; several at once, each interrupted by a reset (one right after a
+// tell, while its worker computes), still end exactly like direct runs.
+TEST(Threads, AskTellRunsMatchDirectRuns) {
+  auto direct = [](LxOptimizer1& opt, unsigned int n) {
+    LxTestF f(n);
+    Vec x0(n, -0.7), x(n);
+    Vec out{opt(f, x0.data(), x.data())};
+    out.insert(out.end(), x.begin(), x.end());
+    return out;
+  };
+  auto driven = [](LxOptimizer1& opt, unsigned int n) {
+    LxTestF f(n);
+    Vec x0(n, -0.7), g(n);
+    LxAskTell run;
+    run.Start(opt, x0.data(), n);
+    for (int k = 0; k < 3 && run.Ask() != nullptr; ++k) run.Tell(f(run.Ask(), g.data()), g.data());
+    run.Reset();  // the worker is computing the next point
+    run.Start(opt, x0.data(), n);
+    while (const double* x = run.Ask()) run.Tell(f(x, g.data()), g.data());
+    Vec out{run.GetValue()};
+    out.insert(out.end(), run.GetPoint(), run.GetPoint() + n);
+    return out;
+  };
+  struct Case {
+    unsigned int n;
+    bool geometry;
+  };
+  const std::vector<Case> cases = {{9, true}, {12, false}, {6, true}, {20, false}};
+  auto make = [](bool geometry) -> std::unique_ptr<LxOptimizer1> {
+    if (geometry) return std::make_unique<LxBFGSOptimizer>();
+    return std::make_unique<LxLBFGSOpt>();
+  };
+  std::vector<Vec> expected, got(cases.size());
+  for (const Case& c : cases) expected.push_back(direct(*make(c.geometry), c.n));
+  std::vector<std::thread> threads;
+  for (std::size_t k = 0; k < cases.size(); ++k)
+    threads.emplace_back([&, k] { got[k] = driven(*make(cases[k].geometry), cases[k].n); });
+  for (std::thread& t : threads) t.join();
+  for (std::size_t k = 0; k < cases.size(); ++k) EXPECT_EQ(got[k], expected[k]) << k;
 }
 
 }  // namespace
