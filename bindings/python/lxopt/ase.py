@@ -15,7 +15,8 @@ so the points evaluated are exactly the ones the same optimizer evaluates
 through its minimize(), line-search trials included (a step may therefore
 raise the energy). Should the optimizer end on its own before ASE's test is
 met (the driver stops after 16 cycles that barely lower the energy), a new
-run starts from its final point.
+run starts from its final point; a run that finds no point lower than its
+start ends ASE's loop unconverged (run() returns False).
 
 maxstep (Å) sets the length unit of the optimizer's variables. For Geometry
 it is the driver's per-atom trust radius at the start of a run: no atom
@@ -80,6 +81,8 @@ class _AskTellOptimizer(Optimizer):
         opt.iter_limit = _NO_LIMIT
         self._run = _lxopt.AskTell(opt, positions.ravel() / self._unit)
         self._asked = positions
+        self._run_start = None  # energy at the run's start
+        self._run_lowest = np.inf  # lowest energy the run has seen since
 
     def step(self, f=None):
         atoms = self.atoms
@@ -90,19 +93,20 @@ class _AskTellOptimizer(Optimizer):
         g = -np.asarray(f, dtype=float).ravel() * self._unit
         if self._run is None or not _same_point(x, self._asked):
             self._start(x)  # first step, or the positions were changed from outside
-        fresh_runs = 0
         while True:
             if _same_point(x, self._asked):
                 self._run.ask()
                 self._run.tell(e, g)
+                if self._run_start is None:
+                    self._run_start = e
+                else:
+                    self._run_lowest = min(self._run_lowest, e)
             u = self._run.ask()
             if u is None:
-                # The run ended on its own: start again from its final point,
-                # once per step; a second end means no lower point is found.
-                fresh_runs += 1
-                if fresh_runs > 1:
-                    self.max_steps = 0
+                if not self._run_lowest < self._run_start:
+                    self._give_up()
                     return
+                # Ended on its own with progress: go on from its final point.
                 self._start(self._run.x.reshape(x.shape) * self._unit)
                 continue
             p = u.reshape(x.shape) * self._unit
@@ -110,6 +114,13 @@ class _AskTellOptimizer(Optimizer):
             if not _same_point(x, p):
                 atoms.set_positions(p)
                 return
+
+    def _give_up(self):
+        """A whole run found no lower point: ends ASE's loop, unconverged."""
+        self.max_steps = 0
+        if self.logfile is not None:
+            self.logfile.write(f"{type(self).__name__}: no lower point found, stopping\n")
+            self.logfile.flush()
 
 
 class Geometry(_AskTellOptimizer):

@@ -10,7 +10,7 @@ pytest.importorskip("ase")
 from ase.build import bulk  # noqa: E402
 from ase.calculators.emt import EMT  # noqa: E402
 from ase.cluster import Icosahedron  # noqa: E402
-from ase.constraints import FixAtoms, UnitCellFilter  # noqa: E402
+from ase.constraints import ExpCellFilter, FixAtoms, UnitCellFilter  # noqa: E402
 from ase.io import read  # noqa: E402
 from ase.optimize import BFGS as AseBFGS  # noqa: E402
 
@@ -138,19 +138,20 @@ def test_fixed_atoms_trajectory_logfile_and_observers(tmp_path):
     assert len(atoms.calc.points) == opt.nsteps + 1  # one force call per step
 
 
+@pytest.mark.parametrize("cell_filter", [UnitCellFilter, ExpCellFilter])
 @pytest.mark.parametrize("ase_class", [lxase.Geometry, lxase.LBFGS])
-def test_cell_filter_relaxes_cell_and_atoms(ase_class):
+def test_cell_filter_relaxes_cell_and_atoms(ase_class, cell_filter):
     def strained():
-        crystal = bulk("Cu", "fcc", a=3.8, cubic=True).repeat((2, 2, 2))
+        crystal = bulk("Cu", "fcc", a=3.8, cubic=True)
         crystal.rattle(0.05, seed=2)
         crystal.calc = EMT()
         return crystal
 
     crystal = strained()
-    assert ase_class(UnitCellFilter(crystal), logfile=None).run(fmax=0.01, steps=300)
+    assert ase_class(cell_filter(crystal), logfile=None).run(fmax=0.01, steps=300)
     ours = crystal.get_potential_energy()
     theirs = strained()
-    AseBFGS(UnitCellFilter(theirs), logfile=None).run(fmax=0.01, steps=300)
+    AseBFGS(cell_filter(theirs), logfile=None).run(fmax=0.01, steps=300)
     assert ours < theirs.get_potential_energy() + 1e-3
     assert ours < strained().get_potential_energy() - 0.1
 
@@ -169,3 +170,24 @@ def test_maxstep_is_the_length_unit_of_the_first_step(ase_class, first_move):
             assert 0.1 * maxstep < moved <= first_move * maxstep * (1 + 1e-12)
     with pytest.raises(ValueError):
         lxase.Geometry(rattled_cu(), maxstep=0.0)
+
+
+@pytest.mark.parametrize("ase_class", [lxase.Geometry, lxase.LBFGS])
+def test_forces_that_lead_nowhere_end_the_run_unconverged(ase_class):
+    from ase.calculators.calculator import Calculator, all_changes
+
+    class Flat(Calculator):
+        """A flat energy with forces that claim a slope."""
+        implemented_properties = ["energy", "forces"]
+
+        def calculate(self, atoms=None, properties=None, system_changes=all_changes):
+            super().calculate(atoms, properties, system_changes)
+            self.results = {"energy": 0.0, "forces": np.ones((len(self.atoms), 3))}
+
+    atoms = rattled_cu()
+    atoms.calc = Flat()
+    log = io.StringIO()
+    opt = ase_class(atoms, logfile=log)
+    assert not opt.run(fmax=FMAX, steps=1000)
+    assert 0 < opt.nsteps < 100
+    assert "no lower point found" in log.getvalue()
