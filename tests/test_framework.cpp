@@ -202,50 +202,47 @@ RunEnd Drive(LxAskTell& run, LxFunc1& f, std::vector<std::pair<Vec, bool>>& aske
   return {run.GetValue(), Vec(run.GetPoint(), run.GetPoint() + n), run.GetState()};
 }
 
+// An optimizer of type Opt with the given tolerance (0: its default).
+template <class Opt>
+std::function<std::unique_ptr<LxOptimizer1>()> Make(double tolerance = 0.0) {
+  return [tolerance] {
+    auto o = std::make_unique<Opt>();
+    if (tolerance > 0.0) o->SetTolerance(tolerance);
+    return std::unique_ptr<LxOptimizer1>(std::move(o));
+  };
+}
+
 struct AskTellCase {
   std::string name;
   std::function<std::unique_ptr<LxOptimizer1>()> make;
-  std::function<std::unique_ptr<LxFunc1>()> objective;
-  Vec start;
+  bool cluster;  // the Lennard-Jones cluster, else Rosenbrock from (-1.2, 1)
 };
-
-std::vector<AskTellCase> AskTellCases() {
-  auto lj = [] { return std::unique_ptr<LxFunc1>(new lxtest::LennardJones(13)); };
-  auto rosen = [] { return std::unique_ptr<LxFunc1>(new lxtest::Rosenbrock); };
-  return {
-      {"Geometry", [] { return std::unique_ptr<LxOptimizer1>(new LxBFGSOptimizer); }, lj,
-       lxtest::PerturbedIcosahedron(0.1)},
-      {"Geometry tight", [] {
-         auto o = std::make_unique<LxBFGSOptimizer>();
-         o->SetTolerance(1e-6);
-         return std::unique_ptr<LxOptimizer1>(std::move(o));
-       }, rosen, {-1.2, 1.0}},
-      {"LBFGS", [] {
-         auto o = std::make_unique<LxLBFGSOpt>();
-         o->SetTolerance(1e-12);
-         return std::unique_ptr<LxOptimizer1>(std::move(o));
-       }, lj, lxtest::PerturbedIcosahedron(0.1)},
-      {"BFGS", [] { return std::unique_ptr<LxOptimizer1>(new LxBFGSOpt); }, rosen, {-1.2, 1.0}},
-      {"ConjGrad", [] { return std::unique_ptr<LxOptimizer1>(new LxConjGradOpt); }, rosen,
-       {-1.2, 1.0}},
-  };
-}
 
 // The run asks for exactly the points a direct call evaluates, in the same
 // order and with the same value-only requests, and ends with the direct
 // call's value, point and final state.
 TEST(AskTell, AsksForTheDirectRunsPointsAndEndsAlike) {
-  for (const AskTellCase& c : AskTellCases()) {
-    std::unique_ptr<LxFunc1> f = c.objective();
+  const AskTellCase cases[] = {
+      {"Geometry", Make<LxBFGSOptimizer>(), true},
+      {"Geometry tight", Make<LxBFGSOptimizer>(1e-6), false},
+      {"LBFGS", Make<LxLBFGSOpt>(1e-12), true},
+      {"BFGS", Make<LxBFGSOpt>(), false},
+      {"ConjGrad", Make<LxConjGradOpt>(), false},
+  };
+  for (const AskTellCase& c : cases) {
+    lxtest::LennardJones lj(13);
+    lxtest::Rosenbrock rosen;
+    LxFunc1* f = c.cluster ? static_cast<LxFunc1*>(&lj) : &rosen;
+    const Vec start = c.cluster ? lxtest::PerturbedIcosahedron(0.1) : Vec{-1.2, 1.0};
     Logging logged(*f);
     Recorder rec;
-    Vec out(c.start.size());
-    const double value = (*c.make())(logged, &rec, c.start.data(), out.data());
+    Vec out(start.size());
+    const double value = (*c.make())(logged, &rec, start.data(), out.data());
     const RunEnd direct{value, out, rec.calls.back().state};
 
     std::unique_ptr<LxOptimizer1> opt = c.make();
     LxAskTell run;
-    run.Start(*opt, c.start.data(), f->NumVar());
+    run.Start(*opt, start.data(), f->NumVar());
     std::vector<std::pair<Vec, bool>> asked;
     const RunEnd driven = Drive(run, *f, asked);
     EXPECT_GT(asked.size(), 10u) << c.name;
