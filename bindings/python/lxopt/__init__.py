@@ -315,7 +315,7 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
     follow = opt if cls is not Anneal else BFGS()
     if follow is not opt:
         follow.tolerance = _library_tolerance("bfgs", gtol, norm, n) if gtol else opt.tolerance
-    while (gtol is not None and not raw["stopped"] and restarts < _RESTARTS
+    while (gtol is not None and not constraints and not raw["stopped"] and restarts < _RESTARTS
            and not _meets(raw, gtol, norm) and np.all(np.isfinite(raw["x"]))
            and raw["status"] != 6 and (limit is None or total["nit"] < limit)):
         if limit is not None:
@@ -342,6 +342,11 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
         status, success = CALLBACK_STOP, False
     elif not finite:
         status, success = NONFINITE, False
+    elif gtol is not None and constraints:
+        # The gradient that vanishes is the Lagrangian's, as the run reported.
+        largest = raw["gmax"] if norm == np.inf else raw["gnorm"]
+        success = bool(raw["converged"]) and bool(largest <= gtol)
+        status = SUCCESS if success else (MAXITER if raw["status"] == 6 else PRECISION_LOSS)
     elif gtol is not None:
         success = g is not None and _gradient_size(g, norm) <= gtol
         status = SUCCESS if success else (MAXITER if raw["status"] == 6 else PRECISION_LOSS)
