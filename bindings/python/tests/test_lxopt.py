@@ -338,3 +338,35 @@ def test_constraint_errors_reach_the_caller():
         opt.minimize(bowl, [0.0, 0.0], jac=True, hess=bowl_hess)
     with pytest.raises(ValueError, match="constraints need method='newton'"):
         lxopt.minimize(rosen, [-1.2, 1.0], jac=rosen_grad, constraints=[(line, line_grad)])
+
+
+# ------------------------------------------------------------ type stubs
+
+def test_type_stubs_declare_the_compiled_module():
+    import ast
+    import pathlib
+
+    from lxopt import _lxopt
+    stub = pathlib.Path(lxopt.__file__).with_name("_lxopt.pyi")
+    assert stub.with_name("py.typed").exists()
+    tree = ast.parse(stub.read_text())
+    classes = {n.name: n for n in tree.body if isinstance(n, ast.ClassDef)}
+    names = set(classes) | {n.name for n in tree.body if isinstance(n, ast.FunctionDef)} | \
+        {n.target.id for n in tree.body if isinstance(n, ast.AnnAssign)}
+
+    def members(name):
+        node = classes[name]
+        own = {m.name for m in node.body if isinstance(m, ast.FunctionDef)} | \
+            {m.target.id for m in node.body if isinstance(m, ast.AnnAssign)}
+        for base in node.bases:
+            if isinstance(base, ast.Name) and base.id in classes:
+                own |= members(base.id)
+        return own
+
+    public = {n for n in dir(_lxopt) if not n.startswith("_")}
+    assert public <= names, public - names
+    for name in public:
+        obj = getattr(_lxopt, name)
+        if isinstance(obj, type):
+            attrs = {a for a in dir(obj) if not a.startswith("_")}
+            assert attrs <= members(name), (name, attrs - members(name))
