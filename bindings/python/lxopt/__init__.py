@@ -272,6 +272,8 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
     fun_ = _args_bound(fun, args)
     jac_ = _args_bound(jac, args)
     hess_ = _args_bound(hess, args)
+    if jac_ is False:
+        jac_ = None
     if not (jac_ is None or jac_ is True or callable(jac_) or jac_ in ("2-point", "3-point", "cs")):
         raise ValueError("jac must be a callable, True, None, '2-point' or '3-point'")
     if jac_ == "cs":
