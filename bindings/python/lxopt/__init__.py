@@ -279,6 +279,39 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
     if jac_ == "cs":
         raise ValueError("jac='cs' (complex step) is not supported; use '3-point'")
 
+    opt = _optimizer(name, constraints, temperature, lib, gtol, norm, n)
+    if guard and not np.all(np.isfinite(x0)):
+        res = _result(x0, math.nan, None, 0, 0, 0, 0, NONFINITE,
+                      "the start point x0 is not finite", 0, "Cont")
+        return _finish(res, disp)
+
+    kw = dict(jac=jac_ if not isinstance(jac_, str) else None, hess=hess_,
+              callback=_wrap_callback(callback), guard=guard, eps=eps)
+    raw = opt.minimize(fun_, x0, **kw)
+    total = dict(nit=raw["nit"], nfev=raw["nfev"], njev=raw["njev"], nhev=raw["nhev"])
+    if raw["nonfinite_start"]:
+        res = _result(x0, math.nan, None, 0, total["nfev"], total["njev"], total["nhev"],
+                      NONFINITE, "the objective is not finite at the start point x0", 0, "Cont")
+        return _finish(res, disp)
+    follow = opt
+    if gtol is not None and not constraints:
+        follow, raw = _polish(opt, raw, fun_, kw, total, gtol, norm, n)
+
+    x, g = raw["x"], raw["jac"]
+    if g is None and not raw["stopped"] and np.all(np.isfinite(x)):
+        # The final point was not among the last evaluations: one more call,
+        # counted.
+        g = _gradient_at(fun_, jac_, x, eps, total)
+    status = _verdict(raw, g, gtol, norm, bool(constraints))
+    res = _result(x, raw["fun"], g, total["nit"], total["nfev"], total["njev"], total["nhev"],
+                  status, _MESSAGES[status], raw["status"], raw["message"])
+    if name in _HESS_INV and hasattr(follow, "inverse_hessian"):
+        res.hess_inv = _inverse_hessian(follow, raw, n)
+    return _finish(res, disp)
+
+
+def _optimizer(name, constraints, temperature, lib, gtol, norm, n):
+    """The configured optimizer object for a method."""
     cls = METHODS[name]
     if constraints:
         if name != "newton":
@@ -294,73 +327,56 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
     if name in _HESS_INV:
         lib.setdefault("keep_hessian", True)
     _configure(opt, lib)
-    raw_callback = _wrap_callback(callback)
+    return opt
 
-    if guard and not np.all(np.isfinite(x0)):
-        res = _result(x0, math.nan, None, 0, 0, 0, 0, NONFINITE,
-                      "the start point x0 is not finite", 0, "Cont")
-        return _finish(res, disp)
 
-    kw = dict(jac=jac_ if not isinstance(jac_, str) else None, hess=hess_,
-              callback=raw_callback, guard=guard, eps=eps)
-    raw = opt.minimize(fun_, x0, **kw)
-    total = dict(nit=raw["nit"], nfev=raw["nfev"], njev=raw["njev"], nhev=raw["nhev"])
-    if raw["nonfinite_start"]:
-        res = _result(x0, math.nan, None, 0, total["nfev"], total["njev"], total["nhev"],
-                      NONFINITE, "the objective is not finite at the start point x0", 0, "Cont")
-        return _finish(res, disp)
-
-    # Runs that stopped short of gtol start afresh from where they stopped,
-    # while that lowers f and iterations remain.
+def _polish(opt, raw, fun, kw, total, gtol, norm, n):
+    """Runs that stopped short of gtol start afresh from where they stopped,
+    while that lowers f and iterations remain (annealing continues with
+    BFGS). Adds the counts to total; returns the optimizer of the last run
+    and the outcome kept."""
     limit = getattr(opt, "iter_limit", None)
-    restarts = 0
-    follow = opt if cls is not Anneal else BFGS()
-    if follow is not opt:
-        follow.tolerance = _library_tolerance("bfgs", gtol, norm, n) if gtol else opt.tolerance
-    while (gtol is not None and not constraints and not raw["stopped"] and restarts < _RESTARTS
-           and not _meets(raw, gtol, norm) and np.all(np.isfinite(raw["x"]))
-           and raw["status"] != 6 and (limit is None or total["nit"] < limit)):
+    follow = opt
+    if isinstance(opt, Anneal):
+        follow = BFGS()
+        follow.tolerance = _library_tolerance("bfgs", gtol, norm, n)
+    for _ in range(_RESTARTS):
+        if (raw["stopped"] or _meets(raw, gtol, norm) or not np.all(np.isfinite(raw["x"]))
+                or raw["status"] == 6 or (limit is not None and total["nit"] >= limit)):
+            break
         if limit is not None:
             follow.iter_limit = max(1, limit - total["nit"])
-        again = follow.minimize(fun_, raw["x"], **kw)
+        again = follow.minimize(fun, raw["x"], **kw)
         for k in total:
             total[k] += again[k]
-        restarts += 1
         if not again["fun"] < raw["fun"]:
             raw["status"], raw["message"] = again["status"], again["message"]
             break
         raw = again
     if limit is not None:
-        opt.iter_limit = limit
+        follow.iter_limit = limit
+    return follow, raw
 
-    x = raw["x"]
-    g = raw["jac"]
-    if g is None and not raw["stopped"] and np.all(np.isfinite(x)):
-        # The final point was not among the last evaluations: one more call,
-        # counted.
-        g = _gradient_at(fun_, jac_, x, eps, total)
-    finite = np.all(np.isfinite(x)) and math.isfinite(raw["fun"])
+
+def _verdict(raw, g, gtol, norm, constrained):
+    """scipy's status of a run: callback stop, not finite, then success by
+    gtol (or the optimizer's own verdict without gtol), iteration limit or
+    stopped short."""
     if raw["stopped"]:
-        status, success = CALLBACK_STOP, False
-    elif not finite:
-        status, success = NONFINITE, False
-    elif gtol is not None and constraints:
+        return CALLBACK_STOP
+    if not (np.all(np.isfinite(raw["x"])) and math.isfinite(raw["fun"])):
+        return NONFINITE
+    if gtol is None:
+        success = bool(raw["converged"])
+    elif constrained:
         # The gradient that vanishes is the Lagrangian's, as the run reported.
         largest = raw["gmax"] if norm == np.inf else raw["gnorm"]
         success = bool(raw["converged"]) and bool(largest <= gtol)
-        status = SUCCESS if success else (MAXITER if raw["status"] == 6 else PRECISION_LOSS)
-    elif gtol is not None:
-        success = g is not None and _gradient_size(g, norm) <= gtol
-        status = SUCCESS if success else (MAXITER if raw["status"] == 6 else PRECISION_LOSS)
     else:
-        success = bool(raw["converged"])
-        status = SUCCESS if success else (MAXITER if raw["status"] == 6 else PRECISION_LOSS)
-    res = _result(x, raw["fun"], g, total["nit"], total["nfev"], total["njev"], total["nhev"],
-                  status, _MESSAGES[status], raw["status"], raw["message"])
-    res.success = success
-    if name in _HESS_INV and hasattr(follow, "inverse_hessian"):
-        res.hess_inv = _inverse_hessian(follow, raw, n)
-    return _finish(res, disp)
+        success = g is not None and _gradient_size(g, norm) <= gtol
+    if success:
+        return SUCCESS
+    return MAXITER if raw["status"] == 6 else PRECISION_LOSS
 
 
 def _meets(raw, gtol, norm):
