@@ -4,7 +4,7 @@
 Usage: scripts/update-choosing-table.py [BUILD_DIR]   (default: build)
 
 Runs BUILD_DIR/tools/lxopt-demo, takes its table (optimizer, problem, n,
-final value, iterations, evaluations, state) and writes one row per optimizer,
+final value, iterations, evaluations, state, converged) and writes one row per optimizer,
 one column per problem, between the markers <!-- table:begin --> and
 <!-- table:end -->. A cell is the number of evaluations (value, gradient and
 Hessian calls together); a run that did not converge shows its final state.
@@ -16,8 +16,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PAGE = ROOT / "docs" / "choosing.md"
-ROW = re.compile(r"^(\S+)\s+(.+?)\s+(\d+)\s+(\S+)\s+(\d+)\s+(\d+)\s+(\w+)\s+\S+$")
-CONVERGED = {"NoOpt", "Done", "Grad", "Fval", "Dist", "Stable"}
+ROW = re.compile(r"^(\S+)\s+(.+?)\s+(\d+)\s+(\S+)\s+(\d+)\s+(\d+)\s+(\w+)\s+(yes|no)\s+\S+$")
 
 
 def main():
@@ -34,7 +33,7 @@ def main():
             optimizers.append(opt)
         if (problem, n) not in problems:
             problems.append((problem, n))
-        cells[opt, problem] = evals if state in CONVERGED else f"{evals} ({state})"
+        cells[opt, problem] = evals if m.group(8) == "yes" else f"{evals} ({state})"
     if not cells:
         sys.exit(f"no table rows in the output of {demo}")
     lines = ["| optimizer | " + " | ".join(p if "n=" in p else f"{p} (n={n})" for p, n in problems) + " |",

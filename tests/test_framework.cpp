@@ -2,13 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cmath>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <stdexcept>
-#include <cmath>
-#include <limits>
 #include <string>
 
+#include "lxopt/lxopt.h"
 #include "support/geom.h"
 #include "support/problems.h"
 
@@ -237,7 +238,8 @@ TEST(AskTell, AsksForTheDirectRunsPointsAndEndsAlike) {
     Logging logged(*f);
     Recorder rec;
     Vec out(start.size());
-    const double value = (*c.make())(logged, &rec, start.data(), out.data());
+    std::unique_ptr<LxOptimizer1> directOpt = c.make();
+    const double value = (*directOpt)(logged, &rec, start.data(), out.data());
     const RunEnd direct{value, out, rec.calls.back().state};
 
     std::unique_ptr<LxOptimizer1> opt = c.make();
@@ -250,6 +252,8 @@ TEST(AskTell, AsksForTheDirectRunsPointsAndEndsAlike) {
     EXPECT_TRUE(driven == direct) << c.name;
     EXPECT_EQ(run.GetEvaluations(), asked.size()) << c.name;
     EXPECT_EQ(run.GetIterations(), rec.calls.back().iter) << c.name;
+    EXPECT_EQ(run.LastRun().state, directOpt->LastRun().state) << c.name;
+    EXPECT_EQ(run.LastRun().converged, directOpt->LastRun().converged) << c.name;
     EXPECT_TRUE(run.Ask() == nullptr && !run.Tell(0.0, out.data())) << c.name;
   }
 }
@@ -329,6 +333,182 @@ TEST(AskTell, CheckpointExceptionReachesAsk) {
   std::vector<std::pair<Vec, bool>> asked;
   run.Start(opt, start.data(), 2);
   EXPECT_LT(Drive(run, r, asked).value, 1e-6);
+}
+
+// ------------------------------------------------------------ run summary
+
+// One optimizer of every family behind one signature; Newton's run takes
+// the Hessian objective.
+struct SummaryCase {
+  const char* name;
+  std::function<double(LxFunc2&, LxCheckpoint1*, const double*, double*, unsigned int limit)> run;
+  std::function<const LxRunSummary&()> summary;
+  bool honoursStop;
+  double gradientBound = 1e-3;  // of a converged run
+  bool limited = true;          // an iteration limit of 2 ends unconverged
+};
+
+template <class Opt>
+SummaryCase Case(const char* name, bool honoursStop, double tolerance = 1e-10) {
+  auto opt = std::make_shared<Opt>();
+  return {name,
+          [opt, tolerance](LxFunc2& f, LxCheckpoint1* cp, const double* s, double* o,
+                           unsigned int limit) {
+            opt->SetTolerance(tolerance);
+            opt->SetIterLimit(limit);
+            return (*opt)(f, cp, s, o);
+          },
+          [opt]() -> const LxRunSummary& { return opt->LastRun(); }, honoursStop};
+}
+
+// Annealing leaves the two getters open.
+struct Anneal : LxSAOpt {
+  Anneal() : LxSAOpt(1.0) {}
+  unsigned int GetIterLimit() const override { return EvaluationLimit(); }
+  double GetTolerance() const override { return Tolerance(); }
+};
+
+SummaryCase AnnealCase() {
+  auto opt = std::make_shared<Anneal>();
+  return {"LxSAOpt",
+          [opt](LxFunc2& f, LxCheckpoint1* cp, const double* s, double* o, unsigned int limit) {
+            opt->SetIterLimit(limit == 2 ? 2 : 3000);  // limit 2: annealing ends at once
+            return (*opt)(f, cp, s, o);
+          },
+          [opt]() -> const LxRunSummary& { return opt->LastRun(); }, true,
+          // The final BFGS run keeps its default tolerance 0.1 on sum g^2.
+          std::sqrt(LxQNSettings().tolerance), false};
+}
+
+std::vector<SummaryCase> SummaryCases() {
+  return {Case<LxSteepestDescentOpt>("LxSteepestDescentOpt", false),
+          Case<LxConjGradOpt>("LxConjGradOpt", true),
+          Case<LxFletcherReevesOpt>("LxFletcherReevesOpt", true),
+          Case<LxRibierePolakOpt>("LxRibierePolakOpt", true),
+          Case<LxHestenesStiefelOpt>("LxHestenesStiefelOpt", true),
+          Case<LxBFGSOpt>("LxBFGSOpt", true),
+          Case<LxBFGSModOpt>("LxBFGSModOpt", true),
+          Case<LxDFPOpt>("LxDFPOpt", true),
+          Case<LxLBFGSOpt>("LxLBFGSOpt", true),
+          Case<LxBFGSOptimizer>("LxBFGSOptimizer", false, 1e-5),
+          Case<LxNewtonOpt>("LxNewtonOpt", false, 1e-6),
+          Case<LxNewtonConstrOpt>("LxNewtonConstrOpt", false, 1e-6),
+          AnnealCase()};
+}
+
+// A converged run and a run cut by the iteration limit: the summary agrees
+// with the reports the caller's checkpoint saw and the calls the objective
+// counted.
+TEST(RunSummary, MatchesReportsAndCountsForEveryOptimizer) {
+  for (const SummaryCase& c : SummaryCases()) {
+    SCOPED_TRACE(c.name);
+    DiagonalQuadratic q({1.0, 3.0}, {1.0, -2.0});
+    MessageCapture quiet;
+    for (unsigned int limit : {500u, 2u}) {
+      Counting counted(q);
+      Recorder rec;
+      const double start[] = {4.0, 5.0};
+      double out[2];
+      const double f = c.run(counted, &rec, start, out, limit);
+      const LxRunSummary& s = c.summary();
+      ASSERT_FALSE(rec.calls.empty());
+      EXPECT_EQ(s.evaluations,
+                std::uint64_t(counted.values + counted.gradients + counted.hessians));
+      EXPECT_EQ(s.value, f);
+      if (limit == 2) {
+        if (c.limited) {
+          EXPECT_FALSE(s.converged);
+        }
+        continue;
+      }
+      EXPECT_TRUE(s.converged) << LxGetStateName(s.state);
+      EXPECT_NE(s.state, unsigned(kLxCont));
+      EXPECT_LT(s.gradientNorm, c.gradientBound);
+      EXPECT_NEAR(out[0], 1.0, 1e-3);
+      // The deciding state is one the checkpoint received.
+      bool seen = false;
+      for (const lxtest::Call& call : rec.calls) seen = seen || call.state == s.state;
+      EXPECT_TRUE(seen || c.name == std::string("LxFletcherReevesOpt") ||
+                  c.name == std::string("LxRibierePolakOpt") ||
+                  c.name == std::string("LxHestenesStiefelOpt"));
+    }
+  }
+}
+
+// A checkpoint that answers false to the first report: optimizers that honour
+// it end with Done and the summary says they were stopped, not converged.
+TEST(RunSummary, StopByCheckpointIsNotConvergence) {
+  for (const SummaryCase& c : SummaryCases()) {
+    SCOPED_TRACE(c.name);
+    lxtest::Rosenbrock r;
+    Recorder rec;
+    rec.continueFor = 0;
+    const double start[] = {-1.2, 1.0};
+    double out[2];
+    MessageCapture quiet;
+    c.run(r, &rec, start, out, 500);
+    const LxRunSummary& s = c.summary();
+    EXPECT_EQ(s.stoppedByCheckpoint, c.honoursStop);
+    if (c.honoursStop) {
+      EXPECT_EQ(s.state, unsigned(kLxDone));
+      EXPECT_FALSE(s.converged);
+    }
+  }
+}
+
+// Refused input (a null out) leaves state 0 and no convergence, never the
+// 0.0 of the return value passing for a minimum; a later good run is summed
+// up afresh.
+TEST(RunSummary, RefusedInputIsNoConvergence) {
+  for (const SummaryCase& c : SummaryCases()) {
+    if (c.name == std::string("LxBFGSOptimizer")) continue;  // a null out is legal there
+    SCOPED_TRACE(c.name);
+    DiagonalQuadratic q({1.0, 3.0}, {1.0, -2.0});
+    const double start[] = {4.0, 5.0};
+    double out[2];
+    MessageCapture quiet;
+    c.run(q, nullptr, start, out, 500);
+    ASSERT_TRUE(c.summary().converged);
+    c.run(q, nullptr, start, nullptr, 500);
+    const LxRunSummary& s = c.summary();
+    EXPECT_EQ(s.state, unsigned(kLxCont));
+    EXPECT_FALSE(s.converged);
+  }
+}
+
+// The classic conjugate gradients end converged runs without a final report;
+// the summary still says Grad. The geometry driver's closing Done leaves the
+// state that ended the run.
+TEST(RunSummary, SilentAndClosingEnds) {
+  DiagonalQuadratic q({1.0, 1.0}, {1.0, -2.0});  // one steepest step converges
+  const double start[] = {4.0, 5.0};
+  double out[2];
+  LxFletcherReevesOpt fr;
+  fr.SetTolerance(1e-12);
+  Recorder rec;
+  fr(q, &rec, start, out);
+  EXPECT_EQ(rec.calls.back().state, unsigned(kLxCont));
+  EXPECT_EQ(fr.LastRun().state, unsigned(kLxGrad));
+  EXPECT_TRUE(fr.LastRun().converged);
+
+  lxtest::Rosenbrock r;
+  const double far[] = {-1.2, 1.0};
+  LxBFGSOptimizer geo;
+  geo.SetTolerance(1e-5);
+  Recorder grec;
+  geo(r, &grec, far, out);
+  ASSERT_GE(grec.calls.size(), 2u);
+  EXPECT_EQ(grec.calls.back().state, unsigned(kLxDone));
+  EXPECT_EQ(geo.LastRun().state, grec.calls[grec.calls.size() - 2].state);
+  EXPECT_TRUE(geo.LastRun().converged);
+  EXPECT_EQ(geo.LastRun().gradientMax != geo.LastRun().gradientMax, true);  // no gradient passed
+}
+
+TEST(RunSummary, ConvergenceTable) {
+  const bool expected[] = {false, true, false, false, false, false, false,
+                           true,  true, true,  true,  true,  false};
+  for (unsigned int s = 0; s <= 12; ++s) EXPECT_EQ(LxStateMeansConvergence(s), expected[s]) << s;
+  EXPECT_FALSE(LxStateMeansConvergence(13));
 }
 
 }  // namespace

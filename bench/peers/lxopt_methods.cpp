@@ -16,30 +16,12 @@
 namespace lxbench {
 namespace {
 
-// Remembers the last iteration number and state reported, and the first
-// state other than Cont; never stops a run.
-class LastReport : public LxOpt::LxCheckpoint1 {
- public:
-  using LxOpt::LxCheckpoint1::operator();
-  bool operator()(unsigned int iter, unsigned int, double, double, const double*, const double*,
-                  unsigned int state) override {
-    iteration = iter;
-    last = state;
-    if (first == LxOpt::kLxCont) first = state;
-    return true;
-  }
-  unsigned int iteration = 0;
-  unsigned int last = 0;
-  unsigned int first = LxOpt::kLxCont;
-};
-
-Outcome Finish(std::vector<double> x, const LastReport& report) {
+// The outcome as the optimizer's own summary of the run states it.
+Outcome Finish(std::vector<double> x, const LxOpt::LxRunSummary& summary) {
   Outcome o;
   o.x = std::move(x);
-  o.iterations = report.iteration;
-  // The beta conjugate gradients end some runs without a final report; the
-  // last report is then a per-iteration one.
-  o.status = report.last == LxOpt::kLxCont ? "Silent" : LxOpt::LxGetStateName(report.last);
+  o.iterations = summary.iterations;
+  o.status = LxOpt::LxGetStateName(summary.state);
   return o;
 }
 
@@ -49,11 +31,10 @@ Method First(const std::string& name, const std::string& methodClass) {
             Optimizer opt;
             opt.SetIterLimit(kIterLimit);
             opt.SetTolerance(kGradientTolerance * kGradientTolerance);
-            LastReport report;
             const std::vector<double> start = f.problem().Start();
             std::vector<double> x(start.size());
-            opt(f, &report, start.data(), x.data());
-            return Finish(std::move(x), report);
+            opt(f, start.data(), x.data());
+            return Finish(std::move(x), opt.LastRun());
           }};
 }
 
@@ -62,11 +43,10 @@ Method Newton() {
             LxOpt::LxNewtonOpt opt;
             opt.SetIterLimit(kIterLimit);
             opt.SetTolerance(kGradientTolerance / std::sqrt(double(f.NumVar())));
-            LastReport report;
             const std::vector<double> start = f.problem().Start();
             std::vector<double> x(start.size());
-            opt(f, &report, start.data(), x.data());
-            return Finish(std::move(x), report);
+            opt(f, start.data(), x.data());
+            return Finish(std::move(x), opt.LastRun());
           }};
 }
 
@@ -77,15 +57,12 @@ Method Geometry(const std::string& name, bool history) {
             opt.SetIterLimit(kIterLimit);
             opt.SetTolerance(kGradientTolerance);
             opt.SetHistory(history);
-            LastReport report;
             const std::vector<double> start = f.problem().Start();
             std::vector<double> x(start.size());
-            opt(f, &report, start.data(), x.data());
-            // The state that ended the run (Grad, Stable, NotFound, ...) says
-            // more than the closing Done that follows most of them.
-            Outcome o = Finish(std::move(x), report);
-            if (report.first != LxOpt::kLxCont) o.status = LxOpt::LxGetStateName(report.first);
-            return o;
+            opt(f, start.data(), x.data());
+            // The summary names the state that ended the run (Grad, Stable,
+            // NotFound, ...), not the closing Done that follows most of them.
+            return Finish(std::move(x), opt.LastRun());
           }};
 }
 

@@ -12,7 +12,9 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -28,13 +30,10 @@ namespace {
 
 using Array = py::array_t<double, py::array::c_style | py::array::forcecast>;
 
-// A read-only NumPy view of n doubles owned by the library; valid only during
-// the call it is passed to (no copy per evaluation).
-py::array View(const double* data, unsigned int n) {
-  py::array_t<double> view({static_cast<py::ssize_t>(n)}, {sizeof(double)}, data, py::none());
-  py::detail::array_proxy(view.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
-  return std::move(view);
-}
+// A NumPy array owning a copy of n doubles: what Python code receives may be
+// kept (scipy's callables may keep their argument), so it never points into
+// the library's scratch memory.
+Array Copy(const double* data, unsigned int n) { return Array(n, data); }
 
 // Copies a callable's array result of `count` values into out.
 void CopyResult(const py::handle& result, double* out, std::size_t count, const char* what) {
@@ -47,15 +46,35 @@ void CopyResult(const py::handle& result, double* out, std::size_t count, const 
   std::memcpy(out, a.data(), count * sizeof(double));
 }
 
-// An objective over Python callables. fun(x) -> float; jac(x) -> array, or
-// fun returns (value, gradient) when jacIncluded; hess(x) -> n x n array
-// (the lower triangle is packed). Counts the evaluations like scipy does.
+bool AllFinite(const double* v, unsigned int n) {
+  for (unsigned int i = 0; i < n; ++i)
+    if (!std::isfinite(v[i])) return false;
+  return true;
+}
+
+// Thrown through the library to end a run at once; caught in Run.
+struct NonFiniteStart {};
+struct CallbackStop {};
+
+// Where the gradient comes from: jac(x), fun(x) -> (value, gradient), or the
+// library's central differences of fun.
+enum class GradientSource { kJac, kIncluded, kNumeric };
+
+// An objective over Python callables. fun(x) -> float; the gradient as
+// GradientSource says; hess(x) -> n x n array (the lower triangle is packed),
+// or central differences of the gradient without hess. Counts the
+// evaluations as scipy does (a numeric gradient costs its value calls).
+//
+// With the guard on, a non-finite value or gradient at the start ends the
+// run at once (NonFiniteStart); later it makes the point count as not a
+// number (value NaN, gradient zero), which the library's non-finite guard
+// turns into a very bad value the line searches step back from.
 class PyObjective : public LxFunc2 {
  public:
-  PyObjective(py::function fun, py::object jac, py::object hess, bool jacIncluded,
-              unsigned int n)
-      : fun_(std::move(fun)), jac_(std::move(jac)), hess_(std::move(hess)),
-        jacIncluded_(jacIncluded), n_(n) {}
+  PyObjective(py::function fun, py::object jac, py::object hess, GradientSource source,
+              unsigned int n, double step = kLxGradientStep)
+      : fun_(std::move(fun)), jac_(std::move(jac)), hess_(std::move(hess)), source_(source),
+        n_(n), step_(step) {}
 
   using LxFunc2::operator();
   unsigned int NumVar() const override { return n_; }
@@ -63,40 +82,55 @@ class PyObjective : public LxFunc2 {
   double operator()(const double* x) override {
     py::gil_scoped_acquire gil;
     ++nfev;
-    py::object r = fun_(View(x, n_));
-    if (jacIncluded_) return py::cast<double>(py::tuple(r)[0]);
-    return py::cast<double>(r);
+    py::object r = fun_(Copy(x, n_));
+    const double value =
+        source_ == GradientSource::kIncluded ? py::cast<double>(py::tuple(r)[0]) : py::cast<double>(r);
+    return Checked(value, nullptr);
   }
 
   double operator()(const double* x, double* grad) override {
-    py::gil_scoped_acquire gil;
-    ++nfev;
-    ++njev;
-    py::array view = View(x, n_);
-    if (jacIncluded_) {
-      py::tuple r(fun_(view));
-      CopyResult(r[1], grad, n_, "fun");
-      return py::cast<double>(r[0]);
+    double value;
+    if (source_ == GradientSource::kNumeric) {
+      // 2n + 1 value calls, each counted (and guarded) by the value form.
+      guardValues_ = false;
+      for (unsigned int i = 0; i < n_; ++i) grad[i] = 0.0;
+      value = NumericGradients(*this, x, grad, step_);
+      guardValues_ = true;
+      py::gil_scoped_acquire gil;
+      ++njev;
+    } else {
+      py::gil_scoped_acquire gil;
+      ++nfev;
+      ++njev;
+      Array arg = Copy(x, n_);
+      if (source_ == GradientSource::kIncluded) {
+        py::tuple r(fun_(arg));
+        CopyResult(r[1], grad, n_, "fun");
+        value = py::cast<double>(r[0]);
+      } else {
+        value = py::cast<double>(fun_(arg));
+        CopyResult(jac_(arg), grad, n_, "jac");
+      }
     }
-    const double value = py::cast<double>(fun_(view));
-    Gradient(view, grad);
+    value = Checked(value, grad);
+    Remember(x, grad);
     return value;
   }
 
   bool operator()(const double* x, double* hessian, double* grad) override {
-    py::gil_scoped_acquire gil;
-    if (hess_.is_none()) throw py::value_error("this method needs hess");
-    ++njev;
-    ++nhev;
-    py::array view = View(x, n_);
-    if (jacIncluded_) {
-      ++nfev;
-      CopyResult(py::tuple(fun_(view))[1], grad, n_, "fun");
-    } else {
-      Gradient(view, grad);
+    const double value = (*this)(x, grad);
+    if (!std::isfinite(value)) return false;
+    if (hess_.is_none()) {
+      for (std::size_t k = 0; k < static_cast<std::size_t>(n_) * (n_ + 1) / 2; ++k) hessian[k] = 0.0;
+      NumericHessian(*this, x, hessian);
+      py::gil_scoped_acquire gil;
+      ++nhev;
+      return true;
     }
+    py::gil_scoped_acquire gil;
+    ++nhev;
     std::vector<double> dense(static_cast<std::size_t>(n_) * n_);
-    CopyResult(hess_(view), dense.data(), dense.size(), "hess");
+    CopyResult(hess_(Copy(x, n_)), dense.data(), dense.size(), "hess");
     for (unsigned int i = 0; i < n_; ++i) {
       for (unsigned int j = 0; j <= i; ++j) hessian[i * (i + 1) / 2 + j] = dense[i * n_ + j];
     }
@@ -107,54 +141,87 @@ class PyObjective : public LxFunc2 {
     return {{"fun", (*this)(x)}};
   }
 
-  bool HasHessian() const { return !hess_.is_none(); }
+  void SetGuard(bool on) { guard_ = on; }
+  // The gradient at x if one of the last evaluations was at exactly x.
+  const double* KnownGradient(const double* x) const {
+    for (const Evaluated& e : recent_)
+      if (!e.x.empty() && std::memcmp(e.x.data(), x, n_ * sizeof(double)) == 0) return e.g.data();
+    return nullptr;
+  }
 
-  unsigned long nfev = 0, njev = 0, nhev = 0;
+  unsigned long nfev = 0, njev = 0, nhev = 0, nonFinite = 0;
 
  private:
-  void Gradient(const py::array& view, double* grad) {
-    if (jac_.is_none()) throw py::value_error("this method needs a gradient (jac)");
-    CopyResult(jac_(view), grad, n_, "jac");
+  struct Evaluated {
+    std::vector<double> x, g;
+  };
+  static constexpr std::size_t kRecent = 4;  // the line searches end on a recent point
+
+  double Checked(double value, double* grad) {
+    if (!guard_ || !guardValues_) return value;
+    const bool finite = std::isfinite(value) && (grad == nullptr || AllFinite(grad, n_));
+    const bool first = !started_;
+    started_ = true;
+    if (finite) return value;
+    if (first) throw NonFiniteStart();
+    ++nonFinite;
+    if (grad != nullptr)
+      for (unsigned int i = 0; i < n_; ++i) grad[i] = 0.0;
+    return std::numeric_limits<double>::quiet_NaN();
+  }
+
+  void Remember(const double* x, const double* grad) {
+    Evaluated& e = recent_[next_++ % kRecent];
+    e.x.assign(x, x + n_);
+    e.g.assign(grad, grad + n_);
   }
 
   py::function fun_;
   py::object jac_;
   py::object hess_;
-  bool jacIncluded_;
+  GradientSource source_;
   unsigned int n_;
+  double step_;
+  bool guard_ = false;
+  bool guardValues_ = true;  // off while the numeric gradient evaluates values
+  bool started_ = false;
+  Evaluated recent_[kRecent];
+  std::size_t next_ = 0;
 };
 
-// Records the reports of a run and hands the state-0 ones to an optional
-// Python callback; a callback answering False stops the run.
+// Hands the state-0 reports to an optional Python callback(x, fun, gnorm,
+// nit) (x a copy); an answer of False asks for a stop. Optimizers that do not
+// honour a stop request are ended by an exception instead, keeping the point
+// of that report.
 class PyCheckpoint : public LxCheckpoint1 {
  public:
-  explicit PyCheckpoint(py::object callback) : callback_(std::move(callback)) {}
+  PyCheckpoint(py::object callback, bool honoursStop)
+      : callback_(std::move(callback)), honoursStop_(honoursStop) {}
 
   using LxCheckpoint1::operator();
   bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
                   const double* vars, const double* /*grad*/, unsigned int state) override {
-    nit = iter;
-    gnormLast = gnorm;
-    if (state != kLxCont) lastState = state;
     if (state != kLxCont || callback_.is_none()) return true;
     py::gil_scoped_acquire gil;
-    py::dict info;
-    info["x"] = vars != nullptr ? py::object(Array(nvar, vars)) : py::object(py::none());
-    info["fun"] = fval;
-    info["gnorm"] = gnorm;
-    info["nit"] = iter;
-    py::object answer = callback_(info);
-    if (!answer.is_none() && !py::cast<bool>(answer)) stopped = true;
-    return !stopped;
+    py::object x = vars != nullptr ? py::object(Copy(vars, nvar)) : py::object(py::none());
+    py::object answer = callback_(x, fval, gnorm, iter);
+    if (answer.is_none() || py::cast<bool>(answer)) return true;
+    stopped = true;
+    if (honoursStop_) return false;
+    stopX = x;
+    stopF = fval;
+    stopIter = iter;
+    throw CallbackStop();
   }
 
-  unsigned int nit = 0;
-  unsigned int lastState = kLxCont;
-  double gnormLast = 0.0;
   bool stopped = false;
+  py::object stopX;
+  double stopF = 0.0;
+  unsigned int stopIter = 0;
 
  private:
   py::object callback_;
+  bool honoursStop_;
 };
 
 // Routes library messages to the Python logger "lxopt" while it lives, then
@@ -197,19 +264,28 @@ class LoggingSink {
 };
 
 // The raw outcome of one run; lxopt/__init__.py turns it into an
-// OptimizeResult.
-py::dict RunResult(const Array& x, double value, const PyCheckpoint& cp, const PyObjective& f) {
+// OptimizeResult. state, nit, gnorm, gmax and converged are the optimizer's
+// own summary; stopped says that the callback asked for the stop.
+py::dict RunResult(const Array& x, double value, const LxRunSummary& run, const PyObjective& f,
+                   bool stopped) {
   py::dict r;
   r["x"] = x;
   r["fun"] = value;
-  r["nit"] = cp.nit;
-  r["status"] = cp.lastState;
-  r["message"] = LxGetStateName(cp.lastState);
-  r["gnorm"] = cp.gnormLast;
-  r["stopped"] = cp.stopped;
+  r["nit"] = run.iterations;
+  r["status"] = run.state;
+  r["message"] = LxGetStateName(run.state);
+  r["gnorm"] = run.gradientNorm;
+  r["gmax"] = run.gradientMax;
+  r["converged"] = run.converged;
+  r["stopped"] = stopped;
+  r["nonfinite_start"] = false;
   r["nfev"] = f.nfev;
   r["njev"] = f.njev;
   r["nhev"] = f.nhev;
+  r["nonfinite"] = f.nonFinite;
+  const double* g = f.KnownGradient(x.data());
+  r["jac"] = g != nullptr ? py::object(Copy(g, static_cast<unsigned int>(x.size())))
+                          : py::object(py::none());
   return r;
 }
 
@@ -219,30 +295,66 @@ Array StartCopy(const py::object& x0) {
   return Array(start.size(), start.data());
 }
 
+// Whether the optimizer ends its run when a state-0 report is answered false.
+template <class Opt>
+constexpr bool HonoursStop() {
+  return !std::is_same<Opt, LxSteepestDescentOpt>::value && !std::is_same<Opt, LxNewtonOpt>::value &&
+         !std::is_same<Opt, LxNewtonConstrOpt>::value && !std::is_same<Opt, LxBFGSOptimizer>::value;
+}
+
 // One run of `opt` (an LxOptimizer1 or LxOptimizer2) on Python callables.
+// jac: a callable, True (fun returns (value, gradient)), or None / "2-point"
+// / "3-point" (central differences with step eps). guard: the non-finite
+// guard described at PyObjective.
 template <class Opt, class Func>
 py::dict Run(Opt& opt, py::function fun, const py::object& x0, py::object jac, py::object hess,
-             py::object callback) {
-  bool jacIncluded = false;
+             py::object callback, bool guard, double eps) {
+  GradientSource source = GradientSource::kJac;
   if (py::isinstance<py::bool_>(jac)) {
-    jacIncluded = py::cast<bool>(jac);
+    source = py::cast<bool>(jac) ? GradientSource::kIncluded : GradientSource::kNumeric;
+    jac = py::none();
+  } else if (jac.is_none() || py::isinstance<py::str>(jac)) {
+    source = GradientSource::kNumeric;
     jac = py::none();
   }
   Array x = StartCopy(x0);
-  PyObjective f(std::move(fun), std::move(jac), std::move(hess), jacIncluded,
-                static_cast<unsigned int>(x.size()));
-  if (std::is_same<Func, LxFunc2>::value && !f.HasHessian()) {
-    throw py::value_error("this method needs hess");
-  }
-  PyCheckpoint cp(std::move(callback));
+  PyObjective f(std::move(fun), std::move(jac), std::move(hess), source,
+                static_cast<unsigned int>(x.size()), eps);
+  f.SetGuard(guard);
+  LxCountingFunc guarded(static_cast<Func&>(f));
+  guarded.SetNonFiniteGuard(guard);
+  PyCheckpoint cp(std::move(callback), HonoursStop<Opt>());
   LoggingSink sink;
   double* data = x.mutable_data();
-  double value;
+  double value = 0.0;
+  bool nonFiniteStart = false;
+  bool callbackStop = false;
   {
     py::gil_scoped_release release;
-    value = opt(static_cast<Func&>(f), &cp, data, data);
+    try {
+      value = opt(static_cast<Func&>(guarded), &cp, data, data);
+    } catch (const NonFiniteStart&) {
+      nonFiniteStart = true;
+    } catch (const CallbackStop&) {
+      callbackStop = true;
+    }
   }
-  return RunResult(x, value, cp, f);
+  if (nonFiniteStart) {
+    py::dict r = RunResult(x, std::numeric_limits<double>::quiet_NaN(), LxRunSummary{}, f, false);
+    r["nonfinite_start"] = true;
+    return r;
+  }
+  if (callbackStop) {
+    LxRunSummary stop;
+    stop.state = kLxDone;
+    stop.iterations = cp.stopIter;
+    stop.stoppedByCheckpoint = true;
+    Array at = Array::ensure(cp.stopX);
+    return RunResult(at ? at : x, cp.stopF, stop, f, true);
+  }
+  // A guarded value is the largest double, not the objective's value.
+  if (value == std::numeric_limits<double>::max()) value = std::numeric_limits<double>::quiet_NaN();
+  return RunResult(x, value, opt.LastRun(), f, cp.stopped);
 }
 
 std::unique_ptr<LxLineMinimize> MakeLineMinimizer(const std::string& name) {
@@ -269,8 +381,12 @@ Class& Common(Class& cls) {
       .def_property("tolerance", &Opt::GetTolerance, &Opt::SetTolerance)
       .def("minimize", &Run<Opt, Func>, py::arg("fun"), py::arg("x0"),
            py::arg("jac") = py::none(), py::arg("hess") = py::none(),
-           py::arg("callback") = py::none(),
-           "Minimizes fun from x0; returns a dict of the raw outcome.");
+           py::arg("callback") = py::none(), py::arg("guard") = true,
+           py::arg("eps") = kLxGradientStep,
+           "Minimizes fun from x0; returns a dict of the raw outcome. jac: callable, True "
+           "(fun returns (f, g)) or None (central differences with step eps); "
+           "callback(x, fun, gnorm, nit) -> False stops; guard: stop on a non-finite start "
+           "and step back from non-finite points.");
   return cls;
 }
 
@@ -315,7 +431,7 @@ class PyConstraint : public LxConstrFunc {
 
   double operator()(const double* x, double* grad) override {
     py::gil_scoped_acquire gil;
-    py::array view = View(x, n_);
+    Array view = Copy(x, n_);
     if (jac_.is_none()) {
       py::tuple r(fun_(view));
       CopyResult(r[1], grad, n_, "constraint");
@@ -408,16 +524,18 @@ void BindNewtonConstrained(py::module_& m) {
       .def(
           "minimize",
           [](NewtonConstrained& s, py::function fun, const py::object& x0, py::object jac,
-             py::object hess, py::object callback) {
+             py::object hess, py::object callback, bool guard, double eps) {
             Array x = StartCopy(x0);
             for (auto& entry : s.constraints) {
               entry.second->SetNumVar(static_cast<unsigned int>(x.size()));
             }
             return Run<LxNewtonConstrOpt, LxFunc2>(s.opt, std::move(fun), x, std::move(jac),
-                                                   std::move(hess), std::move(callback));
+                                                   std::move(hess), std::move(callback), guard,
+                                                   eps);
           },
           py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(),
           py::arg("hess") = py::none(), py::arg("callback") = py::none(),
+          py::arg("guard") = true, py::arg("eps") = kLxGradientStep,
           "Minimizes fun from x0 subject to the listed constraints; returns a dict of the "
           "raw outcome.");
 }
@@ -458,13 +576,14 @@ void BindMinFinder(py::module_& m) {
       [](MinFinder& s, py::function fun, std::vector<double> lower, std::vector<double> upper,
          py::object jac, unsigned int seed) -> bool {
         if (lower.size() != upper.size()) throw py::value_error("lower and upper differ in size");
-        bool jacIncluded = false;
-        if (py::isinstance<py::bool_>(jac)) {
-          jacIncluded = py::cast<bool>(jac);
+        GradientSource source = GradientSource::kJac;
+        if (py::isinstance<py::bool_>(jac) || jac.is_none()) {
+          source = py::isinstance<py::bool_>(jac) && py::cast<bool>(jac)
+                       ? GradientSource::kIncluded
+                       : GradientSource::kNumeric;
           jac = py::none();
         }
-        s.func = std::make_unique<PyObjective>(std::move(fun), std::move(jac), py::none(),
-                                               jacIncluded,
+        s.func = std::make_unique<PyObjective>(std::move(fun), std::move(jac), py::none(), source,
                                                static_cast<unsigned int>(lower.size()));
         s.generator.Seed(seed);
         LoggingSink sink;
@@ -533,7 +652,8 @@ PYBIND11_MODULE(_lxopt, m) {
       .def_property("tolerance", &Anneal::GetTolerance, &Anneal::SetTolerance)
       .def("minimize", &Run<Anneal, LxFunc1>, py::arg("fun"), py::arg("x0"),
            py::arg("jac") = py::none(), py::arg("hess") = py::none(),
-           py::arg("callback") = py::none());
+           py::arg("callback") = py::none(), py::arg("guard") = true,
+           py::arg("eps") = kLxGradientStep);
 
   BindNewtonConstrained(m);
   BindMinFinder(m);

@@ -119,10 +119,15 @@ is in progress.)")
       .def_property_readonly("x", &PyAskTell::Point, "Final point, None until finished.")
       .def_property_readonly("fun", [](const PyAskTell& s) { return s.Run().GetValue(); },
                              "Value the optimizer returned.")
-      .def_property_readonly("status", [](const PyAskTell& s) { return s.Run().GetState(); },
-                             "Last state the optimizer reported (0 while none).")
-      .def_property_readonly("nit", [](const PyAskTell& s) { return s.Run().GetIterations(); },
-                             "Last iteration the optimizer reported.")
+      .def_property_readonly("status",
+                             [](const PyAskTell& s) { return s.Run().LastRun().state; },
+                             "State that decided the finished run (0 while running).")
+      .def_property_readonly("nit",
+                             [](const PyAskTell& s) { return s.Run().LastRun().iterations; },
+                             "Iterations of the finished run.")
+      .def_property_readonly("converged",
+                             [](const PyAskTell& s) { return s.Run().LastRun().converged; },
+                             "Whether the finished run's state means convergence.")
       .def_property_readonly("nfev",
                              [](const PyAskTell& s) { return s.Run().GetEvaluations(); },
                              "Points asked for so far.");

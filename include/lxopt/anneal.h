@@ -68,6 +68,8 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
   // through checkpoint. Returns the final value with the point in x.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
                     double* x) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
 
  protected:
   // The settings, for a derived class's GetIterLimit and GetTolerance.
@@ -75,6 +77,7 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
   double Tolerance() const { return tolerance_; }
 
  private:
+  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x);
   // Runs the local minimiser from xopt into x and returns its value.
   double FinalMinimization(LxFunc1& func, LxCheckpoint1* checkpoint, const double* xopt,
                            double* x);
@@ -87,6 +90,7 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
   double coolingFactor_ = 0.85;
   std::unique_ptr<LxBFGSOpt> local_;
   LxRandom random_;
+  LxRunSummary lastRun_;
 };
 
 }  // namespace LxOpt

@@ -76,6 +76,9 @@ class LXOPT_API LxAskTell {
   unsigned int GetIterations() const;
   // Points asked for since Start.
   unsigned long GetEvaluations() const;
+  // The optimizer's own summary of the finished run (see LxRunSummary); a
+  // default summary while a run is in progress or after a Reset.
+  LxRunSummary LastRun() const;
   // Number of variables of the current or last run.
   unsigned int NumVar() const;
 

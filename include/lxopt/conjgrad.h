@@ -75,6 +75,12 @@ class LXOPT_API LxConjGradOpt : public LxConjGradBase {
   // at x as listed under the exits above.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
                     double* x) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
+
+ private:
+  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x);
+  LxRunSummary lastRun_;
 };
 
 // The classic nonlinear conjugate gradients d = -g_new + beta d, one loop for
@@ -108,13 +114,18 @@ class LXOPT_API LxBetaConjGradOpt : public LxConjGradBase {
   // at x as listed under the exits above.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
                     double* x) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
 
  protected:
   // beta: the coefficient formula; chosen by the named subclasses below.
   explicit LxBetaConjGradOpt(Beta beta) : beta_(beta) {}
 
  private:
+  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x);
   Beta beta_;
+  LxRunSummary lastRun_;
+  unsigned int silentState_ = kLxCont;  // how the current run ended silently
 };
 
 // The family with the Fletcher-Reeves coefficient.

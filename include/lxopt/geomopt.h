@@ -198,6 +198,8 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // null and returns the final value.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                     double* out) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
   // Value-only objectives cannot be used: fatal error.
   virtual double operator()(LxFunc0& func, const double* in, double* out);
   virtual double operator()(LxFunc0& func, LxCheckpoint0* checkpoint, const double* in,
@@ -228,6 +230,8 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   void setup();
   // The cycles of one run on the current point and gradient of the object.
   void optimize(LxFunc1& func, LxCheckpoint1* checkpoint);
+  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in, double* out);
+  LxRunSummary lastRun_;
 
   unsigned int n_ = 0;
   unsigned int iterLimit_ = kDefaultIterLimit;

@@ -149,6 +149,8 @@ class LXOPT_API LxNewtonOpt : public LxOptimizer2 {
   // LxNewtonOptImpl say.
   double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
                     double* result) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
 
   // The implementation, for its further settings; never null.
   LxNewtonOptImpl* GetImpl() { return impl_.get(); }
@@ -156,6 +158,7 @@ class LXOPT_API LxNewtonOpt : public LxOptimizer2 {
 
  private:
   std::unique_ptr<LxNewtonOptImpl> impl_;
+  LxRunSummary lastRun_;
 };
 
 // ---------------------------------------------------------- constrained Newton
@@ -251,6 +254,8 @@ class LXOPT_API LxNewtonConstrOpt : public LxOptimizer2 {
   // constraints; returns the value as LxNewtonConstrOptImpl says.
   double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
                     double* result) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
 
   // Add and Remove forward to the implementation (same arguments, results).
   bool Add(LxConstrFunc& c);
@@ -262,6 +267,7 @@ class LXOPT_API LxNewtonConstrOpt : public LxOptimizer2 {
 
  private:
   std::unique_ptr<LxNewtonConstrOptImpl> impl_;
+  LxRunSummary lastRun_;
 };
 
 }  // namespace LxOpt

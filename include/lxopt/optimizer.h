@@ -2,6 +2,9 @@
 #ifndef LXOPT_OPTIMIZER_H
 #define LXOPT_OPTIMIZER_H
 
+#include <cstdint>
+#include <limits>
+
 #include "lxopt/function.h"
 #include "lxopt/lxopt_export.h"
 
@@ -28,6 +31,43 @@ enum LxOptState : unsigned int {
 // In: state, a result code. Returns its short name ("Cont", "NoOpt", ...);
 // "" for codes above 12, never null. The pointer stays valid for the process.
 LXOPT_API const char* LxGetStateName(unsigned int state);
+
+// Whether a final state means that the run met a convergence test:
+//   1 NoOpt, 7 Dist, 8 Fval, 9 Grad, 10 Comp and 11 Done (of a run the
+//   checkpoint did not stop) do;
+//   0 Cont (no final state: the run refused its input or failed), 2 OneVar,
+//   3 NotFound, 4 Ended, 5 NotJust (a convergence test passed but the
+//   component test cannot be met), 6 Exhaust and 12 Stable (a stall, not a
+//   passed test) do not, nor any code above 12.
+LXOPT_API bool LxStateMeansConvergence(unsigned int state);
+
+// How the last run of an optimizer ended; every optimizer of the library
+// fills it on every exit, the refusals of bad input included.
+struct LxRunSummary {
+  // The state that decides the run: the last final state reported, except
+  // that a closing Done after another final state (geometry driver) leaves
+  // that state. 0 (Cont) when the run ended without a final state: it refused
+  // its input or its objective failed, and the 0.0 it returned is no minimum.
+  // The conjugate-gradient family that ends some runs silently records Grad
+  // for its silent convergence and NotFound for its silent failed search.
+  unsigned int state = 0;
+  // Iteration of the deciding report (or of the last report).
+  unsigned int iterations = 0;
+  // Objective calls of every kind (values, gradients, Hessians).
+  std::uint64_t evaluations = 0;
+  // The value the run returned.
+  double value = std::numeric_limits<double>::quiet_NaN();
+  // Euclidean norm and largest absolute component of the gradient passed
+  // with the deciding report; without a gradient there the norm is the one
+  // reported (Euclidean) and the largest component is NaN. NaN when nothing
+  // was reported.
+  double gradientNorm = std::numeric_limits<double>::quiet_NaN();
+  double gradientMax = std::numeric_limits<double>::quiet_NaN();
+  // The checkpoint answered false and the run ended on that request.
+  bool stoppedByCheckpoint = false;
+  // LxStateMeansConvergence(state) and not stoppedByCheckpoint.
+  bool converged = false;
+};
 
 // Per-iteration callback of value-only optimizers. Returning false from a
 // report with state 0 asks the optimizer to stop (where it honours that).
@@ -96,6 +136,9 @@ class LXOPT_API LxOptimizer1 {
   virtual double operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
                             const double* start, double* out) = 0;
   virtual ~LxOptimizer1();
+  // How the last run ended; the library's optimizers fill it on every exit.
+  // This default (for optimizers outside the library) reports state 0.
+  virtual const LxRunSummary& LastRun() const;
 };
 
 // Base of the optimizers that use values, gradients and Hessians.
@@ -116,6 +159,9 @@ class LXOPT_API LxOptimizer2 {
   virtual double operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
                             const double* start, double* out) = 0;
   virtual ~LxOptimizer2();
+  // How the last run ended; the library's optimizers fill it on every exit.
+  // This default (for optimizers outside the library) reports state 0.
+  virtual const LxRunSummary& LastRun() const;
 };
 
 }  // namespace LxOpt

@@ -79,6 +79,8 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   // the same array); returns the value at out, or as the exits above say.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                     double* out) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
 
   // Replaces the line minimizer by lm.CreateCopy(); returns true.
   bool SetLineMinimize(const LxLineMinimize& lm);
@@ -119,6 +121,8 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   // over. With a stored matrix of the right size a run then starts from it
   // instead of the identity.
   bool startFromStored_ = false;
+  // The summary of the last run, LxBFGSModOpt's runs included.
+  LxRunSummary lastRun_;
 
  private:
   void FreeStored();
@@ -195,12 +199,15 @@ class LXOPT_API LxDFPOpt : public LxOptimizer1 {
   // returns the value at out, or as the exits of LxBFGSOpt say.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                     double* out) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
 
   // Replaces the line minimizer by lm.CreateCopy(); returns true.
   bool SetLineMinimize(const LxLineMinimize& lm);
 
  private:
   LxQNSettings settings_;
+  LxRunSummary lastRun_;
 };
 
 // Limited-memory BFGS for large problems. Instead of H it keeps the last m
@@ -252,13 +259,17 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
   // the same array); returns the value at out, or as the exits above say.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                     double* out) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
 
   // Replaces the line minimizer by lm.CreateCopy(); returns true.
   bool SetLineMinimize(const LxLineMinimize& lm);
 
  private:
+  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in, double* out);
   LxQNSettings settings_;
   unsigned int memory_ = kDefaultMemory;
+  LxRunSummary lastRun_;
 };
 
 }  // namespace LxOpt

@@ -37,8 +37,12 @@ class LXOPT_API LxSteepestDescentOpt : public LxOptimizer1 {
   // start); returns the value as listed under the exits above.
   double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* start,
                     double* out) override;
+  // How the last run ended.
+  const LxRunSummary& LastRun() const override { return lastRun_; }
 
  private:
+  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* start, double* out);
+  LxRunSummary lastRun_;
   unsigned int iterLimit_ = kDefaultIterLimit;
   double tolerance_ = kDefaultTolerance;
   double initialStep_ = 0.0;  // 0.0: derive the first step from the gradient

@@ -6,6 +6,7 @@
 // point, history the values at the last four temperature steps.
 #include <cmath>
 
+#include "framework/run_record.h"
 #include "lxopt/anneal.h"
 #include "lxopt/quasinewton.h"
 
@@ -72,6 +73,14 @@ double LxSAOpt::FinalMinimization(LxFunc1& func, LxCheckpoint1* checkpoint, cons
 }
 
 double LxSAOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
+                          double* x) {
+  return detail::RecordRun(lastRun_, func, checkpoint, true,
+                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+                             return Run(counted, recorder, x0, x);
+                           });
+}
+
+double LxSAOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
                            double* x) {
   const unsigned int n = func.NumVar();
   double t = temperature_;

@@ -4,6 +4,7 @@
 // 5.2 (the coefficients and Powell's restart test with the constant 0.2).
 #include <cmath>
 
+#include "framework/run_record.h"
 #include "conjgrad/beta.h"
 #include "conjgrad/run_start.h"
 #include "framework/internal.h"
@@ -31,7 +32,18 @@ const char* OutOfMemoryMessage(LxBetaConjGradOpt::Beta beta) {
 
 }  // namespace
 
-double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
+double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
+                                    double* x) {
+  return detail::RecordRun(lastRun_, func, checkpoint, true,
+                           [&](LxFunc1& counted, detail::RunRecorder* recorder) {
+                             silentState_ = kLxCont;
+                             const double f = Run(counted, recorder, x0, x);
+                             recorder->SetSilentState(silentState_);
+                             return f;
+                           });
+}
+
+double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint,
                                      const double* x0, double* x) {
   using detail::Report;
   // The same 6n block as LxConjGradOpt; the family uses the first three.
@@ -61,7 +73,10 @@ double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
   double slopeRef = -gg;
   for (unsigned int k = 1;;) {
     if (!LineMinimizer()(n, x, d, g, gNew, &f, &step, func)) {
-      if (steepest) return f;  // silent: even steepest descent found nothing
+      if (steepest) {  // silent: even steepest descent found nothing
+        silentState_ = kLxNotFound;
+        return f;
+      }
       // Intended: carry on as after a success, moving x by the step that stood
       // before the failed search, with f and the new gradient not refreshed
       // (gNew keeps what the last iteration left, a copy of g), and restart.
@@ -84,7 +99,10 @@ double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
 
     bool restart;
     if (dots.ggNew < GetTolerance()) {
-      if (steepest) return f;  // silent: converged on a steepest-descent step
+      if (steepest) {  // silent: converged on a steepest-descent step
+        silentState_ = kLxGrad;
+        return f;
+      }
       restart = true;          // a conjugate step must be confirmed first
     } else {
       restart = sinceRestart >= n || std::fabs(dots.gNewG) / dots.ggNew > kPowellRatio;

@@ -13,6 +13,7 @@
 #include <cmath>
 #include <utility>
 
+#include "framework/run_record.h"
 #include "conjgrad/run_start.h"
 #include "framework/internal.h"
 #include "lxopt/conjgrad.h"
@@ -94,6 +95,14 @@ double TwoPairDirection(std::size_t n, double step, double* g, const double* gNe
 }  // namespace
 
 double LxConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
+                                double* x) {
+  return detail::RecordRun(lastRun_, func, checkpoint, true,
+                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+                             return Run(counted, recorder, x0, x);
+                           });
+}
+
+double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
                                  double* x) {
   using detail::Report;
   LxMallocaPtr block;

@@ -46,6 +46,7 @@ struct LxAskTell::Impl {
   std::exception_ptr error;
   std::vector<double> finalPoint;
   double finalValue = 0.0;
+  LxRunSummary summary;  // the optimizer's, once the run finished
   unsigned int state = kLxCont;
   unsigned int iterations = 0;
 
@@ -129,6 +130,7 @@ void LxAskTell::Impl::Run(LxOptimizer1& optimizer, LxCheckpoint1* checkpoint,
     failure = std::current_exception();
   }
   std::lock_guard<std::mutex> lock(mutex);
+  summary = optimizer.LastRun();
   finalValue = result;
   finalPoint.swap(out);
   error = failure;
@@ -149,6 +151,7 @@ void LxAskTell::Start(LxOptimizer1& optimizer, const double* start, unsigned int
   s.gradient.assign(n, 0.0);
   s.finalPoint.clear();
   s.evaluations = 0;
+  s.summary = LxRunSummary{};
   s.state = kLxCont;
   s.iterations = 0;
   s.error = nullptr;
@@ -199,6 +202,7 @@ void LxAskTell::Reset() {
   s.cancel = false;
   s.phase = Phase::kIdle;
   s.finalPoint.clear();
+  s.summary = LxRunSummary{};
   s.error = nullptr;
 }
 
@@ -230,6 +234,11 @@ unsigned int LxAskTell::GetIterations() const {
 unsigned long LxAskTell::GetEvaluations() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->evaluations;
+}
+
+LxRunSummary LxAskTell::LastRun() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->summary;
 }
 
 unsigned int LxAskTell::NumVar() const {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <typeinfo>
 
+#include "framework/run_record.h"
 #include "framework/internal.h"
 #include "geomopt/geom_internal.h"
 #include "lxopt/geomopt.h"
@@ -117,6 +118,14 @@ bool LxBFGSOptimizer::GetInverseHessian(double* out, unsigned int n) const {
 }
 
 double LxBFGSOptimizer::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                                  double* out) {
+  return detail::RecordRun(lastRun_, func, checkpoint, false,
+                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+                             return Run(counted, recorder, in, out);
+                           });
+}
+
+double LxBFGSOptimizer::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                                    double* out) {
   n_ = func.NumVar();
   const std::size_t n = n_;

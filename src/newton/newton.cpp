@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "framework/run_record.h"
 #include "framework/internal.h"
 #include "lxopt/host.h"
 #include "lxopt/newton.h"
@@ -179,7 +180,10 @@ double LxNewtonOpt::GetTolerance() const { return impl_->GetTolerance(); }
 
 double LxNewtonOpt::operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
                                double* result) {
-  return (*impl_)(func, checkpoint, start, result);
+  return detail::RecordRun(lastRun_, func, checkpoint, false,
+                           [&](LxFunc2& counted, LxCheckpoint1* recorder) {
+                             return (*impl_)(counted, recorder, start, result);
+                           });
 }
 
 }  // namespace LxOpt

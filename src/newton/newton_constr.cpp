@@ -7,6 +7,7 @@
 #include <cmath>
 #include <new>
 
+#include "framework/run_record.h"
 #include "lxopt/host.h"
 #include "lxopt/newton.h"
 #include "newton/newton_internal.h"
@@ -247,7 +248,10 @@ double LxNewtonConstrOpt::GetTolerance() const { return impl_->GetTolerance(); }
 
 double LxNewtonConstrOpt::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
                                      const double* start, double* result) {
-  return (*impl_)(func, checkpoint, start, result);
+  return detail::RecordRun(lastRun_, func, checkpoint, false,
+                           [&](LxFunc2& counted, LxCheckpoint1* recorder) {
+                             return (*impl_)(counted, recorder, start, result);
+                           });
 }
 
 bool LxNewtonConstrOpt::Add(LxConstrFunc& c) { return impl_->Add(c); }

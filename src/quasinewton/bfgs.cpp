@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/run_record.h"
 #include "quasinewton/bfgs_matrix.h"
 #include "quasinewton/inverse_hessian.h"
 
@@ -127,7 +128,11 @@ double LxBFGSOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const dou
   const unsigned int n = func.NumVar();
   SetHessianDimension(n);
   KeptMatrix matrix(*this);
-  return detail::RunQuasiNewton(settings_, matrix, n, func, checkpoint, in, out);
+  return detail::RecordRun(lastRun_, func, checkpoint, true,
+                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+                             return detail::RunQuasiNewton(settings_, matrix, n, counted,
+                                                           recorder, in, out);
+                           });
 }
 
 }  // namespace LxOpt

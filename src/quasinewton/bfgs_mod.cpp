@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/run_record.h"
 #include "quasinewton/bfgs_matrix.h"
 #include "quasinewton/inverse_hessian.h"
 
@@ -114,7 +115,11 @@ double LxBFGSModOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const 
   const unsigned int n = func.NumVar();
   SetHessianDimension(n);
   CarriedMatrix matrix(*this);
-  return detail::RunQuasiNewton(Settings(), matrix, n, func, checkpoint, in, out);
+  return detail::RecordRun(lastRun_, func, checkpoint, true,
+                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+                             return detail::RunQuasiNewton(Settings(), matrix, n, counted,
+                                                           recorder, in, out);
+                           });
 }
 
 }  // namespace LxOpt

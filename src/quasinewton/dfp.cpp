@@ -2,6 +2,7 @@
 // quasi_newton_loop.cpp with the two-term update and no kept matrix.
 #include <cstdlib>
 
+#include "framework/run_record.h"
 #include "lxopt/quasinewton.h"
 #include "quasinewton/inverse_hessian.h"
 #include "quasinewton/quasi_newton_loop.h"
@@ -48,7 +49,11 @@ bool LxDFPOpt::SetLineMinimize(const LxLineMinimize& lm) {
 double LxDFPOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                             double* out) {
   DFPMatrix matrix;
-  return detail::RunQuasiNewton(settings_, matrix, func.NumVar(), func, checkpoint, in, out);
+  return detail::RecordRun(lastRun_, func, checkpoint, true,
+                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+                             return detail::RunQuasiNewton(settings_, matrix, func.NumVar(),
+                                                           counted, recorder, in, out);
+                           });
 }
 
 }  // namespace LxOpt

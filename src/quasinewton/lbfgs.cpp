@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "framework/run_record.h"
 #include "framework/internal.h"
 #include "lxopt/host.h"
 #include "lxopt/quasinewton.h"
@@ -162,6 +163,14 @@ bool LxLBFGSOpt::SetLineMinimize(const LxLineMinimize& lm) {
 }
 
 double LxLBFGSOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
+                             double* out) {
+  return detail::RecordRun(lastRun_, func, checkpoint, true,
+                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+                             return Run(counted, recorder, in, out);
+                           });
+}
+
+double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                               double* out) {
   const unsigned int n = func.NumVar();
   const unsigned int m = memory_;

@@ -27,8 +27,10 @@ struct Problem {
   double knownMinimum = std::numeric_limits<double>::quiet_NaN();
 };
 
-using RunFunction = std::function<double(LxOpt::LxFunc2& func, LxOpt::LxCheckpoint1* checkpoint,
-                                         const double* start, double* out)>;
+// One run; returns the optimizer's summary of it.
+using RunFunction =
+    std::function<LxOpt::LxRunSummary(LxOpt::LxFunc2& func, LxOpt::LxCheckpoint1* checkpoint,
+                                      const double* start, double* out)>;
 
 struct Optimizer {
   int order;
@@ -73,7 +75,10 @@ struct Register {
 template <class Opt>
 RunFunction RunWith(Opt opt) {
   return [opt](LxOpt::LxFunc2& f, LxOpt::LxCheckpoint1* cp, const double* start,
-               double* out) mutable { return opt(f, cp, start, out); };
+               double* out) mutable {
+    opt(f, cp, start, out);
+    return opt.LastRun();
+  };
 }
 
 }  // namespace demo

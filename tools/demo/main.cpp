@@ -71,29 +71,27 @@ Parsed ParseArguments(int argc, char** argv, Options& options, PlotRequest& plot
 
 void RunTable(const Options& options) {
   Registry& r = TheRegistry();
-  std::printf("%-26s %-26s %6s %16s %8s %8s %-9s %10s\n", "optimizer", "problem", "n",
-              "final value", "iters", "evals", "state", "ms");
+  std::printf("%-26s %-26s %6s %16s %8s %8s %-9s %-4s %10s\n", "optimizer", "problem", "n",
+              "final value", "iters", "evals", "state", "conv", "ms");
   for (const Optimizer& opt : r.optimizers) {
     if (!options.only.empty() && options.only != opt.name) continue;
     for (const Problem& p : r.problems) {
       if (opt.needsHessian && !p.hasHessian) continue;
       std::unique_ptr<LxOpt::LxFunc2> objective = p.make();
-      LxOpt::LxCountingFunc counted(*objective);
       LxOpt::LxTraceCheckpoint trace;
       std::vector<double> out(p.start.size());
       const auto t0 = std::chrono::steady_clock::now();
-      const double f = opt.run(counted, &trace, p.start.data(), out.data());
+      const LxOpt::LxRunSummary s = opt.run(*objective, &trace, p.start.data(), out.data());
       const double ms =
           std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
       if (options.trace) {
         std::printf("  %s on %s\n", opt.name.c_str(), p.name.c_str());
         PrintTrace(trace);
       }
-      const bool reported = !trace.Entries().empty();
-      std::printf("%-26s %-26s %6zu %16.8e %8u %8llu %-9s %10.3f\n", opt.name.c_str(),
-                  p.name.c_str(), p.start.size(), f, reported ? trace.Entries().back().iter : 0u,
-                  static_cast<unsigned long long>(counted.Total()),
-                  reported ? LxOpt::LxGetStateName(trace.Entries().back().state) : "-", ms);
+      std::printf("%-26s %-26s %6zu %16.8e %8u %8llu %-9s %-4s %10.3f\n", opt.name.c_str(),
+                  p.name.c_str(), p.start.size(), s.value, s.iterations,
+                  static_cast<unsigned long long>(s.evaluations), LxOpt::LxGetStateName(s.state),
+                  s.converged ? "yes" : "no", ms);
     }
   }
   std::printf("\nKnown minima:");

@@ -2,6 +2,7 @@
 // matrix (two runs in a row with one object), DFP and L-BFGS, each with each line
 // minimizer; and a section showing the kept inverse Hessian.
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -48,8 +49,12 @@ RunFunction TwoRuns(const LxOpt::LxLineMinimize& search) {
     LxOpt::LxBFGSModOpt opt = Configured<LxOpt::LxBFGSModOpt>(*kept);
     opt.SetIterLimit(20);
     opt(f, cp, start, out);
+    const std::uint64_t first = opt.LastRun().evaluations;
     opt.SetIterLimit(LxOpt::LxQNSettings::kDefaultIterLimit);
-    return opt(f, cp, out, out);
+    opt(f, cp, out, out);
+    LxOpt::LxRunSummary both = opt.LastRun();
+    both.evaluations += first;
+    return both;
   };
 }
 
