@@ -300,10 +300,69 @@ TEST_P(AllFour, PowellRestartTest) {
 // used as it stands (in the loop Powell's test restarts first in such cases).
 TEST(FamilyCoefficients, PolakRibiereNotClampedAtZero) {
   using Beta = LxBetaConjGradOpt::Beta;
-  const detail::BetaInputs p{4.0, 1.0, 1.5, -0.5, -4.0};  // gg, ggNew, gNewG, dGNew, dG
+  const detail::BetaInputs p{4.0, 1.0, -0.5, 3.5};  // gg, ggNew, gNew.y, d.y
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kFletcherReeves, p), 0.25);
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kPolakRibiere, p), -0.125);
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kHestenesStiefel, p), -0.5 / 3.5);
+}
+
+// Succeeds once with a set new gradient (and a lower value), then fails;
+// logs the directions it is given.
+class GivenNewGradient : public LxLineMinimize {
+ public:
+  GivenNewGradient(Points gNew, std::shared_ptr<std::vector<Points>> dirs)
+      : gNew_(std::move(gNew)), dirs_(std::move(dirs)) {}
+  bool operator()(unsigned int n, const double*, double* dir, double*, double* gradOut,
+                  double* fval, double*, LxFunc1&) const override {
+    dirs_->emplace_back(dir, dir + n);
+    if (dirs_->size() > 1) return false;
+    std::copy(gNew_.begin(), gNew_.end(), gradOut);
+    *fval -= 1.0;
+    return true;
+  }
+  LxLineMinimize* CreateCopy() const override { return new GivenNewGradient(*this); }
+
+ private:
+  Points gNew_;
+  std::shared_ptr<std::vector<Points>> dirs_;
+};
+
+// The coefficients are formed from y = gNew - g as written: gNew.y / g.g
+// (Polak-Ribiere) and gNew.y / d.y (Hestenes-Stiefel), not from differences
+// of separate dot products, which round otherwise (with these gradients the
+// second direction differs in its last bits); Fletcher-Reeves gNew.gNew / g.g.
+TEST(FamilyCoefficients, FormedFromTheChangeOfGradient) {
+  using Beta = LxBetaConjGradOpt::Beta;
+  DiagonalQuadratic q({1.0, 1.0, 1.0}, {1.0, 0.3, -0.7});  // g = (-2, -0.6, 1.4) at 0
+  const Points gNew{-0.567, -0.156, -0.942};  // |gNew.g| / gNew.gNew < 0.2: no restart
+  for (const Beta kind : {Beta::kFletcherReeves, Beta::kPolakRibiere, Beta::kHestenesStiefel}) {
+    SCOPED_TRACE(static_cast<int>(kind));
+    auto dirs = std::make_shared<std::vector<Points>>();
+    Ptr opt(kind == Beta::kFletcherReeves  ? static_cast<LxConjGradBase*>(new LxFletcherReevesOpt)
+            : kind == Beta::kPolakRibiere ? static_cast<LxConjGradBase*>(new LxRibierePolakOpt)
+                                          : new LxHestenesStiefelOpt);
+    opt->SetLineMinimize(GivenNewGradient(gNew, dirs));
+    opt->SetTolerance(1e-30);
+    opt->SetIterLimit(3);
+    Points x(3);
+    (*opt)(q, kOrigin.data(), x.data());
+    ASSERT_EQ(dirs->size(), 2u);
+    const Points& d = (*dirs)[0];
+    double gg = 0.0, ggNew = 0.0, gNewY = 0.0, dY = 0.0;
+    for (int i = 0; i < 3; ++i) {
+      const double g = -d[i], y = gNew[i] - g;
+      gg += g * g;
+      ggNew += gNew[i] * gNew[i];
+      gNewY += gNew[i] * y;
+      dY += d[i] * y;
+    }
+    const double beta = kind == Beta::kFletcherReeves ? ggNew / gg
+                        : kind == Beta::kPolakRibiere ? gNewY / gg
+                                                      : gNewY / dY;
+    Points expected(3);
+    for (int i = 0; i < 3; ++i) expected[i] = -gNew[i] + beta * d[i];
+    EXPECT_EQ((*dirs)[1], expected);
+  }
 }
 
 }  // namespace
