@@ -333,6 +333,7 @@ TEST(CarriedHessian, SecondRunContinuesTheFirst) {
   RunWith(opt, first, 2, q, kOrigin, mid);
   opt.SetHessian(work, persistent, 2);
   EXPECT_EQ(Vec(work, work + 4), (Vec{5, 6, 7, 8}));
+  opt.SetHessian(nullptr, nullptr, 0);  // nothing to fill: the arrays are not touched
   // A copy carries the matrix, the step and a clone of the search; a run that
   // stops before its first search leaves them as it found them.
   LxBFGSModOpt copy(opt);

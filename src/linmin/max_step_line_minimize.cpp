@@ -85,9 +85,11 @@ bool LxMaxStepLineMinimize::operator()(unsigned int n, const double* x0, double*
     if (xt == nullptr) return false;
     double* const gt = xt + n;
     // The march has no count of its own: it ends where the descent stops or
-    // at the caller's step. Only a position that no longer moves (s + a
-    // rounds to s) ends it otherwise, as it would sample the same point for
-    // ever.
+    // at the caller's step. Two guards end it otherwise, leaving *step as it
+    // is: a value or slope that is not finite (a value that is not a number
+    // never compares as a stop, so such a march would run on to any entry
+    // step, however far), and a position that no longer moves (s + a rounds
+    // to s), which would sample the same point for ever.
     for (double s = a;;) {
       const detail::LineSample sample = detail::SampleLine(func, n, x0, dir, s, xt, gt);
       if (sample.value >= *fval || sample.slope >= 0.0) {
@@ -95,6 +97,7 @@ bool LxMaxStepLineMinimize::operator()(unsigned int n, const double* x0, double*
         if (before < *step) *step = before;
         break;
       }
+      if (!std::isfinite(sample.value) || !std::isfinite(sample.slope)) break;
       const double next = s + a;
       if (next == s) break;
       s = next;
