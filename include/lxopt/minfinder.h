@@ -588,9 +588,10 @@ class LXOPT_API LxMinfinder {
   bool GetKeepDegenerateStates() const { return impl_->GetKeepDegenerateStates(); }
   bool SetSeed(std::uint32_t seed) { return impl_->SetSeed(seed); }
 
-  // See LxMinfinderImpl. WARNING: until the first minimum is found, Optimize
-  // draws start points without limit; it never returns for an objective none
-  // of whose minima passes the value ranges, the validity test and the box.
+  // See LxMinfinderImpl. WARNING: every Optimize call first draws start
+  // points without limit until it has a minimum; it never returns for an
+  // objective none of whose minima passes the value ranges, the validity test
+  // and the box.
   bool Setup(LxFunc1& func, GetRandomVariables* generator, const std::vector<double>& lower,
              const std::vector<double>& upper) {
     return impl_->Setup(func, generator, lower, upper);
