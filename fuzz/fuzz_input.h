@@ -20,6 +20,7 @@
 #include "lxopt/function.h"
 #include "lxopt/host.h"
 #include "lxopt/linmin.h"
+#include "lxopt/newton.h"
 #include "lxopt/optimizer.h"
 
 namespace lxfuzz {
@@ -355,6 +356,37 @@ inline std::unique_ptr<LxOpt::LxLineMinimize> MakeLineMinimizer(Bytes& in, unsig
     lm->SetMaxStep(n, x.data());
   }
   return lm;
+}
+
+// A spherical restraint (|x|^2 - r^2) on the first n variables.
+class Restraint : public LxOpt::LxConstrFunc {
+ public:
+  Restraint(unsigned int n, double radius) : n_(n), radius_(radius) {}
+  double operator()(const double* x, double* grad) override {
+    double s = 0.0;
+    for (unsigned int i = 0; i < n_; ++i) {
+      s += x[i] * x[i];
+      if (grad != nullptr) grad[i] += 2.0 * x[i];
+    }
+    return s - radius_ * radius_;
+  }
+  unsigned int NumVar() const override { return n_; }
+
+ private:
+  unsigned int n_;
+  double radius_;
+};
+
+// A packed symmetric n x n matrix: near the identity, or any numbers.
+inline std::vector<double> RandomPacked(Bytes& in, unsigned int n) {
+  std::vector<double> packed(static_cast<std::size_t>(n) * (n + 1) / 2);
+  const bool identityLike = in.Bool();
+  for (unsigned int i = 0, k = 0; i < n; ++i) {
+    for (unsigned int j = 0; j <= i; ++j, ++k) {
+      packed[k] = identityLike ? (i == j ? 1.0 + in.Unit() : 0.01 * in.Moderate(1.0)) : in.Number();
+    }
+  }
+  return packed;
 }
 
 // n values for a start point.

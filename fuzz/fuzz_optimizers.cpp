@@ -36,25 +36,6 @@ unsigned int SizeCap(unsigned int choice) {
   }
 }
 
-// A spherical restraint (|x|^2 - r^2) on a few variables.
-class Restraint : public LxOpt::LxConstrFunc {
- public:
-  Restraint(unsigned int n, double radius) : n_(n), radius_(radius) {}
-  double operator()(const double* x, double* grad) override {
-    double s = 0.0;
-    for (unsigned int i = 0; i < n_; ++i) {
-      s += x[i] * x[i];
-      if (grad != nullptr) grad[i] += 2.0 * x[i];
-    }
-    return s - radius_ * radius_;
-  }
-  unsigned int NumVar() const override { return n_; }
-
- private:
-  unsigned int n_;
-  double radius_;
-};
-
 // Simulated annealing leaves the two getters to the derived class.
 class Annealing : public LxOpt::LxSAOpt {
  public:
@@ -68,17 +49,6 @@ void Configure(Opt& opt, Bytes& in, unsigned int n) {
   opt.SetIterLimit(in.Below(48));
   opt.SetTolerance(in.Tolerance());
   if (in.Bool()) opt.SetLineMinimize(*lxfuzz::MakeLineMinimizer(in, n));
-}
-
-std::vector<double> RandomPacked(Bytes& in, unsigned int n) {
-  std::vector<double> packed(static_cast<std::size_t>(n) * (n + 1) / 2);
-  const bool identityLike = in.Bool();
-  for (unsigned int i = 0, k = 0; i < n; ++i) {
-    for (unsigned int j = 0; j <= i; ++j, ++k) {
-      packed[k] = identityLike ? (i == j ? 1.0 + in.Unit() : 0.01 * in.Moderate(1.0)) : in.Number();
-    }
-  }
-  return packed;
 }
 
 // Runs opt once or twice (a second run exercises kept matrices); out may be
@@ -102,10 +72,10 @@ void RunBFGSFamily(LxOpt::LxBFGSOpt& opt, lxfuzz::Polynomial& func, Bytes& in, u
   const unsigned int setup = in.Below(4);
   const unsigned int m = in.Below(4) == 0 ? in.Below(n + 2) : n;  // sometimes another size
   if (setup == 1) {
-    std::vector<double> packed = RandomPacked(in, m);
+    std::vector<double> packed = lxfuzz::RandomPacked(in, m);
     opt.SetInitialInverseHessian(packed.data(), m);
   } else if (setup == 2) {
-    std::vector<double> packed = RandomPacked(in, m);
+    std::vector<double> packed = lxfuzz::RandomPacked(in, m);
     opt.SetInitialHessian(packed.data(), m);
   }
   Run(opt, func, in, n);
@@ -209,7 +179,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       // Mostly over all n variables; sometimes a mismatched count, which the
       // optimizer must refuse.
       const unsigned int na = in.Below(4) == 0 ? in.Below(n + 1) : n;
-      Restraint a(na, in.Number()), b(n, in.Number());
+      lxfuzz::Restraint a(na, in.Number()), b(n, in.Number());
       const unsigned int constraints = in.Below(3);
       if (constraints > 0) opt.Add(a);
       if (constraints > 1) opt.Add(b);

@@ -88,6 +88,30 @@ TEST(Annealing, AZeroToleranceEndsOnlyAtTheEvaluationLimitAndStillMinimizes) {
   EXPECT_EQ(std::count(o.lines.begin(), o.lines.end(), '='), 10);
 }
 
+// Without variables no move is made, yet the temperature loop runs as
+// written: the value history fills with the one value in four temperature
+// steps and a positive tolerance converges (normal exit, no evaluation
+// counted). A tolerance of 0 could never converge, so the loop is skipped.
+TEST(Annealing, NoVariablesRunsTheLoopUntilTheHistoryAgrees) {
+  lxtest::DoubleWells none(0);
+  struct Case { double tolerance; const char* lines; std::vector<std::string> messages; };
+  const Case cases[] = {
+      {0.001, "T = 300\nT = 255\nT = 216.75\nT = 184.237\n",
+       {"Initial temperature =     300.00",
+        "Normal exit, total evaluations = 0  Final temperature =184.24K"}},
+      {0.0, "", {"Initial temperature =     300.00"}},
+  };
+  for (const Case& c : cases) {
+    Annealer sa(300.0, 1000);
+    sa.SetTolerance(c.tolerance);
+    const Annealed o(sa, none, {0.0});  // one slot, so that x is not null
+    EXPECT_EQ(o.lines, c.lines);
+    EXPECT_EQ(o.messages, c.messages);
+    EXPECT_EQ(o.moves.size(), 1u);  // the start value only
+    EXPECT_EQ(o.states, std::vector<unsigned int>{1u});  // the final BFGS run: NoOpt
+  }
+}
+
 TEST(Annealing, CoordinatesOutsideTheBoxAreRedrawnInsideIt) {
   lxtest::DoubleWells wells(3);
   Annealer sa(300.0, 3);

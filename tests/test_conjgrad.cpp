@@ -165,7 +165,9 @@ TEST_P(AllFour, FailedSearches) {
   }
 }
 
-// About n iterations on a 10-variable quadratic, and the curved valley. ConjGrad
+// About n iterations on a 10-variable quadratic (ConjGrad up to 2n: its
+// trial-step ratio keeps the reference slope of before a restart, so the
+// first trial after one can be far off), and the curved valley. ConjGrad
 // ends "Grad" repeating the last report; the family ends quietly after a Cont.
 TEST_P(AllFour, Converges) {
   DiagonalQuadratic quad = DiagonalQuadratic::IllConditioned(10, 100.0);
@@ -173,7 +175,7 @@ TEST_P(AllFour, Converges) {
   const bool family = GetParam().family;
   using Problem = std::tuple<lxtest::Objective*, Points, Points, size_t>;  // ..., max reports
   for (const auto& [f, start, minimizer, maxReports] :
-       {Problem{&quad, Points(10, -1.0), Points(10, 1.0), family ? 16u : 15u},
+       {Problem{&quad, Points(10, -1.0), Points(10, 1.0), family ? 16u : 19u},
         Problem{&valley, {-1.2, 1.0}, {1.0, 1.0}, family ? 1000u : 200u}}) {
     auto opt = GetParam().make(nullptr);
     opt->SetTolerance(1e-16);
@@ -203,6 +205,48 @@ TEST(ConjGrad, RestartAtLeastEveryNIterations) {
   const Points& s = lm.steps();
   ASSERT_TRUE(s.size() >= 6 && s[1] == 1.0);
   for (size_t i = 2; i < s.size(); ++i) EXPECT_TRUE(s[i] == 1.0 || s[i - 1] == 1.0) << i;
+}
+
+// The reference slope of the trial-step ratio is -g.g at the start and is
+// replaced only by the slope of each direction formed between restarts; a
+// restart (step 1.0) and a recovery (step sqrt(1 / g.g) along -g) leave it
+// as it stands. So search c starts with the step search c - 1 left times
+// slope(r) / slope(c), slope(i) = g.d of search i. The first search starts
+// with 1 / sqrt(g.g) (g.g = 2356: the two forms differ in the last bit).
+TEST(ConjGrad, TrialStepRatioKeepsItsReferenceAcrossRestartsAndRecoveries) {
+  struct Case { std::set<int> failOn; size_t search, reference; };
+  const Case cases[] = {
+      {{}, 3, 1},   // search 1 is the start, 2 follows the first restart
+      {{}, 4, 3},   // 3 was formed between restarts
+      {{2}, 4, 1},  // 3 is the recovery from the failed 2
+  };
+  auto dot = [](const Points& a, const Points& b) {
+    double s = 0.0;
+    for (size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
+    return s;
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.search);
+    DiagonalQuadratic q({1.0, 2.0, 5.0, 11.0}, {1.0, 1.0, 2.0, 2.0});
+    lxtest::FailOnDemand lm(c.failOn);
+    LxConjGradOpt opt;
+    opt.SetLineMinimize(lm);
+    opt.SetTolerance(1e-20);
+    opt.SetIterLimit(6);
+    Points x(4);
+    opt(q, Points(4, 0.0).data(), x.data());
+    ASSERT_GE(lm.steps().size(), c.search);
+    const double gg = dot(lm.grads()[0], lm.grads()[0]);
+    ASSERT_EQ(gg, 2356.0);
+    EXPECT_EQ(lm.steps()[0], 1.0 / std::sqrt(gg));
+    if (c.failOn.count(2)) {
+      const Points& g = lm.grads()[2];
+      EXPECT_EQ(lm.steps()[2], std::sqrt(1.0 / dot(g, g)));
+    }
+    const auto slope = [&](size_t i) { return dot(lm.grads()[i - 1], lm.dirs()[i - 1]); };
+    EXPECT_DOUBLE_EQ(lm.steps()[c.search - 1],
+                     lm.left()[c.search - 2] * slope(c.reference) / slope(c.search));
+  }
 }
 
 // Powell's test: a restart comes before the n-th search exactly when the new
@@ -256,10 +300,69 @@ TEST_P(AllFour, PowellRestartTest) {
 // used as it stands (in the loop Powell's test restarts first in such cases).
 TEST(FamilyCoefficients, PolakRibiereNotClampedAtZero) {
   using Beta = LxBetaConjGradOpt::Beta;
-  const detail::BetaInputs p{4.0, 1.0, 1.5, -0.5, -4.0};  // gg, ggNew, gNewG, dGNew, dG
+  const detail::BetaInputs p{4.0, 1.0, -0.5, 3.5};  // gg, ggNew, gNew.y, d.y
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kFletcherReeves, p), 0.25);
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kPolakRibiere, p), -0.125);
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kHestenesStiefel, p), -0.5 / 3.5);
+}
+
+// Succeeds once with a set new gradient (and a lower value), then fails;
+// logs the directions it is given.
+class GivenNewGradient : public LxLineMinimize {
+ public:
+  GivenNewGradient(Points gNew, std::shared_ptr<std::vector<Points>> dirs)
+      : gNew_(std::move(gNew)), dirs_(std::move(dirs)) {}
+  bool operator()(unsigned int n, const double*, double* dir, double*, double* gradOut,
+                  double* fval, double*, LxFunc1&) const override {
+    dirs_->emplace_back(dir, dir + n);
+    if (dirs_->size() > 1) return false;
+    std::copy(gNew_.begin(), gNew_.end(), gradOut);
+    *fval -= 1.0;
+    return true;
+  }
+  LxLineMinimize* CreateCopy() const override { return new GivenNewGradient(*this); }
+
+ private:
+  Points gNew_;
+  std::shared_ptr<std::vector<Points>> dirs_;
+};
+
+// The coefficients are formed from y = gNew - g as written: gNew.y / g.g
+// (Polak-Ribiere) and gNew.y / d.y (Hestenes-Stiefel), not from differences
+// of separate dot products, which round otherwise (with these gradients the
+// second direction differs in its last bits); Fletcher-Reeves gNew.gNew / g.g.
+TEST(FamilyCoefficients, FormedFromTheChangeOfGradient) {
+  using Beta = LxBetaConjGradOpt::Beta;
+  DiagonalQuadratic q({1.0, 1.0, 1.0}, {1.0, 0.3, -0.7});  // g = (-2, -0.6, 1.4) at 0
+  const Points gNew{-0.567, -0.156, -0.942};  // |gNew.g| / gNew.gNew < 0.2: no restart
+  for (const Beta kind : {Beta::kFletcherReeves, Beta::kPolakRibiere, Beta::kHestenesStiefel}) {
+    SCOPED_TRACE(static_cast<int>(kind));
+    auto dirs = std::make_shared<std::vector<Points>>();
+    Ptr opt(kind == Beta::kFletcherReeves  ? static_cast<LxConjGradBase*>(new LxFletcherReevesOpt)
+            : kind == Beta::kPolakRibiere ? static_cast<LxConjGradBase*>(new LxRibierePolakOpt)
+                                          : new LxHestenesStiefelOpt);
+    opt->SetLineMinimize(GivenNewGradient(gNew, dirs));
+    opt->SetTolerance(1e-30);
+    opt->SetIterLimit(3);
+    Points x(3);
+    (*opt)(q, kOrigin.data(), x.data());
+    ASSERT_EQ(dirs->size(), 2u);
+    const Points& d = (*dirs)[0];
+    double gg = 0.0, ggNew = 0.0, gNewY = 0.0, dY = 0.0;
+    for (int i = 0; i < 3; ++i) {
+      const double g = -d[i], y = gNew[i] - g;
+      gg += g * g;
+      ggNew += gNew[i] * gNew[i];
+      gNewY += gNew[i] * y;
+      dY += d[i] * y;
+    }
+    const double beta = kind == Beta::kFletcherReeves ? ggNew / gg
+                        : kind == Beta::kPolakRibiere ? gNewY / gg
+                                                      : gNewY / dY;
+    Points expected(3);
+    for (int i = 0; i < 3; ++i) expected[i] = -gNew[i] + beta * d[i];
+    EXPECT_EQ((*dirs)[1], expected);
+  }
 }
 
 }  // namespace

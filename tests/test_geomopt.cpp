@@ -205,7 +205,10 @@ TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
       {&tiny, {-1.2, 1}, 1e-20, 0.0, 100, stall + "16:12 16:11 "},  // f <= 2.5e-11 throughout
       {&faint, {-1.2, 1}, 1e-40, 0.0, 100, component},
       {&bowl, {1, 1, 1.0078125}, 0.25, 10.0 / 16384, 100, "0:1- "},  // |g| < tol: f(start)
-      {&bowl, {1, 1, 2}, 0.1, 10.0, 0, "0:6 "},  // a limit of 0 allows no cycle
+      // The limit is tested after a cycle: 0 runs one cycle, as 1 does (the
+      // cap of 1 takes f from 10 to 8.1).
+      {&bowl, {1, 1, 2}, 0.1, 8.1, 0, "1:6 "},
+      {&bowl, {1, 1, 2}, 0.1, 8.1, 1, "1:6 "},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.trace + " tolerance " + std::to_string(c.tol));
@@ -448,6 +451,36 @@ TEST(GeometryDriver, KeepHessianStoresThePackedInverseThatMeetsTheLastSecant) {
       hy += h[i >= j ? i * (i + 1) / 2 + j : j * (j + 1) / 2 + i] * (g1[j] - g0[j]);
     EXPECT_NEAR(hy, s, 1e-9 + 1e-6 * std::fabs(s));
   }
+}
+
+// The kept matrix outlives runs that do not keep one; extraction checks n
+// against the latest run and copies n (n + 1) / 2 values of it as they are
+// stored, never more. A kept matrix too small for that n is refused.
+TEST(GeometryDriver, ExtractionCopiesOnlyTheValuesForTheLatestN) {
+  auto ten = lxtest::DiagonalQuadratic::IllConditioned(10, 10.0);
+  auto three = lxtest::DiagonalQuadratic::IllConditioned(3, 10.0);
+  constexpr double kUntouched = -777.0;
+  LxBFGSOptimizer opt;
+  lxtest::MessageCapture capture;
+  std::vector<double> start(10, 3.0), out(10), kept(55), h(55, kUntouched);
+  opt.SetKeepHessian(true);
+  opt.SetTolerance(1e-6);
+  opt(ten, start.data(), out.data());
+  ASSERT_TRUE(opt.GetInverseHessian(kept.data(), 10));
+  opt.SetKeepHessian(false);
+  opt(three, start.data(), out.data());
+  ASSERT_TRUE(opt.GetInverseHessian(h.data(), 3));
+  EXPECT_EQ(std::vector<double>(h.begin(), h.begin() + 6),
+            std::vector<double>(kept.begin(), kept.begin() + 6));
+  EXPECT_EQ(std::vector<double>(h.begin() + 6, h.end()), std::vector<double>(49, kUntouched));
+
+  LxBFGSOptimizer small;  // kept for 3, asked for 10 after a run over 10
+  small.SetKeepHessian(true);
+  small(three, start.data(), out.data());
+  small.SetKeepHessian(false);
+  small(ten, start.data(), out.data());
+  EXPECT_FALSE(small.GetInverseHessian(h.data(), 10));
+  EXPECT_EQ(capture.Texts().back(), "Can't extract Hessian: Wrong number of variables");
 }
 
 }  // namespace

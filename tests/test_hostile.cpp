@@ -216,6 +216,10 @@ constexpr long kMinfinderRun =
 // Backtracking from a = 1 down to 1e-7 / max|dir| = 1e-7 / 6 halves at most
 // 26 times; plus the entry evaluation and the closing value and gradient.
 constexpr long kNRSearch = 1 + 26 + 1;
+// The max-step march from the entry step 1 with limits 0.1 on a direction
+// whose largest component is 6: steps of 1/60, at most 60 before it
+// reaches 1 (it has no count of its own).
+constexpr long kMarch = 60;
 
 const std::set<unsigned int> kCont = {kLxCont};
 const std::set<unsigned int> kLineResults = {kTrue, kFalse};
@@ -255,7 +259,7 @@ const std::vector<Subject>& Subjects() {
       {"Minfinder", kMinfinderRun, kLineResults, kCont, FindMinima, kNoFirstMinimum, true},
       {"LineCG", 1 + kTrials, kLineResults, {}, Search<LxCGLineMinimize>()},
       {"LineQN", 1 + kTrials, kLineResults, {}, Search<LxQNLineMinimize>()},
-      {"LineMaxStep", 1 + 2 * kTrials, kLineResults, {},  // the march, then the inner search
+      {"LineMaxStep", 1 + kMarch + kTrials, kLineResults, {},  // the march, the inner search
        Search<LxMaxStepLineMinimize>([](LxMaxStepLineMinimize& lm) {
          double limits[kN] = {0.1, 0.1, 0.1};  // further variables unlimited
          lm.SetMaxStep(kN, limits);

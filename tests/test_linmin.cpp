@@ -28,11 +28,13 @@ Outcome Search(const LxLineMinimize& lm, Poly1D& f, double step) {
   return {ok, step, fval, gradOut};
 }
 
-double limitHalf = 0.5, limitTwo = 2.0, limitZero = 0.0, limitWide = 10.0, limitTiny = 1e-6;
+double limitHalf = 0.5, limitTwo = 2.0, limitZero = 0.0, limitWide = 10.0, limitOne = 1.0,
+       limitLong = 2.5e4;
 const LxCGLineMinimize kCG;
 const LxQNLineMinimize kQN, kQNFloor2(32, 1e-4, 0.9, 2.0), kQNOneTrial(1), kQNNoTrial(0);
 const LxMaxStepLineMinimize kMaxHalf(&limitHalf, 1), kMaxTwo(&limitTwo, 1),
-    kMaxZero(&limitZero, 1), kMaxWide(&limitWide, 1), kMaxTiny(&limitTiny, 1), kMaxNone;
+    kMaxZero(&limitZero, 1), kMaxWide(&limitWide, 1), kMaxOne(&limitOne, 1),
+    kMaxLong(&limitLong, 1), kMaxNone;
 const LxNRLineSearch kNR0(0), kNR1(1);
 
 // The polynomials c0 + c1 x + c2 x^2 + c3 x^3 along the line.
@@ -54,6 +56,16 @@ const Poly kFalling{0, -1, 0, -1};
 Points Doublings() {
   Points p(32);
   for (int i = 0; i < 32; ++i) p[i] = std::ldexp(1.0, i);
+  return p;
+}
+// (x - 50)^2 with limit 1 from the entry step 100: the march walks 1, 2, ...,
+// 50, where the slope stops it, and hands on 49.5, which the quasi-Newton
+// search accepts at once (f = 0.25): 51 evaluations.
+const Poly kFifty{2500, -100, 1, 0};
+Points MarchToFifty() {
+  Points p;
+  for (int i = 1; i <= 50; ++i) p.push_back(i);
+  p.push_back(49.5);
   return p;
 }
 // NR from 2 on (x - 0.1)^2: the cubic through (1, 0) and (2, f(2)) has b <= 0
@@ -113,6 +125,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"max_clamp_march_delegate", &kMaxHalf, kSq, 4.0, true, 0.75, {0.5, 1.0, 0.75}},
         {"max_stop_at_first_hands_on_half", &kMaxTwo, kSq, 4.0, true, 1.0, {2.0, 1.0}},
         {"max_march_to_entry_step_keeps_it", &kMaxHalf, kFar, 1.5, true, 1.5, {0.5, 1.0, 1.5}},
+        {"max_long_march_to_its_end", &kMaxOne, kFifty, 100.0, true, 49.5, MarchToFifty()},
         // No cut: exactly the quasi-Newton search.
         {"max_no_limits", &kMaxNone, kSq, 3.0, true, 1.0, {3.0, 1.0}},
         {"max_zero_limit", &kMaxZero, kSq, 3.0, true, 1.0, {3.0, 1.0}},
@@ -144,12 +157,14 @@ TEST(LineSearchInNVariables, QuadraticLineMinimum) {
 }
 
 // Values that are not numbers end every search: CG spends its 32 trials and
-// succeeds, QN stops at the degenerate interpolation, the march at its own cap,
-// and the backtracking search fails at its smallest step.
+// succeeds, QN stops at the degenerate interpolation, the march at the first
+// such value (not 39 steps of 2.5e4 on to the entry step 1e6) before QN, and
+// the backtracking search fails at its smallest step.
 TEST(LineSearchNotANumber, EverySearchEnds) {
   using Case = std::tuple<const LxLineMinimize*, bool, int>;
   for (const auto& [lm, ok, evaluations] : {Case{&kCG, true, 32}, Case{&kQN, false, 1},
-                                            Case{&kMaxTiny, false, 33}, Case{&kNR1, false, 23}}) {
+                                            Case{&kMaxLong, false, 1 + 1},
+                                            Case{&kNR1, false, 23}}) {
     lxtest::NotANumber f;
     const double x0 = 0.0;
     double dir = 1.0, grad0 = -1.0, gradOut = kUnset, fval = 0.0, step = 1e6;
@@ -193,6 +208,18 @@ TEST(MaxStepLineMinimize, LimitsCopiesAndTheTightestLimit) {
     Search(*search, f, 4.0);
     EXPECT_EQ(f.points.front(), search == &lm ? 2.0 : 0.5);
   }
+}
+
+// A limit so small that the step a rounds to 0: the march would sample x0 for
+// ever while the caller's value lies above it; it samples x0 once and hands
+// the entry step on (the quasi-Newton search accepts 0.25 at once).
+TEST(MaxStepLineMinimize, AMarchThatCannotMoveEnds) {
+  Poly1D f(kSq);
+  double limit = 4.9e-324, x0 = 0.0, dir = 4.0, grad0 = -8.0, gradOut = 0.0, fval = 2.0;
+  double step = 0.25;
+  ASSERT_TRUE(LxMaxStepLineMinimize(&limit, 1)(1, &x0, &dir, &grad0, &gradOut, &fval, &step, f));
+  EXPECT_EQ(f.points, (Points{0.0, 1.0}));
+  EXPECT_EQ(step, 0.25);
 }
 
 // A failed backtracking search leaves the last trial's step, value and

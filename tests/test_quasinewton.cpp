@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 
+#include "../src/quasinewton/dfp_request.h"
 #include "support/problems.h"
 
 // The bad-input test makes allocations fail on purpose; under the address
@@ -332,6 +333,7 @@ TEST(CarriedHessian, SecondRunContinuesTheFirst) {
   RunWith(opt, first, 2, q, kOrigin, mid);
   opt.SetHessian(work, persistent, 2);
   EXPECT_EQ(Vec(work, work + 4), (Vec{5, 6, 7, 8}));
+  opt.SetHessian(nullptr, nullptr, 0);  // nothing to fill: the arrays are not touched
   // A copy carries the matrix, the step and a clone of the search; a run that
   // stops before its first search leaves them as it found them.
   LxBFGSModOpt copy(opt);
@@ -361,6 +363,17 @@ TEST(CarriedHessian, SecondRunContinuesTheFirst) {
   EXPECT_DOUBLE_EQ(log.steps[2], 1.0 / Norm(log.grads[2]));
 }
 
+// DFP's matrix request: n * n wraps in 32 bits (from n = 65536 on), the
+// factor of 8 bytes does not (so n = 23171 asks for the whole matrix).
+TEST(DFP, MatrixRequestWrapsOnlyInTheElementCount) {
+  using Case = std::pair<unsigned int, std::size_t>;
+  for (const auto& [n, bytes] :
+       {Case{3, 72}, Case{23170, 4294791200u}, Case{23171, 4295161928u},
+        Case{65535, 34358689800u}, Case{65536, 0}, Case{65537, 1048584},
+        Case{100000, 11280523264u}})
+    EXPECT_EQ(detail::DFPMatrixBytes(n), bytes) << n;
+}
+
 TEST(QuasiNewtonBadInput, ReportedWithoutCrash) {
   using L = LxMessageLevel;
   auto expect = [](Kind kind, unsigned int n, bool nullOut, const std::string& text, L level,
@@ -377,10 +390,6 @@ TEST(QuasiNewtonBadInput, ReportedWithoutCrash) {
     EXPECT_TRUE(r.calls.empty());
     EXPECT_EQ(f.evaluations, evaluations);
   };
-  // DFP's byte count n * n * 8 wraps in 32 bits to 194632 at n = 23171: too
-  // small for the matrix, so the run ends with 0.0 silently and at once.
-  expect(kDFP, 23171u, false, "", L::Info, 1);
-
   // Cap the address space at what the process maps now plus 1 GiB, so that
   // large requests fail whatever the machine's memory and overcommit policy.
   rlimit saved{};
@@ -400,11 +409,13 @@ TEST(QuasiNewtonBadInput, ReportedWithoutCrash) {
                                 : scratch,
            L::Warning, 0);
   }
-  // n = 100000: the vectors fit, the 80 GB matrix does not, nor DFP's 2.7 GB
-  // (n * n * 8 mod 2^32); at n = 65536 DFP asks for 0 bytes.
+  // n = 100000: the vectors fit, the 80 GB matrix does not, nor DFP's 11 GB
+  // ((n * n mod 2^32) * 8); at n = 23171 DFP asks for the whole 4.3 GB, at
+  // n = 65536 for 0 bytes: each run ends with 0.0 silently and at once.
   expect(kBFGS, 100000u, false, "Can't allocate Hessian. Too many variables.", L::Error, 1);
   expect(kBFGSMod, 100000u, false, scratch, L::Warning, 1);
   expect(kDFP, 100000u, false, "", L::Info, 1);
+  expect(kDFP, 23171u, false, "", L::Info, 1);
   expect(kDFP, 65536u, false, "", L::Info, 1);
   setrlimit(RLIMIT_AS, &saved);
 }

@@ -165,8 +165,8 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //          0.01); the gradient is cleared and the run ends with no final
 //          state.
 //   else   at the iteration limit the run ends; otherwise state 0.
-// Final state: 6 at the iteration limit (a limit of 0 allows no cycle and
-// reports 6 at iteration 0), else 11. A search that finds no
+// Final state: 6 at the iteration limit (tested only after a cycle, so a
+// limit of 0 runs one cycle, as a limit of 1 does), else 11. A search that finds no
 // lower point even from a restarted H reports 3, a direction that cannot be
 // formed (gradient not finite or zero) reports 4; both end with no final
 // state. Every exit after the start re-evaluates the value (value only) at the
@@ -212,8 +212,10 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   bool GetKeepHessian() const { return keepHessian_; }
   // n * n for the n of the latest run (0 before any run).
   unsigned int GetHessianDimension() const { return n_ * n_; }
-  // Copies the kept packed inverse Hessian (n (n + 1) / 2 doubles) to out.
-  // False with a warning when none was kept or n is not the run's n.
+  // Copies n (n + 1) / 2 values of the kept packed inverse Hessian to out, as
+  // they are stored (the kept matrix may be from an earlier, larger run).
+  // False with a warning when none was kept, when n is not the latest run's
+  // n, or when the kept matrix holds fewer values than that.
   bool GetInverseHessian(double* out, unsigned int n) const;
 
   // Turns the DIIS and subspace steps on or off (off by default).

@@ -86,8 +86,12 @@ class LXOPT_API LxQNLineMinimize : public LxLineMinimize {
 // entry step would move some variable i further than limits[i] (0: no limit;
 // variables beyond the limit count are unlimited), the step a is cut to the
 // smallest limits[i] / |dir[i]|, and the search marches from x0 in steps of a
-// while the value keeps falling with a negative slope; where the descent
-// stops at s, *step is lowered to s - a/2 (if that is smaller). The search is
+// while the value keeps falling with a negative slope, until the descent
+// stops or the entry step is reached (no count of steps: a march from a far
+// entry step is long). Where the descent stops at s, *step is lowered to
+// s - a/2 (if that is smaller). A march that meets a value or slope that is
+// not finite, or whose position no longer moves (s + a rounds to s), ends
+// there without a change of *step. The search is
 // then handed to an embedded LxQNLineMinimize with the caller's arguments, so
 // all results are that minimizer's; the march writes nothing else. With no
 // cut the call goes straight to the embedded minimizer.

@@ -295,7 +295,8 @@ class LXOPT_API LxMinfinderBatch {
 // ------------------------------------------------------------- finder
 
 // The search. Per Optimize call:
-//  1. First minimum (only while the minima store is empty): draw start points
+//  1. First minimum (on every call, added to the minima kept from earlier
+//     calls without a duplicate test): draw start points
 //     until one has FvalSampleMin < f < FvalSampleMax, pre-optimize it with
 //     steepest descent (at most 10 iterations), then BFGS; repeat until the
 //     result passes the minima value range, the objective's
@@ -392,8 +393,9 @@ class LXOPT_API LxMinfinderImpl {
   // later Setup. Without a call the generator keeps its own seed. Returns true.
   bool SetSeed(std::uint32_t seed);
 
-  // Borrows func and generator (both must outlive the searches). Errors, each
-  // leaving the previous setup in place and returning false:
+  // Borrows func and generator (both must outlive the searches); they are
+  // taken first, so a failed Setup replaces them too. Errors, each leaving
+  // the bounds and stores of the previous setup in place and returning false:
   //   n = 0: "numVar=0 in Setup function of the LxMinfinderImpl! Please set
   //          up your scoring function!"
   //   bounds of the wrong length: "Dimension of lower and upper bound vectors
@@ -403,9 +405,11 @@ class LXOPT_API LxMinfinderImpl {
   //          lower than the upper bounds!"
   bool Setup(LxFunc1& func, GetRandomVariables* generator, const std::vector<double>& lower,
              const std::vector<double>& upper);
-  // Runs the search described above; minima of earlier calls are kept. False
-  // before Setup ("You have to setup the minfinder object first!") or when the
-  // generator fails (its error, then this call ends); true otherwise.
+  // Runs the search described above, first minimum included; minima of
+  // earlier calls are kept and new ones added. False before Setup, or when a
+  // failed Setup left an objective whose number of variables is not that of
+  // the set-up bounds ("You have to setup the minfinder object first!"), or
+  // when the generator fails (its error, then this call ends); true otherwise.
   bool Optimize();
   // The minima within FvalMinimaWindow (strictly) of the lowest, in ascending
   // order of value: coords gets n values per minimum, values one each. No
@@ -453,6 +457,9 @@ class LXOPT_API LxMinfinderImpl {
  private:
   struct Workspace;
   class AheadPlanner;
+  // Whether the objective has the number of variables of the set-up bounds
+  // (a failed Setup may have left another).
+  bool ObjectiveFitsSetup() const;
   bool DrawStartPoint(std::vector<double>& x);
   bool FindFirstMinimum(Workspace& w);
   unsigned long FillSamples(Workspace& w, bool& ok);
@@ -581,9 +588,10 @@ class LXOPT_API LxMinfinder {
   bool GetKeepDegenerateStates() const { return impl_->GetKeepDegenerateStates(); }
   bool SetSeed(std::uint32_t seed) { return impl_->SetSeed(seed); }
 
-  // See LxMinfinderImpl. WARNING: until the first minimum is found, Optimize
-  // draws start points without limit; it never returns for an objective none
-  // of whose minima passes the value ranges, the validity test and the box.
+  // See LxMinfinderImpl. WARNING: every Optimize call first draws start
+  // points without limit until it has a minimum; it never returns for an
+  // objective none of whose minima passes the value ranges, the validity test
+  // and the box.
   bool Setup(LxFunc1& func, GetRandomVariables* generator, const std::vector<double>& lower,
              const std::vector<double>& upper) {
     return impl_->Setup(func, generator, lower, upper);

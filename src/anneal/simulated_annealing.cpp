@@ -114,8 +114,12 @@ double LxSAOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
   }
 
   double f = func(x);
-  // Without variables no move is possible and the loop would never end.
-  if (n == 0) return FinalMinimization(func, checkpoint, xopt, x);
+  // Without variables no move is made and f never changes: the loop below
+  // still runs, and converges once the history holds f four times, unless
+  // the test can never pass (a tolerance of 0 or less, or an f that is not
+  // finite, for which f - f is not a number). Only then, where the loop
+  // would never end, is it skipped.
+  if (n == 0 && !(f - f < tolerance_)) return FinalMinimization(func, checkpoint, xopt, x);
   history[0] = f;
   double fopt = f;
   unsigned int nev = 0;

@@ -8,13 +8,15 @@ namespace LxOpt {
 namespace detail {
 
 // The dot products one iteration gathers for the coefficient (d is the
-// direction just searched, g the gradient at its start, gNew at its end).
+// direction just searched, g the gradient at its start, gNew at its end and
+// y = gNew - g the change). The products with y are summed over y itself,
+// not as differences of separate products, which round otherwise and cancel
+// near convergence.
 struct BetaInputs {
   double gg;     // g . g
   double ggNew;  // gNew . gNew
-  double gNewG;  // gNew . g
-  double dGNew;  // d . gNew
-  double dG;     // d . g
+  double gNewY;  // gNew . y
+  double dY;     // d . y
 };
 
 // beta of d' = -gNew + beta d; used as computed (no clamping at zero).
@@ -23,9 +25,9 @@ inline double ConjugacyCoefficient(LxBetaConjGradOpt::Beta kind, const BetaInput
     case LxBetaConjGradOpt::Beta::kFletcherReeves:
       return p.ggNew / p.gg;
     case LxBetaConjGradOpt::Beta::kPolakRibiere:
-      return (p.ggNew - p.gNewG) / p.gg;
+      return p.gNewY / p.gg;
     case LxBetaConjGradOpt::Beta::kHestenesStiefel:
-      return (p.ggNew - p.gNewG) / (p.dGNew - p.dG);
+      return p.gNewY / p.dY;
   }
   return 0.0;
 }

@@ -82,13 +82,15 @@ double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint,
       // (gNew keeps what the last iteration left, a copy of g), and restart.
       sinceRestart = n;
     }
-    detail::BetaInputs dots{gg, 0.0, 0.0, 0.0, 0.0};
+    detail::BetaInputs dots{gg, 0.0, 0.0, 0.0};
+    double gNewG = 0.0;  // for Powell's test
     for (unsigned int i = 0; i < n; ++i) {
       x[i] += step * d[i];
+      const double y = gNew[i] - g[i];
       dots.ggNew += gNew[i] * gNew[i];
-      dots.gNewG += gNew[i] * g[i];
-      dots.dGNew += d[i] * gNew[i];
-      dots.dG += d[i] * g[i];
+      dots.gNewY += gNew[i] * y;
+      dots.dY += d[i] * y;
+      gNewG += gNew[i] * g[i];
     }
     const double gnorm = std::sqrt(dots.ggNew);
     // Intended: this family passes no gradient to its checkpoint.
@@ -105,7 +107,7 @@ double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint,
       }
       restart = true;          // a conjugate step must be confirmed first
     } else {
-      restart = sinceRestart >= n || std::fabs(dots.gNewG) / dots.ggNew > kPowellRatio;
+      restart = sinceRestart >= n || std::fabs(gNewG) / dots.ggNew > kPowellRatio;
     }
 
     // New direction; g takes gNew in the same pass (gNew keeps its copy).

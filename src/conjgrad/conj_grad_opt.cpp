@@ -30,8 +30,7 @@ struct RestartPair {
 };
 
 // Stores the step just taken as the restart pair and sets d = -Ht gNew.
-// Returns the new slope gNew . d.
-double RestartDirection(std::size_t n, double step, const double* g, const double* gNew,
+void RestartDirection(std::size_t n, double step, const double* g, const double* gNew,
                         double* d, double* sT, double* yT, RestartPair& pair) {
   double A = 0.0, B = 0.0, sTg = 0.0, yTg = 0.0;
   for (std::size_t i = 0; i < n; ++i) {
@@ -44,13 +43,8 @@ double RestartDirection(std::size_t n, double step, const double* g, const doubl
   }
   // d = -(B/A) gNew + ((sT.gNew)/A) yT - (2 (sT.gNew)/B - (yT.gNew)/A) sT
   const double cg = B / A, cy = sTg / A, cs = 2.0 * sTg / B - yTg / A;
-  double slope = 0.0;
-  for (std::size_t i = 0; i < n; ++i) {
-    d[i] = -cg * gNew[i] + cy * yT[i] - cs * sT[i];
-    slope += gNew[i] * d[i];
-  }
+  for (std::size_t i = 0; i < n; ++i) d[i] = -cg * gNew[i] + cy * yT[i] - cs * sT[i];
   pair = {A, B};
-  return slope;
 }
 
 // Sets d = -H gNew with the two-pair matrix above. Uses g as room for y and w
@@ -123,16 +117,19 @@ double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double
     Report(checkpoint, iter, n, f, gnorm, x, grad, state);
     return f;
   };
-  // f, g, gg and d = -g at the current point; returns the first trial step.
+  // f, g, gg and d = -g at the current point.
   double gg = 0.0;
-  const auto steepestDescentAtX = [&] {
-    f = detail::SteepestDescentAt(func, n, x, g, d, &gg);
-    return std::sqrt(1.0 / gg);  // a unit first step in x
-  };
+  const auto steepestDescentAtX = [&] { f = detail::SteepestDescentAt(func, n, x, g, d, &gg); };
 
-  double step = steepestDescentAtX();
+  steepestDescentAtX();
   if (gg < GetTolerance()) return finish(0, std::sqrt(gg), g, kLxNoOpt);
-  double slopePrev = -gg;  // slope of the direction about to be searched
+  // A unit first step in x. The recovery below forms it as sqrt(1 / gg),
+  // which may differ in the last bit; both forms are kept as they are.
+  double step = 1.0 / std::sqrt(gg);
+  // Reference slope of the trial-step ratio: -gg of the start, then the
+  // slope of each direction formed between restarts; a restart and a
+  // recovery leave it as it stands.
+  double slopePrev = -gg;
   unsigned int sinceRestart = 0;  // 0: no restart pair yet
   RestartPair pair{0.0, 0.0};
   bool recovering = false;
@@ -141,8 +138,8 @@ double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double
   for (unsigned int k = 1;;) {
     if (!LineMinimizer()(n, x, d, g, gNew, &f, &step, func)) {
       if (recovering) return finish(k, std::sqrt(gg), g, kLxNotFound);
-      step = steepestDescentAtX();
-      slopePrev = -gg;
+      steepestDescentAtX();
+      step = std::sqrt(1.0 / gg);
       recovering = true;
     } else {
       double ggNew = 0.0, gNewG = 0.0;
@@ -159,7 +156,7 @@ double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double
       const bool restart =
           sinceRestart == 0 || sinceRestart >= n || std::fabs(gNewG) / ggNew > kPowellRatio;
       if (restart) {
-        slopePrev = RestartDirection(n, step, g, gNew, d, sT, yT, pair);
+        RestartDirection(n, step, g, gNew, d, sT, yT, pair);
         step = 1.0;
         sinceRestart = 1;
       } else {

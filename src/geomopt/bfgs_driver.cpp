@@ -109,11 +109,15 @@ bool LxBFGSOptimizer::GetInverseHessian(double* out, unsigned int n) const {
     LxThrow.Warning("Hessian can't be extracted because it not generated");
     return false;
   }
-  if (n != n_) {
+  // n must be the latest run's; the kept matrix may come from an earlier run
+  // over more variables, of which the leading n (n + 1) / 2 values are
+  // copied as they stand. One kept for fewer variables cannot fill out.
+  const std::size_t count = geom::PackedSize(n);
+  if (n != n_ || keptHessian_.size() < count) {
     LxThrow.Warning("Can't extract Hessian: Wrong number of variables");
     return false;
   }
-  detail::Copy(keptHessian_.data(), out, keptHessian_.size());
+  detail::Copy(keptHessian_.data(), out, count);
   return true;
 }
 
@@ -242,8 +246,8 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
     }
   };
 
-  // A limit of 0 allows no cycle at all.
-  const Ending ending = iterLimit_ == 0 ? Ending::kFinalState : cycles();
+  // The limit is looked at only after a cycle, so a limit of 0 runs one.
+  const Ending ending = cycles();
   if (ending == Ending::kFinalState)
     Report(checkpoint, iter, n, f_, gnorm, x, iter >= iterLimit_ ? kLxExhaust : kLxDone);
 

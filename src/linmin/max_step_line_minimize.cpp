@@ -11,10 +11,6 @@
 namespace LxOpt {
 namespace {
 
-// Guard: the march ends after this many steps even if neither the descent
-// nor the caller's step has stopped it (values that are not numbers, or a
-// limit far below the entry step), as every search here is bounded.
-constexpr unsigned int kMaxMarchSteps = 32;
 constexpr double kBackOff = 0.5;  // hand on s - 0.5 a, before the stop
 
 double* CopyLimits(unsigned int n, const double* limits) {
@@ -88,15 +84,23 @@ bool LxMaxStepLineMinimize::operator()(unsigned int n, const double* x0, double*
     double* const xt = detail::AllocateLineWorkspace(block, n);
     if (xt == nullptr) return false;
     double* const gt = xt + n;
-    double s = a;
-    for (unsigned int k = 0; k < kMaxMarchSteps; ++k) {
+    // The march has no count of its own: it ends where the descent stops or
+    // at the caller's step. Two guards end it otherwise, leaving *step as it
+    // is: a value or slope that is not finite (a value that is not a number
+    // never compares as a stop, so such a march would run on to any entry
+    // step, however far), and a position that no longer moves (s + a rounds
+    // to s), which would sample the same point for ever.
+    for (double s = a;;) {
       const detail::LineSample sample = detail::SampleLine(func, n, x0, dir, s, xt, gt);
       if (sample.value >= *fval || sample.slope >= 0.0) {
         const double before = s - kBackOff * a;
         if (before < *step) *step = before;
         break;
       }
-      s += a;
+      if (!std::isfinite(sample.value) || !std::isfinite(sample.slope)) break;
+      const double next = s + a;
+      if (next == s) break;
+      s = next;
       if (s >= *step) break;
     }
   }

@@ -40,6 +40,11 @@ bool LxMinfinderImpl::SetLocalOptMaxIter(unsigned int value) {
 
 bool LxMinfinderImpl::Setup(LxFunc1& func, GetRandomVariables* generator,
                             const std::vector<double>& lower, const std::vector<double>& upper) {
+  // Taken before the checks: a failed Setup still replaces them, while the
+  // bounds, the stores and the set-up state stay those of the earlier Setup.
+  func_ = &func;
+  generator_ = generator;
+  if (seeded_ && generator_ != nullptr) generator_->Seed(seed_);
   const unsigned int n = func.NumVar();
   if (n == 0) {
     LxThrow.Error(
@@ -59,10 +64,6 @@ bool LxMinfinderImpl::Setup(LxFunc1& func, GetRandomVariables* generator,
       return false;
     }
   }
-  // Taken only now, so that a failed Setup leaves a working earlier setup.
-  func_ = &func;
-  generator_ = generator;
-  if (seeded_ && generator_ != nullptr) generator_->Seed(seed_);
   lower_ = lower;
   upper_ = upper;
   samples_.Setup(n, samePointTolerance_);
@@ -141,8 +142,14 @@ unsigned long LxMinfinderImpl::FillSamples(Workspace& w, bool& ok) {
   return draws;
 }
 
+bool LxMinfinderImpl::ObjectiveFitsSetup() const {
+  return func_ != nullptr && func_->NumVar() == lower_.size();
+}
+
 bool LxMinfinderImpl::Optimize() {
-  if (!setUp_) {
+  // An objective left by a failed Setup that does not fit the bounds of the
+  // earlier one cannot be searched: it would be handed arrays of another size.
+  if (!setUp_ || !ObjectiveFitsSetup()) {
     LxThrow.Error("You have to setup the minfinder object first!");
     return false;
   }
@@ -151,8 +158,9 @@ bool LxMinfinderImpl::Optimize() {
   Workspace w(lower_.size());
   batchFailed_ = false;
 
-  // Minima kept from an earlier call already give the cycles their start.
-  if (minima_.getNumPoints() == 0 && !FindFirstMinimum(w)) return false;
+  // Every call starts by securing one minimum, and adds it to any kept from
+  // earlier calls.
+  if (!FindFirstMinimum(w)) return false;
 
   unsigned long noChange = 0;
   unsigned long knownMinima = 1;
@@ -215,7 +223,7 @@ bool LxMinfinderImpl::Optimize() {
 }
 
 bool LxMinfinderImpl::ValidateMinimum(double* grad, const double* x) {
-  if (func_ == nullptr) {
+  if (!ObjectiveFitsSetup()) {
     LxThrow.Error("You have to setup the minfinder object first!");
     return false;
   }

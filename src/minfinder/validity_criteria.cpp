@@ -69,7 +69,7 @@ bool LxMinfinderImpl::GradientToSamplesCriterion(const double* x, const double* 
 }
 
 bool LxMinfinderImpl::IsItValidPointVer2(double* grad, double& value, const double* x) {
-  if (func_ == nullptr) {
+  if (!ObjectiveFitsSetup()) {
     LxThrow.Error("You have to setup the minfinder object first!");
     return false;
   }

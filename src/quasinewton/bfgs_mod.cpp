@@ -106,7 +106,7 @@ void LxBFGSModOpt::CopyPersistentFrom(const LxBFGSModOpt& other) {
 void LxBFGSModOpt::SetHessian(double* work, double* persistent, unsigned int n) {
   if (restart_)
     detail::SetIdentityFull(work, n);
-  else
+  else if (n != 0)  // with n = 0 the arrays may be null: nothing to copy
     std::memcpy(work, persistent, sizeof(double) * n * static_cast<std::size_t>(n));
 }
 

@@ -4,6 +4,7 @@
 
 #include "framework/run_record.h"
 #include "lxopt/quasinewton.h"
+#include "quasinewton/dfp_request.h"
 #include "quasinewton/inverse_hessian.h"
 #include "quasinewton/quasi_newton_loop.h"
 
@@ -20,10 +21,10 @@ class DFPMatrix : public detail::QuasiNewtonMatrix {
   DFPMatrix& operator=(const DFPMatrix&) = delete;
 
   double* Acquire(unsigned int n) override {
-    // Deliberate: the byte count is n * n * 8 in unsigned 32-bit arithmetic,
-    // so it wraps for n above 23170. The request is made as computed; a block
-    // that cannot hold the n x n matrix counts as a failed allocation.
-    const unsigned int bytes = n * n * 8u;
+    // The request is made as computed (its element count wraps from
+    // n = 65536 on); a block that cannot hold the n x n matrix counts as a
+    // failed allocation.
+    const std::size_t bytes = detail::DFPMatrixBytes(n);
     h_ = static_cast<double*>(std::malloc(bytes));
     if (h_ == nullptr) return nullptr;
     if (bytes < sizeof(double) * n * static_cast<std::size_t>(n)) {

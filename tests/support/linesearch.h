@@ -58,8 +58,9 @@ class NotANumber : public Objective {
 };
 
 // An LxCGLineMinimize that returns false, touching nothing, on the calls
-// (counted from 1) listed in failOn. Logs the entry step and direction of
-// every call; copies share the log, so the optimizer's copy reports here.
+// (counted from 1) listed in failOn. Logs the entry step, direction and
+// gradient of every call and the step it leaves; copies share the log, so
+// the optimizer's copy reports here.
 class FailOnDemand : public LxOpt::LxLineMinimize {
  public:
   explicit FailOnDemand(std::set<int> failOn = {})
@@ -69,17 +70,22 @@ class FailOnDemand : public LxOpt::LxLineMinimize {
                   LxOpt::LxFunc1& func) const override {
     log_->steps.push_back(*step);
     log_->dirs.emplace_back(dir, dir + n);
-    if (failOn_.count(static_cast<int>(log_->steps.size()))) return false;
-    return LxOpt::LxCGLineMinimize()(n, x0, dir, grad0, gradOut, fval, step, func);
+    log_->grads.emplace_back(grad0, grad0 + n);
+    const bool ok = failOn_.count(static_cast<int>(log_->steps.size())) == 0 &&
+                    LxOpt::LxCGLineMinimize()(n, x0, dir, grad0, gradOut, fval, step, func);
+    log_->left.push_back(*step);
+    return ok;
   }
   LxOpt::LxLineMinimize* CreateCopy() const override { return new FailOnDemand(*this); }
   const std::vector<double>& steps() const { return log_->steps; }
   const std::vector<std::vector<double>>& dirs() const { return log_->dirs; }
+  const std::vector<std::vector<double>>& grads() const { return log_->grads; }
+  const std::vector<double>& left() const { return log_->left; }
 
  private:
   struct Log {
-    std::vector<double> steps;
-    std::vector<std::vector<double>> dirs;
+    std::vector<double> steps, left;
+    std::vector<std::vector<double>> dirs, grads;
   };
   std::set<int> failOn_;
   std::shared_ptr<Log> log_;
