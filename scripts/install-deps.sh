@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake g++ make libeigen3-dev libgtest-dev libbenchmark-dev pkg-config
           python3-dev python3-pybind11 python3-numpy python3-pytest python3-scipy
-          libopenmpi-dev openmpi-bin "$@")
+          libopenmpi-dev openmpi-bin python3-ase python3-rdkit python3-matplotlib "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
