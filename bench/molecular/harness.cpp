@@ -46,9 +46,28 @@ double Setting(const char* settings, const char* key, double fallback) {
   return fallback;
 }
 
+// Counts the cycles of the last run.
+class CycleCounter : public LxOpt::LxCheckpoint1 {
+ public:
+  using LxOpt::LxCheckpoint1::operator();
+  bool operator()(unsigned int iter, unsigned int, double, double, const double*, const double*,
+                  unsigned int) override {
+    cycles = iter;
+    return true;
+  }
+  unsigned int cycles = 0;
+};
+
+CycleCounter& LastRun() {
+  static CycleCounter counter;
+  return counter;
+}
+
 }  // namespace
 
 extern "C" {
+// Cycles (iterations) of the last run, as its checkpoint last saw them.
+int lxm_last_cycles();
 double lxm_minimize(int method, int n, const double* x0, double* out, LxmCallback fg,
                     const char* settings);
 }
@@ -59,17 +78,22 @@ double lxm_minimize(int method, int n, const double* x0, double* out, LxmCallbac
 extern "C" double lxm_minimize(int method, int n, const double* x0, double* out,
                                LxmCallback fg, const char* settings) {
   CallbackObjective func(static_cast<unsigned int>(n), fg);
+  LastRun().cycles = 0;
   const double tolerance = Setting(settings, "tolerance", 1e-10);
   const unsigned int limit = static_cast<unsigned int>(Setting(settings, "iterlimit", 100000));
   if (method == 0) {
     LxOpt::LxBFGSOptimizer opt;
     opt.SetTolerance(tolerance);
     opt.SetIterLimit(limit);
-    return opt(func, x0, out);
+    opt.SetCartesian(Setting(settings, "cartesian", 0) != 0);
+    return opt(func, &LastRun(), x0, out);
   }
   LxOpt::LxLBFGSOpt opt;
   opt.SetTolerance(tolerance);
   opt.SetIterLimit(limit);
   opt.SetMemory(static_cast<unsigned int>(Setting(settings, "memory", 8)));
-  return opt(func, x0, out);
+  opt.SetCartesian(Setting(settings, "cartesian", 0) != 0);
+  return opt(func, &LastRun(), x0, out);
 }
+
+extern "C" int lxm_last_cycles() { return static_cast<int>(LastRun().cycles); }

@@ -219,6 +219,16 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // The history flag as last set.
   bool GetHistory() const { return historyEnabled_; }
 
+  // Declares the variables Cartesian coordinates (x, y, z per atom): the
+  // inverse Hessian then starts, and restarts, from the inverse of a model
+  // Hessian built from the interatomic distances at the current point
+  // (springs between near atoms, stiffer the shorter they are) instead of the
+  // identity; its energy scale is measured by the first step. Off by default;
+  // ignored when the number of variables is not a multiple of 3.
+  void SetCartesian(bool on) { cartesian_ = on; }
+  // The Cartesian flag as last set.
+  bool GetCartesian() const { return cartesian_; }
+
   // Remembers a point: fsave = f, gsave = g, ssave = s, xsave = x (n values).
   static void store(double f, double& fsave, double g, double& gsave, const double* x,
                     double* xsave, double s, double& ssave, std::size_t n);
@@ -243,6 +253,7 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // Kept packed inverse Hessian; empty until stored.
   std::vector<double> keptHessian_;
   bool keepHessian_ = false;
+  bool cartesian_ = false;
 };
 
 }  // namespace LxOpt
