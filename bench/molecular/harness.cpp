@@ -3,7 +3,6 @@
 // writes the gradient and returns the value; the script stops a run by
 // answering with a zero gradient once it has seen what it needs.
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>

@@ -2,6 +2,8 @@
 // packed inverse Hessian, capped line search, restart on failure, BFGS update
 // (scaled after a restart, self-scaled in its first n updates, damped when
 // curvature is short), and the optional history (DIIS or subspace) step.
+// With the Cartesian setting H starts from the pair model (pair_model.h),
+// which is rebuilt as the atoms move, the recent steps replayed on it.
 #include <algorithm>
 #include <cmath>
 
