@@ -53,6 +53,17 @@ bench-peers: deps
 	cmake --build $(BENCH_BUILD) -j$(JOBS) --target peer_compare peer_scaling lxbench_problems
 	bash scripts/run-peer-bench.sh $(BENCH_BUILD)
 
+# Force calls to convergence on molecules, clusters and surfaces: LxOpt next to
+# ASE, scipy and RDKit (bench/molecular); writes docs/molecular.md and its plot.
+# MOLBENCH_FLAGS=--quick for a short run.
+MOLBENCH_FLAGS ?=
+.PHONY: bench-molecular
+bench-molecular: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target lxmolbench
+	MPLBACKEND=Agg /usr/bin/python3 bench/molecular/run.py \
+		--lib $(BUILD)/bench/molecular/liblxmolbench.so --doc docs/molecular.md $(MOLBENCH_FLAGS)
+
 # libFuzzer targets (fuzz/) with ASan and UBSan, FUZZ_SECONDS each, on a copy
 # of the seed corpus; fails when a target finds a crash.
 fuzz:

@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake g++ make libeigen3-dev libgtest-dev libbenchmark-dev pkg-config
           python3-dev python3-pybind11 python3-numpy python3-pytest python3-scipy
-          python3-ase python3-rdkit
+          python3-ase python3-rdkit python3-matplotlib
           python3-setuptools python3-pip python3-wheel python3-venv
           libopenmpi-dev openmpi-bin "$@")
 missing=()

@@ -354,16 +354,84 @@ TEST(GeometryStep, KeptInverseHessianIsPositiveDefinite) {
       {&wells, {0.1, -0.3, 0.5, 1.0}},  // starts near the barrier tops
   };
   for (const Case& c : cases) {
-    const unsigned int n = c.f->NumVar();
-    SCOPED_TRACE(n);
-    LxBFGSOptimizer opt;
-    opt.SetKeepHessian(true);
-    opt.SetTolerance(1e-6);
-    std::vector<double> out(n), h(n * (n + 1) / 2);
-    opt(*c.f, c.start.data(), out.data());
-    ASSERT_TRUE(opt.GetInverseHessian(h.data(), n));
-    EXPECT_TRUE(PackedIsPositiveDefinite(h, n));
+    for (bool cartesian : {false, true}) {
+      const unsigned int n = c.f->NumVar();
+      SCOPED_TRACE(std::to_string(n) + (cartesian ? " cartesian" : ""));
+      LxBFGSOptimizer opt;
+      opt.SetKeepHessian(true);
+      opt.SetCartesian(cartesian);
+      opt.SetTolerance(1e-6);
+      std::vector<double> out(n), h(n * (n + 1) / 2);
+      opt(*c.f, c.start.data(), out.data());
+      ASSERT_TRUE(opt.GetInverseHessian(h.data(), n));
+      EXPECT_TRUE(PackedIsPositiveDefinite(h, n));
+    }
   }
+}
+
+// Gradient calls of one run to tolerance tol, which must end by the tests
+// (state 11).
+int GradientCalls(LxBFGSOptimizer& opt, lxtest::Objective& f, const std::vector<double>& start,
+                  double tol) {
+  lxtest::Counting counted(f);
+  opt.SetTolerance(tol);
+  Recorder rec;
+  std::vector<double> out(start.size());
+  opt(counted, &rec, start.data(), out.data());
+  EXPECT_EQ(rec.calls.back().state, 11u);
+  return counted.gradients;
+}
+
+// Clusters far from their minima (the icosahedron shaken by 0.3 and the
+// 38-atom truncated octahedron shaken by 0.25): the same cluster in eV and in
+// kcal/mol (a factor 23.06, tolerance scaled alike) takes the same number of
+// gradient calls within 10 %, with and without the Cartesian model, and the
+// model saves calls.
+TEST(GeometryStep, CallsDoNotDependOnTheEnergyUnitAndTheModelSavesThem) {
+  constexpr double kKcalPerEv = 23.0605;
+  struct Case {
+    unsigned int atoms;
+    std::vector<double> start;
+  };
+  const std::vector<Case> cases = {
+      {13, lxtest::PerturbedIcosahedron(0.3)},
+      {38, lxbench::PerturbedCluster::Perturbed(lxbench::TruncatedOctahedron38(), 11, 0.25)},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.atoms);
+    lxtest::LennardJones ev(c.atoms);
+    Scaled kcal(ev, kKcalPerEv);
+    int calls[2][2];  // [cartesian][unit]
+    for (bool cartesian : {false, true}) {
+      LxBFGSOptimizer opt;
+      opt.SetCartesian(cartesian);
+      calls[cartesian][0] = GradientCalls(opt, ev, c.start, 1e-5);
+      calls[cartesian][1] = GradientCalls(opt, kcal, c.start, 1e-5 * kKcalPerEv);
+      EXPECT_NEAR(calls[cartesian][1], calls[cartesian][0], 0.1 * calls[cartesian][0]);
+    }
+    EXPECT_LT(calls[1][0], calls[0][0]);
+  }
+}
+
+// Variables that are not triples leave the Cartesian setting without effect:
+// the run is the same report for report.
+TEST(GeometryStep, TheCartesianSettingIgnoresVariablesThatAreNotTriples) {
+  lxtest::Rosenbrock valley;
+  std::string traces[2];
+  std::vector<double> ends[2];
+  for (bool cartesian : {false, true}) {
+    LxBFGSOptimizer opt;
+    opt.SetCartesian(cartesian);
+    EXPECT_EQ(opt.GetCartesian(), cartesian);
+    opt.SetTolerance(1e-8);
+    Recorder rec;
+    std::vector<double> start = {-1.2, 1.0}, out(2);
+    opt(valley, &rec, start.data(), out.data());
+    traces[cartesian] = Trace(rec);
+    ends[cartesian] = out;
+  }
+  EXPECT_EQ(traces[0], traces[1]);
+  EXPECT_EQ(ends[0], ends[1]);
 }
 
 // Counts the calls that reach it through its virtual operator.

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "../src/quasinewton/dfp_request.h"
+#include "support/geom.h"
 #include "support/problems.h"
 
 // The bad-input test makes allocations fail on purpose; under the address
@@ -470,6 +471,70 @@ TEST(LBFGS, SkipsAPairWithNegativeCurvature) {
   EXPECT_EQ(log.steps[3], 1.0);
   RunWith(opt, onConvex, 2, convex, kOrigin, out.data());
   EXPECT_NE(onConvex.log().dirs[1], Negated(onConvex.log().grads[1]));
+}
+
+// f times a constant factor (an energy in other units).
+struct InUnits : Objective {
+  using Objective::operator();
+  InUnits(Objective& inner, double factor) : inner(inner), factor(factor) {}
+  unsigned int NumVar() const override { return inner.NumVar(); }
+  double operator()(const double* x) override { return factor * inner(x); }
+  double operator()(const double* x, double* g) override {
+    const double f = inner(x, g);
+    for (unsigned int i = 0; i < NumVar(); ++i) g[i] *= factor;
+    return factor * f;
+  }
+  Objective& inner;
+  double factor;
+};
+
+// The 38-atom truncated octahedron shaken by 0.25 in eV and in kcal/mol (a
+// factor 23.06; the tolerance on sum g^2 scaled by its square): the same
+// number of gradient calls within 10 %, with and without the Cartesian model,
+// which saves calls; both runs end at |g| below the tolerance.
+TEST(LBFGS, CartesianModelSavesCallsInAnyEnergyUnit) {
+  constexpr double kKcalPerEv = 23.0605;
+  LennardJones ev(38);
+  InUnits kcal(ev, kKcalPerEv);
+  const Vec start = lxbench::PerturbedCluster::Perturbed(lxbench::TruncatedOctahedron38(), 11, 0.25);
+  int calls[2][2];  // [cartesian][unit]
+  for (bool cartesian : {false, true}) {
+    for (int unit = 0; unit < 2; ++unit) {
+      SCOPED_TRACE(std::to_string(cartesian) + " " + std::to_string(unit));
+      const double scale = unit == 0 ? 1.0 : kKcalPerEv;
+      Counting counted(unit == 0 ? static_cast<Objective&>(ev) : kcal);
+      LxLBFGSOpt opt;
+      opt.SetCartesian(cartesian);
+      EXPECT_EQ(opt.GetCartesian(), cartesian);
+      opt.SetTolerance(1e-10 * scale * scale);
+      Vec out(start.size()), g(start.size());
+      opt(counted, start.data(), out.data());
+      ev(out.data(), g.data());
+      EXPECT_LT(Dot(g, g), 1e-10);
+      calls[cartesian][unit] = counted.gradients;
+    }
+    EXPECT_NEAR(calls[cartesian][1], calls[cartesian][0], 0.1 * calls[cartesian][0]);
+  }
+  EXPECT_LT(calls[1][0], calls[0][0]);
+}
+
+// Variables that are not triples: the Cartesian setting changes nothing.
+TEST(LBFGS, CartesianSettingIgnoresVariablesThatAreNotTriples) {
+  Vec ends[2];
+  int calls[2];
+  for (bool cartesian : {false, true}) {
+    Rosenbrock valley;
+    Counting counted(valley);
+    LxLBFGSOpt opt;
+    opt.SetCartesian(cartesian);
+    opt.SetTolerance(1e-16);
+    ends[cartesian] = Vec(2);
+    const Vec start = {-1.2, 1.0};
+    opt(counted, start.data(), ends[cartesian].data());
+    calls[cartesian] = counted.gradients;
+  }
+  EXPECT_EQ(ends[0], ends[1]);
+  EXPECT_EQ(calls[0], calls[1]);
 }
 
 }  // namespace

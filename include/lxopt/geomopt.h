@@ -121,7 +121,22 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 // its own line search, and the run ends through displacement, value,
 // gradient and component tests. Step generation, one function each:
 //   direction   d = -H g on the packed matrix; a direction that is not
-//               downhill restarts H from the identity.
+//               downhill restarts H from the identity (or, with
+//               SetCartesian, from the model below).
+//   model       with SetCartesian (off by default) H starts from the inverse
+//               of a model Hessian built from the interatomic distances:
+//               springs between atoms closer than twice the mean
+//               nearest-neighbour distance r_nn, of stiffness
+//               exp(-3 (r / r_nn - 1)), half along the pair and half
+//               isotropic (the exponential preconditioner of Packwood et al.,
+//               J. Chem. Phys. 144 (2016) 164109, with Lindh-type stretch
+//               terms), plus 0.1 times the identity. Lengths enter only as
+//               ratios and the energy scale is measured by the first step
+//               (below), so no unit is assumed. Once an atom has moved 0.3
+//               r_nn from where the model was built, it is rebuilt at the
+//               current point, scaled by s.y / y.P^-1 y of the last step,
+//               and the last min(n, 200) steps are replayed on it with the
+//               BFGS update.
 //   step cap    no trial moves any atom (consecutive x, y, z triple; each
 //               coordinate when n is not a multiple of 3) farther than a
 //               trust radius, 1.0 at the start of a run and four times larger
@@ -136,7 +151,7 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //               lowest point found.
 //   update      BFGS update of the inverse Hessian (Nocedal & Wright, eq.
 //               6.17); before the first update after a (re)start H is scaled
-//               by s.y / y.y (Shanno & Phua); when s.y < 0.2 y.Hy the step is
+//               by s.y / y.H y (Shanno & Phua; s.y / y.y from the identity); when s.y < 0.2 y.Hy the step is
 //               damped towards H y (Powell's damping in inverse form), so H
 //               stays positive definite.
 //   history     off by default (SetHistory): after each accepted step a GDIIS
@@ -223,6 +238,16 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // The history flag as last set.
   bool GetHistory() const { return historyEnabled_; }
 
+  // Declares the variables Cartesian coordinates (x, y, z per atom): the
+  // inverse Hessian then starts, and restarts, from the inverse of a model
+  // Hessian built from the interatomic distances at the current point
+  // (springs between near atoms, stiffer the shorter they are) instead of the
+  // identity; its energy scale is measured by the first step. Off by default;
+  // ignored when the number of variables is not a multiple of 3.
+  void SetCartesian(bool on) { cartesian_ = on; }
+  // The Cartesian flag as last set.
+  bool GetCartesian() const { return cartesian_; }
+
   // Remembers a point: fsave = f, gsave = g, ssave = s, xsave = x (n values).
   static void store(double f, double& fsave, double g, double& gsave, const double* x,
                     double* xsave, double s, double& ssave, std::size_t n);
@@ -249,6 +274,7 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // Kept packed inverse Hessian; empty until stored.
   std::vector<double> keptHessian_;
   bool keepHessian_ = false;
+  bool cartesian_ = false;
 };
 
 }  // namespace LxOpt

@@ -215,7 +215,11 @@ class LXOPT_API LxDFPOpt : public LxOptimizer1 {
 // H0 = gamma I, gamma = s.y / y.y of the newest pair. A pair with s.y <= 0 is
 // skipped (not stored); the older pairs stay. The first search of a run, and
 // the first after a restart, goes along -g with the trial step 1/|g|; later
-// searches start from the unit step.
+// searches start from the unit step. With SetCartesian the variables are taken
+// as x, y, z per atom and H0 = gamma P^-1 with P a model Hessian built from
+// the interatomic distances at the start (springs between near atoms) and
+// gamma = s.y / y.P^-1 y; the first search then goes along -P^-1 g with a
+// trial step that moves the point by a unit length.
 //
 // Exits, checkpoint calls and bad input as LxBFGSOpt:
 //   1 NoOpt    sum g^2 < tolerance at the start (gradient passed).
@@ -230,7 +234,8 @@ class LXOPT_API LxDFPOpt : public LxOptimizer1 {
 //   6 Exhaust  iteration limit reached (reported with the limit).
 // A search that fails after a pair was stored restarts from the re-evaluated
 // point along -g with the memory emptied. Memory: one scratch block per run
-// (stack or heap) of (2m + 3) n + 2m doubles, nothing per iteration.
+// (stack or heap) of (2m + 3) n + 2m doubles (n n + n more with SetCartesian),
+// nothing per iteration.
 // Bad input: null out warns and returns 0.0; scratch that cannot be allocated
 // warns "out of memory allocating %d in LxLBFGSOpt::operator()" and returns
 // 0.0.
@@ -254,6 +259,11 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
   void SetMemory(unsigned int m) { memory_ = m == 0 ? 1 : m; }
   unsigned int GetMemory() const { return memory_; }
 
+  // Declares the variables Cartesian coordinates (see above). Off by
+  // default; ignored when the number of variables is not a multiple of 3.
+  void SetCartesian(bool on) { cartesian_ = on; }
+  bool GetCartesian() const { return cartesian_; }
+
   using LxOptimizer1::operator();
   // Minimizes func from in (n doubles) into out (n doubles; in and out may be
   // the same array); returns the value at out, or as the exits above say.
@@ -270,6 +280,7 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
   LxQNSettings settings_;
   unsigned int memory_ = kDefaultMemory;
   LxRunSummary lastRun_;
+  bool cartesian_ = false;
 };
 
 }  // namespace LxOpt

@@ -166,7 +166,7 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
   }
 
   LxMallocaPtr block;
-  const std::size_t scratchSize = geom::CycleStep::ScratchSize(n);
+  const std::size_t scratchSize = geom::CycleStep::ScratchSize(n, cartesian_);
   double* const scratch = block.AllocateDoubles(scratchSize);
   if (scratch == nullptr) {
     LxThrow.Warning("out of memory allocating %d in LxBFGSOptimizer",
@@ -175,7 +175,8 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
   }
   geom::History history{g + n, g + n + std::size_t(n) * historyLength_,
                         g + n + 2 * std::size_t(n) * historyLength_, historyLength_, n, 0, 0};
-  geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr);
+  geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr,
+                        cartesian_);
 
   unsigned int iter = 0;
   double bestF = f_;

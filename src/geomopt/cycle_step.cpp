@@ -2,10 +2,14 @@
 // packed inverse Hessian, capped line search, restart on failure, BFGS update
 // (scaled after a restart, self-scaled in its first n updates, damped when
 // curvature is short), and the optional history (DIIS or subspace) step.
+// With the Cartesian setting H starts from the pair model (pair_model.h),
+// which is rebuilt as the atoms move, the recent steps replayed on it.
+#include <algorithm>
 #include <cmath>
 
 #include "framework/internal.h"
 #include "geomopt/geom_internal.h"
+#include "geomopt/pair_model.h"
 
 namespace LxOpt {
 namespace geom {
@@ -21,12 +25,21 @@ double Distance(const double* a, const double* b, unsigned int n) {
   return std::sqrt(sum);
 }
 
+// With the pair model, up to this many of the latest steps and gradient
+// changes are kept to be replayed on a rebuilt model.
+constexpr unsigned int kModelPairs = 200;
+
+unsigned int ModelPairs(unsigned int n) { return std::min(n, kModelPairs); }
+
 }  // namespace
 
-std::size_t CycleStep::ScratchSize(unsigned int n) { return PackedSize(n) + 12 * std::size_t(n); }
+std::size_t CycleStep::ScratchSize(unsigned int n, bool cartesian) {
+  return PackedSize(n) + 12 * std::size_t(n) +
+         (cartesian ? PairModelSize(n) + (1 + 2 * std::size_t(ModelPairs(n))) * n : 0);
+}
 
 CycleStep::CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double& f,
-                     double* scratch, History* history)
+                     double* scratch, History* history, bool cartesian)
     : func_(func), n_(n), x_(x), g_(g), f_(f), history_(history) {
   h_ = scratch;
   double* next = scratch + PackedSize(n);
@@ -35,14 +48,25 @@ CycleStep::CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double
     next += n;
   }
   historyWork_ = next;
+  model_ = cartesian ? next + 2 * std::size_t(n) : nullptr;
+  xModel_ = cartesian ? model_ + PairModelSize(n) : nullptr;
+  pairCapacity_ = cartesian ? ModelPairs(n) : 0;
+  pairS_ = cartesian ? xModel_ + n : nullptr;
+  pairY_ = cartesian ? pairS_ + std::size_t(pairCapacity_) * n : nullptr;
   Restart();
 }
 
 void CycleStep::Restart() {
-  ResetInverseHessian(h_, n_, 1.0);
+  if (model_ != nullptr && FactorPairModel(x_, n_, model_, &modelNearest_)) {
+    PackedPairModelInverse(model_, n_, h_, hy_);
+    detail::Copy(x_, xModel_, n_);
+  } else {
+    ResetInverseHessian(h_, n_, 1.0);
+  }
   restartGnorm_ = std::sqrt(detail::SquaredNorm(g_, n_));
   fresh_ = true;
   updates_ = 0;
+  pairCount_ = 0;
 }
 
 StepStatus CycleStep::Take(double accuracy, double& displacement) {
@@ -66,6 +90,7 @@ StepStatus CycleStep::Take(double accuracy, double& displacement) {
 
   Move(found.step, found.f);
   Update();
+  if (model_ != nullptr && !fresh_) RefreshModel();
   if (history_ != nullptr) {
     PushHistory(*history_, x_, g_);
     TryHistoryStep();
@@ -99,13 +124,41 @@ void CycleStep::Update() {
     s_[i] = x_[i] - xOld_[i];
     y_[i] = g_[i] - gOld_[i];
   }
-  if (fresh_) ShannoPhuaScale(h_, s_, y_, n_);
+  if (fresh_) ShannoPhuaScale(h_, s_, y_, hy_, n_);
   // Self-scaling corrects the scale guessed at the restart while H has not
   // yet been updated along n directions.
   if (UpdateInverseHessian(h_, s_, y_, hy_, n_, updates_ < n_)) {
     fresh_ = false;
     ++updates_;
+    if (pairS_ != nullptr && pairCapacity_ > 0) {
+      detail::Copy(s_, pairS_ + std::size_t(pairNext_) * n_, n_);
+      detail::Copy(y_, pairY_ + std::size_t(pairNext_) * n_, n_);
+      pairNext_ = (pairNext_ + 1) % pairCapacity_;
+      if (pairCount_ < pairCapacity_) ++pairCount_;
+    }
   }
+}
+
+void CycleStep::RefreshModel() {
+  if (!PairModelIsStale(x_, xModel_, n_, modelNearest_)) return;
+  double nearest = 0.0;
+  // The model is rebuilt in scratch first: a failed factorisation leaves H.
+  if (!FactorPairModel(x_, n_, model_, &nearest)) {
+    detail::Copy(x_, xModel_, n_);
+    return;
+  }
+  PackedPairModelInverse(model_, n_, h_, hy_);
+  MatXVec(h_, y_, hy_, n_);
+  const double gamma = detail::Dot(s_, y_, n_) / detail::Dot(y_, hy_, n_);
+  if (gamma > 0.0 && std::isfinite(gamma)) ScaleInverseHessian(h_, n_, gamma);
+  // The stored pairs, oldest first, carry over what the updates learnt.
+  for (unsigned int k = 0; k < pairCount_; ++k) {
+    const unsigned int slot = (pairNext_ + pairCapacity_ - pairCount_ + k) % pairCapacity_;
+    detail::Copy(pairS_ + std::size_t(slot) * n_, s_, n_);
+    UpdateInverseHessian(h_, s_, pairY_ + std::size_t(slot) * n_, hy_, n_, false);
+  }
+  modelNearest_ = nearest;
+  detail::Copy(x_, xModel_, n_);
 }
 
 void CycleStep::TryHistoryStep() {

@@ -22,10 +22,11 @@ void ResetInverseHessian(double* h, unsigned int n, double scale);
 void MatXVec(const double* h, const double* v, double* out, unsigned int n);
 // H = factor * H
 void ScaleInverseHessian(double* h, unsigned int n, double factor);
-// Shanno-Phua initial scaling: H = (s.y / y.y) H, applied to H = I before
-// its first update. False (H unchanged) when s.y / y.y is not a positive
-// finite number.
-bool ShannoPhuaScale(double* h, const double* s, const double* y, unsigned int n);
+// Shanno-Phua initial scaling: H = (s.y / y.Hy) H, applied to the starting H
+// (the identity or a model) before its first update; hy: scratch of n
+// doubles. False (H unchanged) when the factor is not a positive finite
+// number.
+bool ShannoPhuaScale(double* h, const double* s, const double* y, double* hy, unsigned int n);
 // Restricted self-scaling: the factor tau = max(1, s.y / y.Hy) by which H is
 // scaled before an update, so that H y is no shorter than the step s says
 // (an H that underestimates the inverse curvature along y is enlarged, one
@@ -148,12 +149,14 @@ enum class StepStatus {
 class CycleStep {
  public:
   // Doubles of scratch the object needs.
-  static std::size_t ScratchSize(unsigned int n);
+  static std::size_t ScratchSize(unsigned int n, bool cartesian);
 
-  // scratch: ScratchSize(n) doubles. history: null when history is off.
-  // Starts with H = I.
+  // scratch: ScratchSize(n, cartesian) doubles. history: null when history is
+  // off. cartesian: H starts (and restarts) from the inverse of the pair
+  // model Hessian at the current point (pair_model.h) instead of the
+  // identity, when n is a multiple of 3.
   CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double& f, double* scratch,
-            History* history);
+            History* history, bool cartesian);
 
   // One cycle. On kLowered, displacement = |x_new - x_old|.
   StepStatus Take(double accuracy, double& displacement);
@@ -164,6 +167,10 @@ class CycleStep {
 
  private:
   void Restart();
+  // Rebuilds the model at the current point once an atom has moved farther
+  // than a share of the nearest-neighbour distance since it was built:
+  // H = gamma P^-1 with gamma = s.y / y.P^-1 y of the last step.
+  void RefreshModel();
   LineResult Search(double accuracy);
   // Takes the accepted point of a search: x += step dir, g = gBest, f = fNew.
   void Move(double step, double fNew);
@@ -192,6 +199,14 @@ class CycleStep {
   double* gt_;
   double* gBest_;
   double* historyWork_;  // 2 n
+  double* model_;        // pair model factor (n n + n), null unless cartesian
+  double* xModel_;       // point the model was built at (n), with model_
+  double* pairS_;        // the last kModelPairs steps s (m n), with model_
+  double* pairY_;        // and their gradient changes y (m n)
+  unsigned int pairCapacity_ = 0;
+  unsigned int pairCount_ = 0;
+  unsigned int pairNext_ = 0;
+  double modelNearest_ = 0.0;
   bool fresh_ = true;         // H was (re)started and has not been updated since
   unsigned int updates_ = 0;  // updates since H was (re)started
   double restartGnorm_ = 0.0;

@@ -52,8 +52,9 @@ void ScaleInverseHessian(double* h, unsigned int n, double factor) {
   for (std::size_t k = 0; k < size; ++k) h[k] *= factor;
 }
 
-bool ShannoPhuaScale(double* h, const double* s, const double* y, unsigned int n) {
-  const double gamma = detail::Dot(s, y, n) / detail::SquaredNorm(y, n);
+bool ShannoPhuaScale(double* h, const double* s, const double* y, double* hy, unsigned int n) {
+  MatXVec(h, y, hy, n);
+  const double gamma = detail::Dot(s, y, n) / detail::Dot(y, hy, n);
   if (!(gamma > 0.0) || !std::isfinite(gamma)) return false;
   ScaleInverseHessian(h, n, gamma);
   return true;

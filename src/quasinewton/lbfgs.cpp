@@ -10,6 +10,7 @@
 
 #include "framework/run_record.h"
 #include "framework/internal.h"
+#include "geomopt/pair_model.h"
 #include "lxopt/host.h"
 #include "lxopt/quasinewton.h"
 #include "quasinewton/quasi_newton_loop.h"
@@ -24,20 +25,42 @@ constexpr std::size_t kWorkVectors = 3;
 // Trial step of a search once a pair is stored: gamma already scales H0.
 constexpr double kUnitStep = 1.0;
 
-// Doubles in the run's block, (2m + 3) n + 2m, or SIZE_MAX when that overflows
-// (the allocation then fails).
-std::size_t ScratchCount(unsigned int m, unsigned int n) {
+// Doubles in the run's block, (2m + 3) n + 2m, plus the pair model's n n + n
+// and the point it was built at (n) for Cartesian variables, or SIZE_MAX when that overflows (the allocation
+// then fails).
+std::size_t ScratchCount(unsigned int m, unsigned int n, bool cartesian) {
   const std::size_t perVariable = 2 * static_cast<std::size_t>(m) + kWorkVectors;
   if (n != 0 && perVariable > (SIZE_MAX - 2 * static_cast<std::size_t>(m)) / n) return SIZE_MAX;
-  return perVariable * n + 2 * static_cast<std::size_t>(m);
+  const std::size_t count = perVariable * n + 2 * static_cast<std::size_t>(m);
+  if (!cartesian) return count;
+  if (n != 0 && n > (SIZE_MAX - count) / (std::size_t(n) + 1)) return SIZE_MAX;
+  return count + geom::PairModelSize(n) + n;
 }
 
 // The stored pairs: a ring of m slots, each s and y of n contiguous doubles.
 class PairRing {
  public:
-  PairRing(double* block, unsigned int m, unsigned int n)
+  // model: room for the pair model (H0 = gamma P^-1; n n + n doubles) and
+  // the point it was built at (n), or null for H0 = gamma I.
+  PairRing(double* block, unsigned int m, unsigned int n, double* model)
       : s_(block), y_(block + static_cast<std::size_t>(m) * n),
-        rho_(y_ + static_cast<std::size_t>(m) * n), alpha_(rho_ + m), m_(m), n_(n) {}
+        rho_(y_ + static_cast<std::size_t>(m) * n), alpha_(rho_ + m), m_(m), n_(n),
+        model_(model), modelWork_(model != nullptr ? model + std::size_t(n) * n : nullptr),
+        xModel_(model != nullptr ? modelWork_ + n : nullptr) {}
+
+  // Builds the model at x when there is none yet (false when it cannot be
+  // built: H0 = gamma I from then on), or rebuilds it once an atom has moved
+  // far from where it was built.
+  bool UpdateModel(const double* x, bool first) {
+    if (model_ == nullptr) return false;
+    if (!first && !geom::PairModelIsStale(x, xModel_, n_, nearest_)) return true;
+    if (!geom::FactorPairModel(x, n_, model_, &nearest_)) {
+      model_ = nullptr;
+      return false;
+    }
+    detail::Copy(x, xModel_, n_);
+    return true;
+  }
 
   unsigned int Count() const { return count_; }
   void Clear() { count_ = 0; }
@@ -65,7 +88,7 @@ class PairRing {
         g[i] = w[i];
       }
       rho_[slot] = 1.0 / sy;
-      gamma_ = sy / yy;
+      gamma_ = sy / (model_ != nullptr ? ModelDot(y) : yy);
       if (count_ < m_) {
         ++count_;
       } else {
@@ -89,7 +112,8 @@ class PairRing {
   double Direction(const double* g, double* d) const {
     if (count_ == 0) {
       for (unsigned int k = 0; k < n_; ++k) d[k] = -g[k];
-      return -detail::SquaredNorm(g, n_);
+      if (model_ != nullptr) geom::SolvePairModel(model_, n_, d);
+      return detail::Dot(g, d, n_);
     }
     unsigned int i = Newest();
     double dot = NegateThenDot(g, d, S(i));
@@ -100,7 +124,8 @@ class PairRing {
       dot = AxpyThenDot(-alpha_[i], Y(i), d, S(older));
       i = older;
     }
-    dot = AxpyScaleThenDot(-alpha_[i], Y(i), gamma_, d, Y(i));  // i is the oldest
+    dot = model_ != nullptr ? AxpySolveScaleThenDot(-alpha_[i], Y(i), d, Y(i))
+                            : AxpyScaleThenDot(-alpha_[i], Y(i), gamma_, d, Y(i));  // i is the oldest
     for (unsigned int j = 0;; ++j) {
       const double beta = rho_[i] * dot;
       if (j + 1 == count_) return AxpyThenDot(alpha_[i] - beta, S(i), d, g);
@@ -144,12 +169,34 @@ class PairRing {
     return sum;
   }
 
+  // d = gamma P^-1 (d + c v); returns u.d.
+  double AxpySolveScaleThenDot(double c, const double* v, double* d, const double* u) const {
+    for (unsigned int k = 0; k < n_; ++k) d[k] += c * v[k];
+    geom::SolvePairModel(model_, n_, d);
+    double sum = 0.0;
+    for (unsigned int k = 0; k < n_; ++k) {
+      d[k] *= gamma_;
+      sum += u[k] * d[k];
+    }
+    return sum;
+  }
+  // y.P^-1 y
+  double ModelDot(const double* y) const {
+    detail::Copy(y, modelWork_, n_);
+    geom::SolvePairModel(model_, n_, modelWork_);
+    return detail::Dot(y, modelWork_, n_);
+  }
+
   double* s_;
   double* y_;
   double* rho_;    // m values, 1 / s.y per slot
   double* alpha_;  // m values, the first loop's coefficients
   unsigned int m_;
   unsigned int n_;
+  double* model_;      // factored pair model, or null
+  double* modelWork_;  // n values after the model
+  double* xModel_;     // point the model was built at
+  double nearest_ = 0.0;
   unsigned int first_ = 0;  // slot of the oldest pair
   unsigned int count_ = 0;
   double gamma_ = 1.0;  // s.y / y.y of the newest stored pair
@@ -174,7 +221,8 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
                               double* out) {
   const unsigned int n = func.NumVar();
   const unsigned int m = memory_;
-  const std::size_t count = ScratchCount(m, n);
+  const bool cartesian = cartesian_ && n % 3 == 0 && n != 0;
+  const std::size_t count = ScratchCount(m, n, cartesian);
   LxMallocaPtr block;
   double* const g = block.AllocateDoubles(count);
   if (out == nullptr) {
@@ -189,10 +237,10 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
   }
   double* const d = g + n;
   double* const w = d + n;
-  PairRing pairs(w + n, m, n);
-
   double* const x = out;
   if (out != in && n != 0) std::memmove(out, in, sizeof(double) * n);
+  PairRing pairs(w + n, m, n, cartesian ? w + n + 2 * (std::size_t(m) * n + m) : nullptr);
+  pairs.UpdateModel(x, true);
   detail::Zero(g, n);
   double f = func(x, g);
   double gg = detail::SquaredNorm(g, n);
@@ -204,8 +252,9 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
   if (gg < tolerance) return finish(0, kLxNoOpt);
 
   LxLineMinimize& search = *settings_.lineMinimize;
+  // The first search of a run or after a restart tries a unit move along d.
   pairs.Direction(g, d);
-  double step = std::sqrt(1.0 / gg);
+  double step = std::sqrt(1.0 / detail::SquaredNorm(d, n));
   search.SetMaxStep(n, x);
 
   unsigned int k = 0;
@@ -221,11 +270,12 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
       gg = detail::SquaredNorm(g, n);
       if (gg < tolerance) return finish(k, kLxDone);
       pairs.Direction(g, d);
-      step = std::sqrt(1.0 / gg);
+      step = std::sqrt(1.0 / detail::SquaredNorm(d, n));
       continue;
     }
 
     gg = pairs.Accept(step, d, w, x, g);
+    pairs.UpdateModel(x, false);
     if (!detail::Report(checkpoint, k, n, f, std::sqrt(gg), x, g, kLxCont)) {
       return finish(k, kLxDone);
     }
@@ -234,7 +284,7 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
     pairs.Direction(g, d);
     // With no pair stored yet (all skipped) the search again starts like the
     // first one.
-    step = pairs.Count() == 0 ? std::sqrt(1.0 / gg) : kUnitStep;
+    step = pairs.Count() == 0 ? std::sqrt(1.0 / detail::SquaredNorm(d, n)) : kUnitStep;
   }
   return finish(k, kLxExhaust);
 }
