@@ -251,16 +251,18 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
     most gtol (options["gtol"], else tol, else 1e-5; options["norm"] = 2 uses
     the Euclidean norm). The optimizer's own tolerance is set so that its test
     implies this, and a run that stops short (failed line search) is
-    restarted from where it stopped while that lowers f. Setting the library's
-    own options["tolerance"] instead keeps the optimizer's own test (and its
-    verdict) without gtol.
+    restarted from where it stopped while that lowers f. Once gtol is met,
+    BFGS, L-BFGS and DFP take up to two full quasi-Newton steps x - H g, each
+    kept only when it lowers f and keeps the gradient within gtol (counted in
+    nit, nfev and njev). Setting the library's own options["tolerance"]
+    instead keeps the optimizer's own test (and its verdict) without gtol.
 
     options: maxiter, gtol, norm, disp, eps, maxcor (L-BFGS-B memory),
     nonfinite_guard (default True: a non-finite x0 or start value stops at
     once; non-finite values later are stepped back from), and the library's
     iter_limit, tolerance, line_minimizer ("cg", "qn", "nr", "maxstep"),
-    keep_hessian, history (geometry), memory (lbfgs). temperature is the
-    start temperature of "anneal".
+    keep_hessian, history (geometry), memory and keep_pairs (lbfgs).
+    temperature is the start temperature of "anneal".
 
     callback(xk) or callback(intermediate_result) after each iteration;
     raising StopIteration (or returning False) stops the run with status 99.
