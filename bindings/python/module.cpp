@@ -409,7 +409,9 @@ py::dict Run(Opt& opt, py::function fun, const py::object& x0, py::object jac, p
     stop.iterations = cp.stopIter;
     stop.stoppedByCheckpoint = true;
     Array at = Array::ensure(cp.stopX);
-    return RunResult(at ? at : x, cp.stopF, stop, f, true);
+    py::dict r = RunResult(at ? at : x, cp.stopF, stop, f, true);
+    if (replay) r["hess_inv"] = replay->Matrix();
+    return r;
   }
   // A guarded value is the largest double, not the objective's value.
   if (value == std::numeric_limits<double>::max()) value = std::numeric_limits<double>::quiet_NaN();
