@@ -438,6 +438,62 @@ TEST(LBFGS, MatchesBFGSWithExactSearchesOnAQuadratic) {
   EXPECT_LT(MaxDifference(outL, outB), 1e-9);
 }
 
+// H from kept pairs as the two-loop recursion applies it: H0 = gamma I from
+// the newest pair, then the BFGS update for each pair, oldest first.
+Eigen::MatrixXd InverseFromPairs(const Vec& s, const Vec& y, unsigned int count, unsigned int n) {
+  using Map = Eigen::Map<const Eigen::VectorXd>;
+  const Eigen::MatrixXd id = Eigen::MatrixXd::Identity(n, n);
+  if (count == 0) return id;
+  const Map sn(&s[(count - 1) * n], n), yn(&y[(count - 1) * n], n);
+  Eigen::MatrixXd h = sn.dot(yn) / yn.dot(yn) * id;
+  for (unsigned int k = 0; k < count; ++k) {
+    const Map sk(&s[k * n], n), yk(&y[k * n], n);
+    const double r = 1.0 / sk.dot(yk);
+    const Eigen::MatrixXd v = id - r * yk * sk.transpose();
+    h = v.transpose() * h * v + r * sk * sk.transpose();
+  }
+  return h;
+}
+
+TEST(LBFGS, KeptPairsGiveTheFinalInverse) {
+  Coupled q;
+  const Scripted exact;
+  LxLBFGSOpt opt;
+  MessageCapture capture;
+  Vec s(9, 7.0), y(9, 7.0), out(3);
+  EXPECT_FALSE(opt.GetFinalPairs(s.data(), y.data(), 3, 3));  // nothing kept yet
+  opt.SetKeepPairs(true);
+  // Three exact searches on the 3-variable quadratic: the pairs define A^-1.
+  RunWith(opt, exact, 3, q, kOrigin, out.data());
+  ASSERT_EQ(opt.GetFinalPairCount(), 3u);
+  // Wrong n, or room for fewer pairs than were kept: refused, nothing written.
+  EXPECT_FALSE(opt.GetFinalPairs(s.data(), y.data(), 2, 3));
+  EXPECT_FALSE(opt.GetFinalPairs(s.data(), y.data(), 3, 2));
+  EXPECT_EQ(s, Vec(9, 7.0));
+  ASSERT_TRUE(opt.GetFinalPairs(s.data(), y.data(), 3, 3));
+  EXPECT_EQ(Vec(s.begin(), s.begin() + 3), exact.log().starts[1]);  // oldest first, from 0
+  const Eigen::MatrixXd h = InverseFromPairs(s, y, 3, 3);
+  const Vec packed = {h(0, 0), h(1, 0), h(1, 1), h(2, 0), h(2, 1), h(2, 2)};
+  EXPECT_LT(MaxDifference(packed, kCoupledPackedInverse), 1e-10);
+  // The memory bounds the pairs; a run that stops before its first search
+  // keeps none; a run without the flag leaves nothing to extract.
+  opt.SetMemory(2);
+  RunWith(opt, exact, 3, q, kOrigin, out.data());
+  EXPECT_EQ(opt.GetFinalPairCount(), 2u);
+  RunWith(opt, exact, 0, q, kOrigin, out.data());
+  EXPECT_EQ(opt.GetFinalPairCount(), 0u);
+  EXPECT_TRUE(opt.GetFinalPairs(nullptr, nullptr, 3, 0));
+  opt.SetKeepPairs(false);
+  RunWith(opt, exact, 3, q, kOrigin, out.data());
+  EXPECT_FALSE(opt.GetFinalPairs(s.data(), y.data(), 3, 3));
+  EXPECT_EQ(capture.Texts(),
+            (std::vector<std::string>{
+                "L-BFGS pairs can't be extracted because they were not kept",
+                "Can't extract L-BFGS pairs: wrong number of variables or pairs",
+                "Can't extract L-BFGS pairs: wrong number of variables or pairs",
+                "L-BFGS pairs can't be extracted because they were not kept"}));
+}
+
 // f = x^4/4 - x^2/2: from 0.1 the first two searches end at 0.4 and 0.6 inside
 // the concave part (s = 0.3, y = -0.237; s = 0.2, y = -0.048), so both pairs
 // are skipped and the next searches again go along -g from the trial step

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -189,18 +190,72 @@ class PyObjective : public LxFunc2 {
   std::size_t next_ = 0;
 };
 
+// The dense inverse-Hessian approximation of a DFP run for hess_inv (LxDFPOpt
+// keeps no matrix): the DFP update H += s s'/s.y - Hy Hy'/yHy replayed from
+// the identity over consecutive reported points, as the run applies it
+// except that a restart after a failed search does not reset it.
+class DFPReplay {
+ public:
+  explicit DFPReplay(unsigned int n)
+      : n_(n), h_(static_cast<std::size_t>(n) * n, 0.0), x_(n), g_(n), s_(n), y_(n), hy_(n) {
+    for (unsigned int i = 0; i < n; ++i) h_[static_cast<std::size_t>(i) * n + i] = 1.0;
+  }
+
+  void Report(const double* x, const double* g) {
+    if (x == nullptr || g == nullptr) return;
+    if (started_) {
+      double sy = 0.0;
+      for (unsigned int i = 0; i < n_; ++i) {
+        s_[i] = x[i] - x_[i];
+        y_[i] = g[i] - g_[i];
+        sy += s_[i] * y_[i];
+      }
+      Update(sy);
+    }
+    started_ = true;
+    std::copy(x, x + n_, x_.begin());
+    std::copy(g, g + n_, g_.begin());
+  }
+
+  Array Matrix() const {
+    Array h({n_, n_});
+    std::copy(h_.begin(), h_.end(), h.mutable_data());
+    return h;
+  }
+
+ private:
+  void Update(double sy) {
+    double yHy = 0.0;
+    for (unsigned int i = 0; i < n_; ++i) {
+      const double* row = &h_[static_cast<std::size_t>(i) * n_];
+      hy_[i] = std::inner_product(row, row + n_, y_.begin(), 0.0);
+      yHy += y_[i] * hy_[i];
+    }
+    if (sy == 0.0 || yHy == 0.0) return;  // no step, or the run ends here
+    for (unsigned int i = 0; i < n_; ++i) {
+      double* row = &h_[static_cast<std::size_t>(i) * n_];
+      for (unsigned int j = 0; j < n_; ++j) row[j] += s_[i] * s_[j] / sy - hy_[i] * hy_[j] / yHy;
+    }
+  }
+
+  unsigned int n_;
+  std::vector<double> h_, x_, g_, s_, y_, hy_;
+  bool started_ = false;
+};
+
 // Hands the state-0 reports to an optional Python callback(x, fun, gnorm,
 // nit) (x a copy); an answer of False asks for a stop. Optimizers that do not
 // honour a stop request are ended by an exception instead, keeping the point
 // of that report.
 class PyCheckpoint : public LxCheckpoint1 {
  public:
-  PyCheckpoint(py::object callback, bool honoursStop)
-      : callback_(std::move(callback)), honoursStop_(honoursStop) {}
+  PyCheckpoint(py::object callback, bool honoursStop, DFPReplay* replay = nullptr)
+      : callback_(std::move(callback)), honoursStop_(honoursStop), replay_(replay) {}
 
   using LxCheckpoint1::operator();
   bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
-                  const double* vars, const double* /*grad*/, unsigned int state) override {
+                  const double* vars, const double* grad, unsigned int state) override {
+    if (replay_ != nullptr) replay_->Report(vars, grad);
     if (state != kLxCont || callback_.is_none()) return true;
     py::gil_scoped_acquire gil;
     py::object x = vars != nullptr ? py::object(Copy(vars, nvar)) : py::object(py::none());
@@ -222,6 +277,7 @@ class PyCheckpoint : public LxCheckpoint1 {
  private:
   py::object callback_;
   bool honoursStop_;
+  DFPReplay* replay_;
 };
 
 // Routes library messages to the Python logger "lxopt" while it lives, then
@@ -308,7 +364,7 @@ constexpr bool HonoursStop() {
 // guard described at PyObjective.
 template <class Opt, class Func>
 py::dict Run(Opt& opt, py::function fun, const py::object& x0, py::object jac, py::object hess,
-             py::object callback, bool guard, double eps) {
+             py::object callback, bool guard, double eps, bool dfpInverse) {
   GradientSource source = GradientSource::kJac;
   if (py::isinstance<py::bool_>(jac)) {
     source = py::cast<bool>(jac) ? GradientSource::kIncluded : GradientSource::kNumeric;
@@ -323,7 +379,10 @@ py::dict Run(Opt& opt, py::function fun, const py::object& x0, py::object jac, p
   f.SetGuard(guard);
   LxCountingFunc guarded(static_cast<Func&>(f));
   guarded.SetNonFiniteGuard(guard);
-  PyCheckpoint cp(std::move(callback), HonoursStop<Opt>());
+  std::unique_ptr<DFPReplay> replay;
+  if (dfpInverse && std::is_same<Opt, LxDFPOpt>::value)
+    replay = std::make_unique<DFPReplay>(static_cast<unsigned int>(x.size()));
+  PyCheckpoint cp(std::move(callback), HonoursStop<Opt>(), replay.get());
   LoggingSink sink;
   double* data = x.mutable_data();
   double value = 0.0;
@@ -350,11 +409,15 @@ py::dict Run(Opt& opt, py::function fun, const py::object& x0, py::object jac, p
     stop.iterations = cp.stopIter;
     stop.stoppedByCheckpoint = true;
     Array at = Array::ensure(cp.stopX);
-    return RunResult(at ? at : x, cp.stopF, stop, f, true);
+    py::dict r = RunResult(at ? at : x, cp.stopF, stop, f, true);
+    if (replay) r["hess_inv"] = replay->Matrix();
+    return r;
   }
   // A guarded value is the largest double, not the objective's value.
   if (value == std::numeric_limits<double>::max()) value = std::numeric_limits<double>::quiet_NaN();
-  return RunResult(x, value, opt.LastRun(), f, cp.stopped);
+  py::dict r = RunResult(x, value, opt.LastRun(), f, cp.stopped);
+  if (replay) r["hess_inv"] = replay->Matrix();
+  return r;
 }
 
 std::unique_ptr<LxLineMinimize> MakeLineMinimizer(const std::string& name) {
@@ -382,11 +445,12 @@ Class& Common(Class& cls) {
       .def("minimize", &Run<Opt, Func>, py::arg("fun"), py::arg("x0"),
            py::arg("jac") = py::none(), py::arg("hess") = py::none(),
            py::arg("callback") = py::none(), py::arg("guard") = true,
-           py::arg("eps") = kLxGradientStep,
+           py::arg("eps") = kLxGradientStep, py::arg("dfp_inverse") = false,
            "Minimizes fun from x0; returns a dict of the raw outcome. jac: callable, True "
            "(fun returns (f, g)) or None (central differences with step eps); "
            "callback(x, fun, gnorm, nit) -> False stops; guard: stop on a non-finite start "
-           "and step back from non-finite points.");
+           "and step back from non-finite points; dfp_inverse (DFP only): add hess_inv, the "
+           "DFP update replayed over the reported points.");
   return cls;
 }
 
@@ -531,7 +595,7 @@ void BindNewtonConstrained(py::module_& m) {
             }
             return Run<LxNewtonConstrOpt, LxFunc2>(s.opt, std::move(fun), x, std::move(jac),
                                                    std::move(hess), std::move(callback), guard,
-                                                   eps);
+                                                   eps, false);
           },
           py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(),
           py::arg("hess") = py::none(), py::arg("callback") = py::none(),
@@ -627,7 +691,18 @@ PYBIND11_MODULE(_lxopt, m) {
       WithLineMinimizer<LxBFGSModOpt>(Common<LxBFGSModOpt, LxFunc1>(bfgsMod)));
   py::class_<LxLBFGSOpt> lbfgs(m, "LBFGS");
   WithLineMinimizer<LxLBFGSOpt>(Common<LxLBFGSOpt, LxFunc1>(lbfgs));
-  lbfgs.def_property("memory", &LxLBFGSOpt::GetMemory, &LxLBFGSOpt::SetMemory);
+  lbfgs.def_property("memory", &LxLBFGSOpt::GetMemory, &LxLBFGSOpt::SetMemory)
+      .def_property("keep_pairs", &LxLBFGSOpt::GetKeepPairs, &LxLBFGSOpt::SetKeepPairs)
+      .def(
+          "final_pairs",
+          [](const LxLBFGSOpt& o, unsigned int n) -> py::object {
+            const unsigned int count = o.GetFinalPairCount();
+            Array s({count, n}), y({count, n});
+            LoggingSink sink;
+            if (!o.GetFinalPairs(s.mutable_data(), y.mutable_data(), n, count)) return py::none();
+            return py::make_tuple(s, y);
+          },
+          py::arg("n"), "(s, y): the pairs kept by the last run, oldest first, or None.");
   py::class_<LxDFPOpt> dfp(m, "DFP");
   WithLineMinimizer<LxDFPOpt>(Common<LxDFPOpt, LxFunc1>(dfp));
   py::class_<LxConjGradOpt> cg(m, "ConjGrad");
@@ -653,7 +728,7 @@ PYBIND11_MODULE(_lxopt, m) {
       .def("minimize", &Run<Anneal, LxFunc1>, py::arg("fun"), py::arg("x0"),
            py::arg("jac") = py::none(), py::arg("hess") = py::none(),
            py::arg("callback") = py::none(), py::arg("guard") = true,
-           py::arg("eps") = kLxGradientStep);
+           py::arg("eps") = kLxGradientStep, py::arg("dfp_inverse") = false);
 
   BindNewtonConstrained(m);
   BindMinFinder(m);

@@ -6,6 +6,7 @@
 #define LXOPT_QUASINEWTON_H
 
 #include <memory>
+#include <vector>
 
 #include "lxopt/linmin.h"
 #include "lxopt/lxopt_export.h"
@@ -275,12 +276,33 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
   // Replaces the line minimizer by lm.CreateCopy(); returns true.
   bool SetLineMinimize(const LxLineMinimize& lm);
 
+  // With the flag set (off by default) every run stores the pairs it holds
+  // at its end, oldest first: they define the final H (H0 = gamma I from the
+  // newest pair, the identity when none is held). A run that stops before
+  // its first search holds none.
+  void SetKeepPairs(bool keep) { keepPairs_ = keep; }
+  bool GetKeepPairs() const { return keepPairs_; }
+  // Pairs stored by the last run (0 when it kept none).
+  unsigned int GetFinalPairCount() const { return keptCount_; }
+  // Copies the stored pairs into s and y, row k of each (n doubles at k n)
+  // the k-th oldest pair. capacity is the number of rows each array holds.
+  // False with a warning, writing nothing, when the last run did not keep
+  // its pairs, n is not its number of variables or capacity is below
+  // GetFinalPairCount().
+  bool GetFinalPairs(double* s, double* y, unsigned int n, unsigned int capacity) const;
+
  private:
   double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in, double* out);
   LxQNSettings settings_;
   unsigned int memory_ = kDefaultMemory;
   LxRunSummary lastRun_;
   bool cartesian_ = false;
+  bool keepPairs_ = false;
+  bool kept_ = false;            // the last run stored its pairs (maybe none)
+  unsigned int keptN_ = 0;       // variables of that run
+  unsigned int keptCount_ = 0;   // pairs stored
+  std::vector<double> keptS_;    // keptCount_ rows of keptN_, oldest first
+  std::vector<double> keptY_;
 };
 
 }  // namespace LxOpt

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "framework/run_record.h"
 #include "framework/internal.h"
@@ -64,6 +65,17 @@ class PairRing {
 
   unsigned int Count() const { return count_; }
   void Clear() { count_ = 0; }
+
+  // Copies the pairs, oldest first, into rows of n values of s and y.
+  void CopyOut(std::vector<double>& s, std::vector<double>& y) const {
+    s.resize(static_cast<std::size_t>(count_) * n_);
+    y.resize(s.size());
+    for (unsigned int k = 0; k < count_; ++k) {
+      const unsigned int slot = (first_ + k) % m_;
+      std::memcpy(&s[static_cast<std::size_t>(k) * n_], S(slot), sizeof(double) * n_);
+      std::memcpy(&y[static_cast<std::size_t>(k) * n_], Y(slot), sizeof(double) * n_);
+    }
+  }
 
   // With the accepted step a along d, w the gradient there and g the old one:
   // when s.y > 0 (s = a d, y = w - g) stores the pair over the oldest one;
@@ -209,6 +221,26 @@ bool LxLBFGSOpt::SetLineMinimize(const LxLineMinimize& lm) {
   return true;
 }
 
+bool LxLBFGSOpt::GetFinalPairs(double* s, double* y, unsigned int n,
+                               unsigned int capacity) const {
+  if (!kept_) {
+    LxThrow.Warning("L-BFGS pairs can't be extracted because they were not kept");
+    return false;
+  }
+  if (n != keptN_ || capacity < keptCount_) {
+    LxThrow.Warning("Can't extract L-BFGS pairs: wrong number of variables or pairs");
+    return false;
+  }
+  if (keptS_.empty()) return true;
+  if (s == nullptr || y == nullptr) {
+    LxThrow.Warning("memory not provided for L-BFGS pairs");
+    return false;
+  }
+  std::memcpy(s, keptS_.data(), sizeof(double) * keptS_.size());
+  std::memcpy(y, keptY_.data(), sizeof(double) * keptY_.size());
+  return true;
+}
+
 double LxLBFGSOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                              double* out) {
   return detail::RecordRun(lastRun_, func, checkpoint, true,
@@ -219,6 +251,8 @@ double LxLBFGSOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const do
 
 double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                               double* out) {
+  kept_ = false;
+  keptCount_ = 0;
   const unsigned int n = func.NumVar();
   const unsigned int m = memory_;
   const bool cartesian = cartesian_ && n % 3 == 0 && n != 0;
@@ -246,6 +280,12 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
   double gg = detail::SquaredNorm(g, n);
   const double tolerance = settings_.tolerance;
   auto finish = [&](unsigned int iter, unsigned int state) {
+    if (keepPairs_) {
+      pairs.CopyOut(keptS_, keptY_);
+      keptCount_ = pairs.Count();
+      keptN_ = n;
+      kept_ = true;
+    }
     detail::Report(checkpoint, iter, n, f, std::sqrt(gg), x, g, state);
     return f;
   };

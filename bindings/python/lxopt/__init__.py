@@ -20,11 +20,13 @@ from ._lxopt import (BFGS, DFP, LBFGS, Anneal, BFGSCarry, ConjGrad,
                      NewtonConstrained, PolakRibiere, SteepestDescent, release,
                      state_name)
 from ._lxopt import AskTell  # reverse communication; lxopt.ase and lxopt.rdkit use it
+from ._inverse import LbfgsInverse
+from . import _inverse
 
 __all__ = ["minimize", "OptimizeResult", "BFGS", "BFGSCarry", "LBFGS", "DFP", "ConjGrad",
            "FletcherReeves", "PolakRibiere", "HestenesStiefel", "SteepestDescent",
            "Newton", "NewtonConstrained", "Geometry", "Anneal", "MinFinder", "state_name",
-           "release", "METHODS", "SCIPY_METHODS", "AskTell"]
+           "release", "METHODS", "SCIPY_METHODS", "AskTell", "LbfgsInverse"]
 __version__ = release
 
 _log = logging.getLogger("lxopt")
@@ -64,10 +66,28 @@ _MESSAGES = {
 _SQUARED_NORM = {"bfgs", "lbfgs", "dfp", "cg", "fr", "pr", "hs", "sd"}
 _RMS = {"newton"}
 _COMPONENTS = {"geometry"}
-# Methods that keep their inverse Hessian for hess_inv.
-_HESS_INV = {"bfgs", "geometry"}
+# Methods that return hess_inv: BFGS and the geometry driver keep their
+# matrix, L-BFGS its final pairs (an LbfgsInverse), and for DFP the binding
+# replays the update over the run's points.
+_HESS_INV = {"bfgs", "geometry", "lbfgs", "dfp"}
+# Methods that take final quasi-Newton steps once gtol is met.
+_FINAL_STEP_METHODS = {"bfgs", "lbfgs", "dfp"}
+# At most this many: the returned point moves along -H g while that lowers f
+# and keeps the gradient within gtol. A gradient test alone cannot tell how
+# far an ill-conditioned valley's minimizer still is; the quasi-Newton step
+# estimates it, and with superlinear convergence each step shrinks the
+# error in x by a large factor for one evaluation.
+_FINAL_STEPS = 2
 # Fresh runs from the point reached when a run stops short of gtol.
 _RESTARTS = 20
+# The conjugate-gradient family keeps no inverse Hessian to step with; once
+# gtol is met it continues instead for at most this many iterations with a
+# hundredfold tighter gradient, the result kept only when it lowers f and
+# meets gtol. On an ill-conditioned valley a few conjugate directions near
+# the minimizer shrink the error in x as the quasi-Newton steps do.
+_CONTINUE_METHODS = {"cg", "fr", "pr", "hs"}
+_CONTINUE_ITERATIONS = 5
+_CONTINUE_TIGHTENING = 1e-2
 
 # Options of scipy's methods that lxopt accepts and does not use.
 _IGNORED_SCIPY_OPTIONS = {"return_all", "xrtol", "c1", "c2", "ftol", "maxfun", "maxls", "iprint",
@@ -76,8 +96,8 @@ _IGNORED_SCIPY_OPTIONS = {"return_all", "xrtol", "c1", "c2", "ftol", "maxfun", "
 
 class OptimizeResult(dict):
     """Result of minimize, shaped like scipy.optimize.OptimizeResult: x, fun,
-    jac, nit, nfev, njev, nhev, status, message, success, hess_inv (BFGS and
-    geometry), plus the library's own final state (state, state_name).
+    jac, nit, nfev, njev, nhev, status, message, success, hess_inv (BFGS,
+    DFP and geometry a dense array, L-BFGS an LbfgsInverse), plus the library's own final state (state, state_name).
     Keys are also attributes."""
 
     def __getattr__(self, name):
@@ -101,7 +121,7 @@ def _configure(opt, options):
         if not hasattr(opt, "set_line_minimizer"):
             raise ValueError(f"{type(opt).__name__} takes no line minimizer")
         opt.set_line_minimizer(line)
-    for key in ("iter_limit", "tolerance", "keep_hessian", "history", "memory"):
+    for key in ("iter_limit", "tolerance", "keep_hessian", "keep_pairs", "history", "memory"):
         if key in options:
             if not hasattr(opt, key):
                 raise ValueError(f"{type(opt).__name__} has no option {key!r}")
@@ -239,16 +259,20 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
     most gtol (options["gtol"], else tol, else 1e-5; options["norm"] = 2 uses
     the Euclidean norm). The optimizer's own tolerance is set so that its test
     implies this, and a run that stops short (failed line search) is
-    restarted from where it stopped while that lowers f. Setting the library's
-    own options["tolerance"] instead keeps the optimizer's own test (and its
-    verdict) without gtol.
+    restarted from where it stopped while that lowers f. Once gtol is met,
+    BFGS, L-BFGS and DFP take up to two full quasi-Newton steps x - H g, each
+    kept only when it lowers f and keeps the gradient within gtol (counted in
+    nit, nfev and njev); the conjugate-gradient methods continue instead for
+    at most five iterations with a hundredfold tighter gradient, kept on the
+    same terms. Setting the library's own options["tolerance"]
+    instead keeps the optimizer's own test (and its verdict) without gtol.
 
     options: maxiter, gtol, norm, disp, eps, maxcor (L-BFGS-B memory),
     nonfinite_guard (default True: a non-finite x0 or start value stops at
     once; non-finite values later are stepped back from), and the library's
     iter_limit, tolerance, line_minimizer ("cg", "qn", "nr", "maxstep"),
-    keep_hessian, history (geometry), memory (lbfgs). temperature is the
-    start temperature of "anneal".
+    keep_hessian, history (geometry), memory and keep_pairs (lbfgs).
+    temperature is the start temperature of "anneal".
 
     callback(xk) or callback(intermediate_result) after each iteration;
     raising StopIteration (or returning False) stops the run with status 99.
@@ -288,6 +312,8 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
 
     kw = dict(jac=jac_ if not isinstance(jac_, str) else None, hess=hess_,
               callback=_wrap_callback(callback), guard=guard, eps=eps)
+    if name == "dfp":
+        kw["dfp_inverse"] = True
     raw = opt.minimize(fun_, x0, **kw)
     total = dict(nit=raw["nit"], nfev=raw["nfev"], njev=raw["njev"], nhev=raw["nhev"])
     if raw["nonfinite_start"]:
@@ -304,10 +330,19 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
         # counted.
         g = _gradient_at(fun_, jac_, x, eps, total)
     status = _verdict(raw, g, gtol, norm, bool(constraints))
-    res = _result(x, raw["fun"], g, total["nit"], total["nfev"], total["njev"], total["nhev"],
+    h = _inverse_hessian(name, follow, raw, n) if name in _HESS_INV else None
+    f = raw["fun"]
+    if status == SUCCESS and gtol is not None and h is not None and name in _FINAL_STEP_METHODS:
+        limit = getattr(opt, "iter_limit", None)
+        steps = _FINAL_STEPS if limit is None else min(_FINAL_STEPS, limit - total["nit"])
+        x, f, g, h = _final_steps(fun_, jac_, eps, x, f, g, h, gtol, norm, name == "dfp",
+                                  steps, total)
+    if status == SUCCESS and gtol is not None and name in _CONTINUE_METHODS:
+        x, f, g = _continue(opt, kw, fun_, jac_, eps, x, f, g, gtol, norm, n, total)
+    res = _result(x, f, g, total["nit"], total["nfev"], total["njev"], total["nhev"],
                   status, _MESSAGES[status], raw["status"], raw["message"])
-    if name in _HESS_INV and hasattr(follow, "inverse_hessian"):
-        res.hess_inv = _inverse_hessian(follow, raw, n)
+    if h is not None:
+        res.hess_inv = h
     return _finish(res, disp)
 
 
@@ -325,8 +360,10 @@ def _optimizer(name, constraints, temperature, lib, gtol, norm, n):
         t = _library_tolerance(name, gtol, norm, n)
         if t is not None:
             lib["tolerance"] = t
-    if name in _HESS_INV:
+    if name in ("bfgs", "geometry"):
         lib.setdefault("keep_hessian", True)
+    if name == "lbfgs":
+        lib.setdefault("keep_pairs", True)
     _configure(opt, lib)
     return opt
 
@@ -357,6 +394,37 @@ def _polish(opt, raw, fun, kw, total, gtol, norm, n):
     if limit is not None:
         follow.iter_limit = limit
     return follow, raw
+
+
+def _continue(opt, kw, fun, jac, eps, x, f, g, gtol, norm, n, total):
+    """A short run of the same optimizer from a point that meets gtol, with a
+    tighter tolerance; its end is kept only when it lowers f and its
+    gradient meets gtol. Counts in total; returns (x, f, g)."""
+    limit = getattr(opt, "iter_limit", None)
+    iterations = _CONTINUE_ITERATIONS if limit is None else min(_CONTINUE_ITERATIONS,
+                                                                 limit - total["nit"])
+    if iterations <= 0:
+        return x, f, g
+    tolerance = opt.tolerance
+    opt.iter_limit = iterations
+    opt.tolerance = _library_tolerance("cg", gtol * _CONTINUE_TIGHTENING, norm, n)
+    try:
+        more = opt.minimize(fun, x, **{**kw, "callback": None})
+    finally:
+        opt.tolerance = tolerance
+        if limit is not None:
+            opt.iter_limit = limit
+    for k in total:
+        total[k] += more[k]
+    xn, fn = more["x"], more["fun"]
+    if not (math.isfinite(fn) and fn < f and np.all(np.isfinite(xn))):
+        return x, f, g
+    gn = more["jac"]
+    if gn is None:
+        gn = _gradient_at(fun, jac, xn, eps, total)
+    if not (np.all(np.isfinite(gn)) and _gradient_size(gn, norm) <= gtol):
+        return x, f, g
+    return xn, fn, gn
 
 
 def _verdict(raw, g, gtol, norm, constrained):
@@ -406,7 +474,50 @@ def _gradient_at(fun, jac, x, eps, total):
     return g
 
 
-def _inverse_hessian(opt, raw, n):
+def _final_steps(fun, jac, eps, x, f, g, h, gtol, norm, dfp, steps, total):
+    """Up to `steps` full quasi-Newton steps x - H g from a point that meets
+    gtol, each kept only when it lowers f and the gradient there meets gtol
+    too (H updated by the step). Counts the evaluations and iterations in
+    total; returns (x, f, g, H)."""
+    for _ in range(max(steps, 0)):
+        p = -_inverse.apply(h, g)
+        xn = x + p
+        if not np.all(np.isfinite(p)) or np.array_equal(xn, x):
+            break
+        fn, gn = _value_and_gradient(fun, jac, xn, eps, total)
+        if not (math.isfinite(fn) and fn < f and np.all(np.isfinite(gn))
+                and _gradient_size(gn, norm) <= gtol):
+            break
+        total["nit"] += 1
+        h = _inverse.updated(h, xn - x, gn - g, dfp)
+        x, f, g = xn, fn, gn
+    return x, f, g, h
+
+
+def _value_and_gradient(fun, jac, x, eps, total):
+    """(f, g) at x by the run's gradient source, counted as scipy counts."""
+    if jac is True:
+        total["nfev"] += 1
+        total["njev"] += 1
+        value, g = fun(x)
+        return float(value), np.asarray(g, dtype=float)
+    total["nfev"] += 1
+    value = float(fun(x))
+    return value, _gradient_at(fun, jac, x, eps, total)
+
+
+def _inverse_hessian(name, opt, raw, n):
+    """hess_inv of the run: the kept matrix (BFGS, geometry), an LbfgsInverse
+    of the final pairs, the replayed DFP matrix; None when there is none."""
+    if name == "lbfgs":
+        pairs = opt.final_pairs(n) if hasattr(opt, "final_pairs") else None
+        if pairs is None:
+            return None
+        return LbfgsInverse(pairs[0], pairs[1], opt.memory)
+    if name == "dfp":
+        return raw.get("hess_inv")
+    if not hasattr(opt, "inverse_hessian"):
+        return None
     if raw["nit"] == 0 or raw["status"] == 1:
         return np.eye(n)  # no step was taken, as scipy
     logger = logging.getLogger("lxopt")
