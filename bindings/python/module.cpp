@@ -628,6 +628,8 @@ PYBIND11_MODULE(_lxopt, m) {
   py::class_<LxLBFGSOpt> lbfgs(m, "LBFGS");
   WithLineMinimizer<LxLBFGSOpt>(Common<LxLBFGSOpt, LxFunc1>(lbfgs));
   lbfgs.def_property("memory", &LxLBFGSOpt::GetMemory, &LxLBFGSOpt::SetMemory);
+  lbfgs.def_property("cartesian", &LxLBFGSOpt::GetCartesian, &LxLBFGSOpt::SetCartesian,
+                     "Variables are x, y, z per atom: start from a model Hessian.");
   py::class_<LxDFPOpt> dfp(m, "DFP");
   WithLineMinimizer<LxDFPOpt>(Common<LxDFPOpt, LxFunc1>(dfp));
   py::class_<LxConjGradOpt> cg(m, "ConjGrad");
@@ -645,6 +647,12 @@ PYBIND11_MODULE(_lxopt, m) {
   py::class_<LxBFGSOptimizer> geometry(m, "Geometry");
   WithKeptHessian<LxBFGSOptimizer>(Common<LxBFGSOptimizer, LxFunc1>(geometry));
   geometry.def_property("history", &LxBFGSOptimizer::GetHistory, &LxBFGSOptimizer::SetHistory);
+  geometry.def_property("cartesian", &LxBFGSOptimizer::GetCartesian,
+                        &LxBFGSOptimizer::SetCartesian,
+                        "Variables are x, y, z per atom: start from a model Hessian.");
+  geometry.def_property("max_atom_step", &LxBFGSOptimizer::GetMaxAtomStep,
+                        &LxBFGSOptimizer::SetMaxAtomStep,
+                        "Hard limit on any atom's move per trial (0: none).");
 
   py::class_<Anneal>(m, "Anneal")
       .def(py::init<double>(), py::arg("temperature") = 300.0)

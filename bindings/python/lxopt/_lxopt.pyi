@@ -37,6 +37,7 @@ class BFGSCarry(BFGS): ...
 
 class LBFGS(_LineSearching):
     memory: int
+    cartesian: bool
 
 class DFP(_LineSearching): ...
 class ConjGrad(_LineSearching): ...
@@ -49,6 +50,8 @@ class Newton(_Optimizer): ...
 class Geometry(_Optimizer):
     keep_hessian: bool
     history: bool
+    cartesian: bool
+    max_atom_step: float
     def inverse_hessian(self, n: int) -> Optional[Vector]: ...
 
 class Anneal(_Optimizer):
