@@ -91,18 +91,20 @@ class _AskTellOptimizer(Optimizer):
         self._run = None
         self._asked = None  # the positions set for the point waiting for its value
         self._unit = self._length_unit()
-        self._free = _free_atoms(self.atoms)  # rows that are variables; None: all
+        free = _free_atoms(self.atoms)
+        every = free is not None and len(free) == len(self.atoms)
+        self._free = None if free is None or every else free  # variable rows; None: all
         # Fixed atoms are left out of the model, which then lacks the springs
         # that hold the free atoms near them: on clusters with fixed atoms it
         # cost force calls, so it is on only when no atom is fixed.
-        self.cartesian = self._has_model and self._free is True
+        self.cartesian = self._has_model and every
 
     def _variables(self, rows):
-        return (rows if self._free is None or self._free is True else rows[self._free]).ravel()
+        return (rows if self._free is None else rows[self._free]).ravel()
 
     def _positions(self, u, x):
         """The positions for the variables u, fixed atoms kept where x has them."""
-        if self._free is None or self._free is True:
+        if self._free is None:
             return u.reshape(x.shape) * self._unit
         p = x.copy()
         p[self._free] = u.reshape(-1, 3) * self._unit
@@ -162,9 +164,9 @@ class _AskTellOptimizer(Optimizer):
 
 
 def _free_atoms(atoms):
-    """For a plain Atoms object whose constraints are all FixAtoms: True when
-    no atom is fixed, else the indices of the free atoms. None for anything
-    else (cell filters, other constraints)."""
+    """For a plain Atoms object whose constraints are all FixAtoms: the
+    indices of the free atoms. None for anything else (cell filters, other
+    constraints)."""
     if not isinstance(atoms, Atoms):
         return None
     if not all(isinstance(c, FixAtoms) for c in atoms.constraints):
@@ -172,7 +174,7 @@ def _free_atoms(atoms):
     fixed = np.zeros(len(atoms), dtype=bool)
     for c in atoms.constraints:
         fixed[c.get_indices()] = True
-    return True if not fixed.any() else np.flatnonzero(~fixed)
+    return np.flatnonzero(~fixed)
 
 
 class Geometry(_AskTellOptimizer):
