@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <lxopt/lxopt.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <sstream>
@@ -259,6 +260,95 @@ TEST(GeometryStep, TrialsStopAtAPerAtomCapThatGrowsWhenReached) {
     }
     EXPECT_EQ(counted.gradients, 8);
     EXPECT_EQ(counted.values, 1);
+  }
+}
+
+// Largest move of an atom (triple) from the driver's current point over all
+// evaluations. The driver moves only to lower points and takes the lowest
+// point of each search, so its current point is the lowest evaluated so far.
+class MoveTracker : public lxtest::Objective, public LxOpt::LxCheckpoint1 {
+ public:
+  using lxtest::Objective::operator();
+  using LxOpt::LxCheckpoint1::operator();
+  MoveTracker(lxtest::Objective& inner, std::vector<double> start)
+      : inner_(inner), current_(std::move(start)), lowest_(inner_(current_.data())) {}
+  unsigned int NumVar() const override { return inner_.NumVar(); }
+  double operator()(const double* x) override { return Seen(x, inner_(x)); }
+  double operator()(const double* x, double* g) override { return Seen(x, inner_(x, g)); }
+  bool operator()(unsigned int, unsigned int, double, double, const double*, const double*,
+                  unsigned int state) override {
+    last = state;
+    return true;
+  }
+  double largest = 0.0;
+  unsigned int last = 0;
+
+ private:
+  double Seen(const double* x, double f) {
+    for (size_t i = 0; i + 2 < current_.size(); i += 3) {
+      double d2 = 0.0;
+      for (size_t k = i; k < i + 3; ++k) d2 += (x[k] - current_[k]) * (x[k] - current_[k]);
+      largest = std::max(largest, std::sqrt(d2));
+    }
+    if (f < lowest_) {
+      lowest_ = f;
+      current_.assign(x, x + current_.size());
+    }
+    return f;
+  }
+  lxtest::Objective& inner_;
+  std::vector<double> current_;
+  double lowest_;
+};
+
+// SetMaxAtomStep is a hard limit on every trial, with and without the model
+// and the history steps; the cluster still converges, and some trial goes to
+// the limit. Without it the same run moves an atom farther.
+TEST(GeometryStep, MaxAtomStepBoundsEveryTrialPerAtom) {
+  lxtest::LennardJones cluster(13);
+  const std::vector<double> start = lxtest::PerturbedIcosahedron(0.3);
+  struct Case {
+    double cap;
+    bool cartesian, history;
+  };
+  for (const Case& c : std::vector<Case>{
+           {0.05, false, false}, {0.05, true, false}, {0.08, false, true}, {0.0, false, false}}) {
+    SCOPED_TRACE(c.cap);
+    LxBFGSOptimizer opt;
+    EXPECT_EQ(opt.GetMaxAtomStep(), 0.0);
+    opt.SetMaxAtomStep(c.cap);
+    opt.SetCartesian(c.cartesian);
+    opt.SetHistory(c.history);
+    opt.SetTolerance(1e-4);
+    MoveTracker tracked(cluster, start);
+    std::vector<double> out(start.size());
+    opt(tracked, &tracked, start.data(), out.data());
+    EXPECT_EQ(tracked.last, 11u);
+    if (c.cap > 0.0) {
+      EXPECT_LE(tracked.largest, c.cap * (1 + 1e-12));
+      EXPECT_GT(tracked.largest, 0.999 * c.cap);
+    } else {
+      EXPECT_GT(tracked.largest, 0.1);
+    }
+  }
+}
+
+// A limit above the initial radius stops its growth: a slope in atom 0 is
+// followed by 1.0 in the first cycle, then by the limit 2.0 (4.0 without it).
+TEST(GeometryStep, MaxAtomStepStopsTheTrustRadiusGrowing) {
+  lxtest::Linear slope({0.1, 0.1, 0.1, 0.0, 0.0, 0.0});
+  LxBFGSOptimizer opt;
+  opt.SetMaxAtomStep(2.0);
+  opt.SetTolerance(1e-3);
+  opt.SetIterLimit(3);
+  Recorder rec;
+  std::vector<double> start(6, 0.0), out(6);
+  opt(slope, &rec, start.data(), out.data());
+  ASSERT_EQ(Trace(rec), "1:0 2:0 3:6 ");
+  const double expected[] = {1.0, 3.0, 5.0};  // distance of atom 0 from the start
+  for (int k = 0; k < 3; ++k) {
+    const std::vector<double>& x = rec.calls[k].vars;
+    EXPECT_NEAR(std::sqrt(x[0] * x[0] + x[1] * x[1] + x[2] * x[2]), expected[k], 1e-12);
   }
 }
 

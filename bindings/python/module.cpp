@@ -702,7 +702,9 @@ PYBIND11_MODULE(_lxopt, m) {
             if (!o.GetFinalPairs(s.mutable_data(), y.mutable_data(), n, count)) return py::none();
             return py::make_tuple(s, y);
           },
-          py::arg("n"), "(s, y): the pairs kept by the last run, oldest first, or None.");
+          py::arg("n"), "(s, y): the pairs kept by the last run, oldest first, or None.")
+      .def_property("cartesian", &LxLBFGSOpt::GetCartesian, &LxLBFGSOpt::SetCartesian,
+                    "Variables are x, y, z per atom: start from a model Hessian.");
   py::class_<LxDFPOpt> dfp(m, "DFP");
   WithLineMinimizer<LxDFPOpt>(Common<LxDFPOpt, LxFunc1>(dfp));
   py::class_<LxConjGradOpt> cg(m, "ConjGrad");
@@ -720,6 +722,12 @@ PYBIND11_MODULE(_lxopt, m) {
   py::class_<LxBFGSOptimizer> geometry(m, "Geometry");
   WithKeptHessian<LxBFGSOptimizer>(Common<LxBFGSOptimizer, LxFunc1>(geometry));
   geometry.def_property("history", &LxBFGSOptimizer::GetHistory, &LxBFGSOptimizer::SetHistory);
+  geometry.def_property("cartesian", &LxBFGSOptimizer::GetCartesian,
+                        &LxBFGSOptimizer::SetCartesian,
+                        "Variables are x, y, z per atom: start from a model Hessian.");
+  geometry.def_property("max_atom_step", &LxBFGSOptimizer::GetMaxAtomStep,
+                        &LxBFGSOptimizer::SetMaxAtomStep,
+                        "Hard limit on any atom's move per trial (0: none).");
 
   py::class_<Anneal>(m, "Anneal")
       .def(py::init<double>(), py::arg("temperature") = 300.0)

@@ -141,6 +141,10 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //               coordinate when n is not a multiple of 3) farther than a
 //               trust radius, 1.0 at the start of a run and four times larger
 //               after every search that ended at the cap still going down.
+//               With SetMaxAtomStep(r > 0) the radius starts at min(1, r) and
+//               never exceeds r, and history points that move an atom
+//               farther than r are not tried: r is then a hard per-atom
+//               limit on every point evaluated.
 //   line search Moré-Thuente (ACM TOMS 20 (1994) 286) for a step meeting the
 //               strong Wolfe conditions (c1 = 1e-4, c2 = 0.9), at most 20
 //               trials. The first trial is the full quasi-Newton step; after
@@ -248,6 +252,14 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // The Cartesian flag as last set.
   bool GetCartesian() const { return cartesian_; }
 
+  // Hard limit on how far any atom (x, y, z triple; each coordinate when the
+  // number of variables is not a multiple of 3) moves from the current point
+  // in any trial of a cycle. 0 (the default) or a value that is not a
+  // positive finite number: no limit beyond the growing trust radius.
+  void SetMaxAtomStep(double limit) { maxAtomStep_ = limit; }
+  // The limit as last set.
+  double GetMaxAtomStep() const { return maxAtomStep_; }
+
   // Remembers a point: fsave = f, gsave = g, ssave = s, xsave = x (n values).
   static void store(double f, double& fsave, double g, double& gsave, const double* x,
                     double* xsave, double s, double& ssave, std::size_t n);
@@ -275,6 +287,7 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   std::vector<double> keptHessian_;
   bool keepHessian_ = false;
   bool cartesian_ = false;
+  double maxAtomStep_ = 0.0;
 };
 
 }  // namespace LxOpt

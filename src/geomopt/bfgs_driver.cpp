@@ -177,6 +177,7 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
                         g + n + 2 * std::size_t(n) * historyLength_, historyLength_, n, 0, 0};
   geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr,
                         cartesian_);
+  if (maxAtomStep_ > 0.0 && std::isfinite(maxAtomStep_)) step.CapAtomStep(maxAtomStep_);
 
   unsigned int iter = 0;
   double bestF = f_;

@@ -69,6 +69,11 @@ void CycleStep::Restart() {
   pairCount_ = 0;
 }
 
+void CycleStep::CapAtomStep(double limit) {
+  radiusLimit_ = limit;
+  radius_ = std::min(radius_, limit);
+}
+
 StepStatus CycleStep::Take(double accuracy, double& displacement) {
   const double gg = detail::SquaredNorm(g_, n_);
   if (!std::isfinite(gg) || gg == 0.0) return StepStatus::kEnded;
@@ -108,6 +113,7 @@ LineResult CycleStep::Search(double accuracy) {
   const LineResult found =
       LineMinimize(line, LineWork{xt_, gt_, gBest_}, first, limit, accuracy);
   radius_ = NextRadius(radius_, found.found && found.capped);
+  if (radiusLimit_ > 0.0) radius_ = std::min(radius_, radiusLimit_);
   return found;
 }
 
@@ -167,6 +173,7 @@ void CycleStep::TryHistoryStep() {
 }
 
 bool CycleStep::TryPoint() {
+  if (radiusLimit_ > 0.0 && !WithinAtomStep(x_, xt_, n_, radiusLimit_)) return false;
   detail::Zero(gt_, n_);
   const double ft = func_(xt_, gt_);
   if (!(ft < f_)) return false;

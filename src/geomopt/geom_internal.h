@@ -57,6 +57,9 @@ constexpr double kInitialRadius = 1.0;
 // when the last search ended at the cap while still going down, else
 // unchanged.
 double NextRadius(double radius, bool capped);
+// True when no atom (triple, or coordinate when n is not a multiple of 3)
+// of b lies farther than limit from its place in a.
+bool WithinAtomStep(const double* a, const double* b, unsigned int n, double limit);
 
 // ------------------------------------------------ line search (linemin)
 
@@ -161,6 +164,11 @@ class CycleStep {
   // One cycle. On kLowered, displacement = |x_new - x_old|.
   StepStatus Take(double accuracy, double& displacement);
 
+  // Makes limit (> 0) a hard cap on every atom's move from the current point
+  // in every trial: the radius starts at no more than limit and never grows
+  // beyond it. Call before the first Take.
+  void CapAtomStep(double limit);
+
   const double* InverseHessian() const { return h_; }
   // |g| when H was last set to the identity.
   double RestartGradientNorm() const { return restartGnorm_; }
@@ -211,6 +219,7 @@ class CycleStep {
   unsigned int updates_ = 0;  // updates since H was (re)started
   double restartGnorm_ = 0.0;
   double radius_ = kInitialRadius;  // step cap per atom
+  double radiusLimit_ = 0.0;        // hard cap on radius_, 0 when off
 };
 
 }  // namespace geom

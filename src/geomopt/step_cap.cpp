@@ -40,5 +40,16 @@ double NextRadius(double radius, bool capped) {
   return capped ? std::min(kMaxRadius, radius * kRadiusGrowth) : radius;
 }
 
+bool WithinAtomStep(const double* a, const double* b, unsigned int n, double limit) {
+  const unsigned int width = n % 3 == 0 ? 3 : 1;
+  const double limit2 = limit * limit;
+  for (unsigned int i = 0; i < n; i += width) {
+    double moved2 = 0.0;
+    for (unsigned int k = i; k < i + width; ++k) moved2 += (b[k] - a[k]) * (b[k] - a[k]);
+    if (moved2 > limit2) return false;
+  }
+  return true;
+}
+
 }  // namespace geom
 }  // namespace LxOpt

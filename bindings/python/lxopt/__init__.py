@@ -121,7 +121,8 @@ def _configure(opt, options):
         if not hasattr(opt, "set_line_minimizer"):
             raise ValueError(f"{type(opt).__name__} takes no line minimizer")
         opt.set_line_minimizer(line)
-    for key in ("iter_limit", "tolerance", "keep_hessian", "keep_pairs", "history", "memory"):
+    for key in ("iter_limit", "tolerance", "keep_hessian", "keep_pairs", "history", "memory",
+                "cartesian", "max_atom_step"):
         if key in options:
             if not hasattr(opt, key):
                 raise ValueError(f"{type(opt).__name__} has no option {key!r}")
@@ -129,7 +130,8 @@ def _configure(opt, options):
     if options:
         raise ValueError(f"unknown options: {sorted(options)}; lxopt takes gtol, norm, maxiter, "
                          "disp, eps, maxcor, nonfinite_guard and the library's iter_limit, "
-                         "tolerance, line_minimizer, keep_hessian, history, memory")
+                         "tolerance, line_minimizer, keep_hessian, history, memory, cartesian, "
+                         "max_atom_step")
 
 
 def _constraint(c):
@@ -271,7 +273,8 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
     nonfinite_guard (default True: a non-finite x0 or start value stops at
     once; non-finite values later are stepped back from), and the library's
     iter_limit, tolerance, line_minimizer ("cg", "qn", "nr", "maxstep"),
-    keep_hessian, history (geometry), memory and keep_pairs (lbfgs).
+    keep_hessian, history (geometry), memory and keep_pairs (lbfgs), cartesian
+    (geometry, lbfgs: x is x, y, z per atom), max_atom_step (geometry).
     temperature is the start temperature of "anneal".
 
     callback(xk) or callback(intermediate_result) after each iteration;

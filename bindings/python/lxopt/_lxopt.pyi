@@ -39,6 +39,7 @@ class LBFGS(_LineSearching):
     memory: int
     keep_pairs: bool
     def final_pairs(self, n: int) -> Optional[Tuple[Vector, Vector]]: ...
+    cartesian: bool
 
 class DFP(_LineSearching): ...
 class ConjGrad(_LineSearching): ...
@@ -51,6 +52,8 @@ class Newton(_Optimizer): ...
 class Geometry(_Optimizer):
     keep_hessian: bool
     history: bool
+    cartesian: bool
+    max_atom_step: float
     def inverse_hessian(self, n: int) -> Optional[Vector]: ...
 
 class Anneal(_Optimizer):

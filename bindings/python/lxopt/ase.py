@@ -18,16 +18,28 @@ met (the driver stops after 16 cycles that barely lower the energy), a new
 run starts from its final point; a run that finds no point lower than its
 start ends ASE's loop unconverged (run() returns False).
 
-maxstep (Å) sets the length unit of the optimizer's variables. For Geometry
-it is the driver's per-atom trust radius at the start of a run: no atom
-moves farther than maxstep in a step until a line search ends at that limit
-still going steeply downhill, after which the radius grows fourfold; the
-first step moves the farthest atom by maxstep / 10. For LBFGS and BFGS it
-bounds the move of each atom in the first step (along the forces); later
-steps follow the quasi-Newton model and are not capped. The default None
-takes a unit of 1 Å.
+When the optimized object is a plain ase.Atoms with no fixed atom,
+Geometry and LBFGS start from a model Hessian built from the interatomic
+distances (the optimizer's cartesian attribute, lxopt.Geometry.cartesian,
+lxopt.LBFGS.cartesian), which saves force calls. With FixAtoms the
+variables are the positions of the free atoms and the model is off by
+default (built from the free atoms alone it cost force calls on clusters);
+setting opt.cartesian = True after construction turns it on. Cell filters
+(UnitCellFilter, ExpCellFilter) add cell degrees of freedom that are not
+atoms: the model is off and every position the filter hands is a variable.
+
+maxstep (Å): for Geometry a hard limit, as ASE defines it, on how far any
+atom is placed from the optimizer's current point (the last accepted
+geometry) in any step, line-search trials included (lxopt.Geometry's
+max_atom_step); the default None sets no limit beyond the driver's own trust
+radius, which starts at 1 Å and grows fourfold while steps reach it. For
+LBFGS and BFGS maxstep is not a limit but the length unit of the variables:
+it bounds the move of each atom in the first step only; later steps follow
+the quasi-Newton model (default None: a unit of 1 Å).
 """
 import numpy as np
+from ase import Atoms
+from ase.constraints import FixAtoms
 from ase.optimize.optimize import Optimizer
 
 from . import _lxopt
@@ -50,7 +62,11 @@ def _same_point(a, b):
 
 
 class _AskTellOptimizer(Optimizer):
-    """An ASE optimizer whose steps are an lxopt optimizer's evaluations."""
+    """An ASE optimizer whose steps are an lxopt optimizer's evaluations;
+    cartesian: the optimizer starts from the distance model (on by default
+    for plain Atoms when the optimizer has the model)."""
+
+    _has_model = True
 
     def __init__(self, atoms, restart=None, logfile="-", trajectory=None, maxstep=None,
                  master=None, append_trajectory=False, force_consistent=None):
@@ -67,10 +83,32 @@ class _AskTellOptimizer(Optimizer):
         """A new lxopt optimizer object with its own tests switched off."""
         raise NotImplementedError
 
+    def _length_unit(self):
+        """Å per unit of the optimizer's variables."""
+        return self.maxstep if self.maxstep is not None else 1.0
+
     def initialize(self):
         self._run = None
         self._asked = None  # the positions set for the point waiting for its value
-        self._unit = self.maxstep if self.maxstep is not None else 1.0
+        self._unit = self._length_unit()
+        free = _free_atoms(self.atoms)
+        every = free is not None and len(free) == len(self.atoms)
+        self._free = None if free is None or every else free  # variable rows; None: all
+        # Fixed atoms are left out of the model, which then lacks the springs
+        # that hold the free atoms near them: on clusters with fixed atoms it
+        # cost force calls, so it is on only when no atom is fixed.
+        self.cartesian = self._has_model and every
+
+    def _variables(self, rows):
+        return (rows if self._free is None else rows[self._free]).ravel()
+
+    def _positions(self, u, x):
+        """The positions for the variables u, fixed atoms kept where x has them."""
+        if self._free is None:
+            return u.reshape(x.shape) * self._unit
+        p = x.copy()
+        p[self._free] = u.reshape(-1, 3) * self._unit
+        return p
 
     def todict(self):
         return {**Optimizer.todict(self), "maxstep": self.maxstep}
@@ -79,7 +117,9 @@ class _AskTellOptimizer(Optimizer):
         opt = self._optimizer()
         opt.tolerance = _NO_TOLERANCE
         opt.iter_limit = _NO_LIMIT
-        self._run = _lxopt.AskTell(opt, positions.ravel() / self._unit)
+        if self._has_model:
+            opt.cartesian = self.cartesian
+        self._run = _lxopt.AskTell(opt, self._variables(positions) / self._unit)
         self._asked = positions
         self._run_start = None  # energy at the run's start
         self._run_lowest = np.inf  # lowest energy the run has seen since
@@ -90,7 +130,7 @@ class _AskTellOptimizer(Optimizer):
             f = atoms.get_forces()
         x = atoms.get_positions()
         e = atoms.get_potential_energy(force_consistent=self.force_consistent)
-        g = -np.asarray(f, dtype=float).ravel() * self._unit
+        g = -self._variables(np.asarray(f, dtype=float)) * self._unit
         if self._run is None or not _same_point(x, self._asked):
             self._start(x)  # first step, or the positions were changed from outside
         while True:
@@ -107,9 +147,9 @@ class _AskTellOptimizer(Optimizer):
                     self._give_up()
                     return
                 # Ended on its own with progress: go on from its final point.
-                self._start(self._run.x.reshape(x.shape) * self._unit)
+                self._start(self._positions(self._run.x, x))
                 continue
-            p = u.reshape(x.shape) * self._unit
+            p = self._positions(u, x)
             self._asked = p
             if not _same_point(x, p):
                 atoms.set_positions(p)
@@ -123,15 +163,38 @@ class _AskTellOptimizer(Optimizer):
             self.logfile.flush()
 
 
+def _free_atoms(atoms):
+    """For a plain Atoms object whose constraints are all FixAtoms: the
+    indices of the free atoms. None for anything else (cell filters, other
+    constraints)."""
+    if not isinstance(atoms, Atoms):
+        return None
+    if not all(isinstance(c, FixAtoms) for c in atoms.constraints):
+        return None
+    fixed = np.zeros(len(atoms), dtype=bool)
+    for c in atoms.constraints:
+        fixed[c.get_indices()] = True
+    return np.flatnonzero(~fixed)
+
+
 class Geometry(_AskTellOptimizer):
-    """The geometry BFGS driver (lxopt.Geometry) as an ASE optimizer."""
+    """The geometry BFGS driver (lxopt.Geometry) as an ASE optimizer;
+    maxstep (Å) is a hard per-atom limit."""
+
+    def _length_unit(self):
+        return 1.0
 
     def _optimizer(self):
-        return _lxopt.Geometry()
+        opt = _lxopt.Geometry()
+        if self.maxstep is not None:
+            opt.max_atom_step = self.maxstep
+        return opt
 
 
 class BFGS(_AskTellOptimizer):
-    """Dense BFGS (lxopt.BFGS) as an ASE optimizer."""
+    """Dense BFGS (lxopt.BFGS) as an ASE optimizer (no distance model)."""
+
+    _has_model = False
 
     def _optimizer(self):
         return _lxopt.BFGS()

@@ -7,7 +7,9 @@
 A conformer is converged when the largest atomic force is below forceTol
 (kcal/mol/Å) at a point no higher than any evaluated before. maxIters counts
 the driver's cycles (one line search each), as RDKit counts its iterations.
-The optimized positions are written back to the conformer.
+The optimized positions are written back to the conformer. The driver
+starts from a model Hessian built from the interatomic distances
+(lxopt.Geometry.cartesian), which saves force-field calls.
 """
 import numpy as np
 from rdkit.Chem import AllChem
@@ -54,6 +56,7 @@ def _relax(ff, maxIters, forceTol):
     while cycles < maxIters:
         opt = _lxopt.Geometry()
         opt.tolerance = 0.0  # the force test below decides
+        opt.cartesian = True  # x, y, z per atom: start from the distance model
         opt.iter_limit = maxIters - cycles
         run = _lxopt.AskTell(opt, best_x)
         start_e = best_e
