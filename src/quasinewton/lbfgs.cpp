@@ -73,7 +73,7 @@ class PairRing {
   // a unit length.
   double FirstStep(const double* d) const {
     const double move = model_ != nullptr ? kFirstMoveShare * nearest_ : 1.0;
-    return move / std::sqrt(detail::SquaredNorm(d, n_));
+    return std::sqrt(move * move / detail::SquaredNorm(d, n_));
   }
 
   // With the accepted step a along d, w the gradient there and g the old one:
