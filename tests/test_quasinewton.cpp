@@ -594,3 +594,92 @@ TEST(LBFGS, CartesianSettingIgnoresVariablesThatAreNotTriples) {
 }
 
 }  // namespace
+
+// x' = c x (coordinates in other units of length): f'(x') = f(x' / c).
+struct InLengthUnits : Objective {
+  using Objective::operator();
+  InLengthUnits(Objective& inner, double factor)
+      : inner(inner), factor(factor), x(inner.NumVar()) {}
+  unsigned int NumVar() const override { return inner.NumVar(); }
+  double operator()(const double* xs) override { return inner(Unscaled(xs)); }
+  double operator()(const double* xs, double* g) override {
+    const double f = inner(Unscaled(xs), g);
+    for (unsigned int i = 0; i < NumVar(); ++i) g[i] /= factor;
+    return f;
+  }
+  const double* Unscaled(const double* xs) {
+    for (unsigned int i = 0; i < NumVar(); ++i) x[i] = xs[i] / factor;
+    return x.data();
+  }
+  Objective& inner;
+  double factor;
+  Vec x;
+};
+
+// Runs of L-BFGS on clusters in other units of energy (f -> c f) and of
+// length (x -> c x), the tolerance on sum g^2 scaled alike. Nothing in a run
+// may depend on the units: a factor that is a power of 2 scales every
+// quantity exactly, so the run must be the same call for call and end at the
+// same point (scaled); with any other factor rounding alone differs, which
+// on these clusters keeps the calls within 10 %. Length units enter only
+// through the first move, which the Cartesian model measures in
+// nearest-neighbour distances; without it length is left out.
+TEST(LBFGS, CallsDoNotDependOnUnits) {
+  constexpr double kKcalPerEv = 23.0605;
+  constexpr double kAngstromPerBohr = 0.529177;
+  const struct {
+    const char* name;
+    unsigned int atoms;
+    Vec start;
+  } clusters[] = {
+      {"LJ13", 13, PerturbedIcosahedron(0.2)},
+      {"LJ38", 38, lxbench::PerturbedCluster::Perturbed(lxbench::TruncatedOctahedron38(), 11, 0.25)},
+  };
+  const struct {
+    double factor;
+    bool length;
+    bool exact;
+  } units[] = {
+      {8.0, false, true},         {1.0 / 64.0, false, true},       {kKcalPerEv, false, false},
+      {1.0 / kKcalPerEv, false, false}, {4.0, true, true},       {0.125, true, true},
+      {1.0 / kAngstromPerBohr, true, false}, {kAngstromPerBohr, true, false},
+  };
+  for (const auto& cluster : clusters) {
+    for (bool cartesian : {false, true}) {
+      LennardJones base(cluster.atoms);
+      auto run = [&](Objective& objective, const Vec& start, double tolerance, Vec& out) {
+        Counting counted(objective);
+        LxLBFGSOpt opt;
+        opt.SetCartesian(cartesian);
+        opt.SetTolerance(tolerance);
+        out.assign(start.size(), 0.0);
+        opt(counted, start.data(), out.data());
+        return counted.gradients;
+      };
+      Vec reference;
+      const int calls = run(base, cluster.start, 1e-10, reference);
+      for (const auto& unit : units) {
+        if (unit.length && !cartesian) continue;
+        SCOPED_TRACE(std::string(cluster.name) + (cartesian ? " cartesian" : " plain") +
+                     (unit.length ? " length x" : " energy x") + std::to_string(unit.factor));
+        InUnits energy(base, unit.factor);
+        InLengthUnits length(base, unit.factor);
+        Vec start = cluster.start;
+        if (unit.length)
+          for (double& v : start) v *= unit.factor;
+        const double gScale = unit.length ? 1.0 / unit.factor : unit.factor;
+        Vec out;
+        const int scaled = run(unit.length ? static_cast<Objective&>(length) : energy, start,
+                               1e-10 * gScale * gScale, out);
+        if (unit.exact) {
+          EXPECT_EQ(scaled, calls);
+          if (unit.length)
+            for (double& v : out) v /= unit.factor;
+          EXPECT_EQ(out, reference);
+        } else {
+          EXPECT_NEAR(scaled, calls, 0.1 * calls);
+        }
+      }
+    }
+  }
+}

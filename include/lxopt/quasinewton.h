@@ -220,7 +220,9 @@ class LXOPT_API LxDFPOpt : public LxOptimizer1 {
 // as x, y, z per atom and H0 = gamma P^-1 with P a model Hessian built from
 // the interatomic distances at the start (springs between near atoms) and
 // gamma = s.y / y.P^-1 y; the first search then goes along -P^-1 g with a
-// trial step that moves the point by a unit length.
+// trial step that moves the point by the mean nearest-neighbour distance, so
+// that the run depends on the units of neither energy nor length. (Without
+// SetCartesian it depends on the units of length through the first move.)
 //
 // Exits, checkpoint calls and bad input as LxBFGSOpt:
 //   1 NoOpt    sum g^2 < tolerance at the start (gradient passed).

@@ -25,6 +25,9 @@ constexpr std::size_t kWorkVectors = 3;
 
 // Trial step of a search once a pair is stored: gamma already scales H0.
 constexpr double kUnitStep = 1.0;
+// First move of a run (or after a restart) with Cartesian variables, in units
+// of the mean nearest-neighbour distance, so that no length unit enters.
+constexpr double kFirstMoveShare = 1.0;
 
 // Doubles in the run's block, (2m + 3) n + 2m, plus the pair model's n n + n
 // and the point it was built at (n) for Cartesian variables, or SIZE_MAX when that overflows (the allocation
@@ -75,6 +78,14 @@ class PairRing {
       std::memcpy(&s[static_cast<std::size_t>(k) * n_], S(slot), sizeof(double) * n_);
       std::memcpy(&y[static_cast<std::size_t>(k) * n_], Y(slot), sizeof(double) * n_);
     }
+  }
+
+  // Trial step of a search with no pair stored, along d: the point moves by
+  // kFirstMoveShare nearest-neighbour distances with the pair model, else by
+  // a unit length.
+  double FirstStep(const double* d) const {
+    const double move = model_ != nullptr ? kFirstMoveShare * nearest_ : 1.0;
+    return std::sqrt(move * move / detail::SquaredNorm(d, n_));
   }
 
   // With the accepted step a along d, w the gradient there and g the old one:
@@ -292,9 +303,9 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
   if (gg < tolerance) return finish(0, kLxNoOpt);
 
   LxLineMinimize& search = *settings_.lineMinimize;
-  // The first search of a run or after a restart tries a unit move along d.
+  // The first search of a run or after a restart: see FirstStep.
   pairs.Direction(g, d);
-  double step = std::sqrt(1.0 / detail::SquaredNorm(d, n));
+  double step = pairs.FirstStep(d);
   search.SetMaxStep(n, x);
 
   unsigned int k = 0;
@@ -310,7 +321,7 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
       gg = detail::SquaredNorm(g, n);
       if (gg < tolerance) return finish(k, kLxDone);
       pairs.Direction(g, d);
-      step = std::sqrt(1.0 / detail::SquaredNorm(d, n));
+      step = pairs.FirstStep(d);
       continue;
     }
 
@@ -324,7 +335,7 @@ double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* i
     pairs.Direction(g, d);
     // With no pair stored yet (all skipped) the search again starts like the
     // first one.
-    step = pairs.Count() == 0 ? std::sqrt(1.0 / detail::SquaredNorm(d, n)) : kUnitStep;
+    step = pairs.Count() == 0 ? pairs.FirstStep(d) : kUnitStep;
   }
   return finish(k, kLxExhaust);
 }

@@ -35,7 +35,10 @@ max_atom_step); the default None sets no limit beyond the driver's own trust
 radius, which starts at 1 Å and grows fourfold while steps reach it. For
 LBFGS and BFGS maxstep is not a limit but the length unit of the variables:
 it bounds the move of each atom in the first step only; later steps follow
-the quasi-Newton model (default None: a unit of 1 Å).
+the quasi-Newton model (default None: a unit of 1 Å). With the distance
+model, LBFGS's first step is set by the interatomic distances instead (all
+atoms together move one mean nearest-neighbour distance, whatever the
+unit), so maxstep then changes nothing.
 """
 import numpy as np
 from ase import Atoms

@@ -178,13 +178,23 @@ def test_geometry_maxstep_is_a_hard_per_atom_limit():
         lxase.Geometry(rattled_cu(), maxstep=0.0)
 
 
+# Without the distance model maxstep is L-BFGS's length unit and bounds the
+# first step; with it the first step is set by the interatomic distances, so
+# maxstep (a change of length unit) leaves it as it is.
 def test_lbfgs_maxstep_is_the_length_unit_of_the_first_step():
-    for maxstep in (0.02, 0.3):
-        atoms = rattled_cu()
-        start = atoms.get_positions()
-        lxase.LBFGS(atoms, logfile=None, maxstep=maxstep).run(fmax=FMAX, steps=1)
-        moved = np.sqrt(((atoms.get_positions() - start) ** 2).sum(axis=1)).max()
-        assert 0.1 * maxstep < moved <= maxstep * (1 + 1e-12)
+    first_moves = {}
+    for model in (False, True):
+        for maxstep in (0.02, 0.3):
+            atoms = rattled_cu()
+            start = atoms.get_positions()
+            opt = lxase.LBFGS(atoms, logfile=None, maxstep=maxstep)
+            opt.cartesian = model
+            opt.run(fmax=FMAX, steps=1)
+            moved = np.sqrt(((atoms.get_positions() - start) ** 2).sum(axis=1)).max()
+            first_moves[model, maxstep] = moved
+            if not model:
+                assert 0.1 * maxstep < moved <= maxstep * (1 + 1e-12)
+    assert first_moves[True, 0.02] == pytest.approx(first_moves[True, 0.3], rel=1e-9)
 
 
 # The distance model is on for plain Atoms and saves force calls on 55-atom
