@@ -165,11 +165,13 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //               minimum of a Gaussian-process model of the objective is tried
 //               (the GPMin method of Garijo del Rio et al., J. Chem. Phys.
 //               150 (2019) 094107): squared-exponential kernel over values
-//               and gradients of the latest min(40, 1000 / (n + 1)) points
+//               and gradients of the latest min(40, 800 / (n + 1)) points
 //               (at least 2), length l = 0.2 r_nn (Cartesian variables; else
 //               0.2 times the RMS variable), energy scale l |largest atomic
 //               gradient at the start|, prior mean the largest value
-//               seen, noise 4e-4 in these scaled units. The model's mean is
+//               seen, noise 4e-4 in these scaled units times the square root
+//               of the largest atomic gradient now over the one at the
+//               start. The model's mean is
 //               minimised from the current (best) point by an inner L-BFGS
 //               without calling the objective, the move capped at 2 l per
 //               atom; the point is taken when its value is lower (then the

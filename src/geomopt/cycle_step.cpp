@@ -184,7 +184,7 @@ void CycleStep::SetSurrogate(Surrogate* surrogate) {
 bool CycleStep::TrySurrogate() {
   surrogate_->Add(x_, f_, g_);
   for (unsigned int t = 0; t < kSurrogateTries; ++t) {
-    if (!surrogate_->Propose(x_, xt_)) break;
+    if (!surrogate_->Propose(x_, g_, xt_)) break;
     detail::Zero(gt_, n_);
     const double ft = func_(xt_, gt_);
     if (ft < f_) {

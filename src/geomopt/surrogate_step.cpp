@@ -24,13 +24,16 @@ namespace {
 constexpr double kLengthShare = 0.2;
 // s = kWeightRatio l |largest atomic gradient at the start|.
 constexpr double kWeightRatio = 1.0;
-// Noise of values and gradients in scaled units (what GPMin's defaults come
-// to in its own units); keeps the kernel matrix positive definite.
+// Noise of values and gradients in scaled units at the start (what GPMin's
+// defaults come to in its own units), then in proportion to the square root
+// of the largest atomic gradient at the current point relative to the start:
+// it keeps the kernel matrix positive definite and shrinks as the forces
+// still to be resolved do.
 constexpr double kNoise = 4e-4;
 // At most kMaxPoints points are kept, and no more than make a kernel matrix
 // of kMaxSystem rows.
 constexpr unsigned int kMaxPoints = 40;
-constexpr unsigned int kMaxSystem = 1000;
+constexpr unsigned int kMaxSystem = 800;
 // No atom moves farther than kStepCap length scales in one surrogate step.
 constexpr double kStepCap = 2.0;
 // Inner minimisation of the mean: L-BFGS memory, iterations, and the
@@ -136,7 +139,7 @@ bool Surrogate::ExtendFactor(unsigned int firstPoint) {
     }
     for (unsigned int p = 0; p < b1; ++p) {
       const std::size_t r = std::size_t(a) * b1 + p;
-      chol_[r * stride + r] += kNoise * kNoise;
+      chol_[r * stride + r] += noise_ * noise_;
     }
   }
   const std::size_t first = std::size_t(firstPoint) * b1;
@@ -278,8 +281,17 @@ void Surrogate::MinimiseMean(double* u) {
   }
 }
 
-bool Surrogate::Propose(const double* x, double* xTrial) {
-  if (!usable_ || count_ == 0 || !Refactor()) return false;
+bool Surrogate::Propose(const double* x, const double* g, double* xTrial) {
+  if (!usable_ || count_ == 0) return false;
+  // The noise follows the gradient at the current point (see kNoise).
+  const double noise =
+      kNoise * std::sqrt(kWeightRatio * length_ * LargestAtomNorm(g, n_) / weight_);
+  if (!(noise > 0.0) || !std::isfinite(noise)) return false;
+  if (noise != noise_) {
+    noise_ = noise;
+    factored_ = 0;
+  }
+  if (!Refactor()) return false;
   double* u0 = work_ + 4 * std::size_t(n_);
   double* g0 = u0 + n_;
   for (unsigned int i = 0; i < n_; ++i) u0[i] = x[i] / length_;

@@ -32,7 +32,7 @@ class Surrogate {
   // Minimises the model's mean from x (the best point seen), the move capped
   // per atom, and writes the point to xTrial. False when the model cannot be
   // factored, the scales are not usable or the model predicts no decrease.
-  bool Propose(const double* x, double* xTrial);
+  bool Propose(const double* x, const double* g, double* xTrial);
 
  private:
   bool Refactor();
@@ -48,6 +48,7 @@ class Surrogate {
   double length_ = 0.0;
   double weight_ = 0.0;
   double prior_ = 0.0;
+  double noise_ = 0.0;
   bool usable_ = false;
   double* points_ = nullptr;   // capacity n, scaled by 1 / length_
   double* values_ = nullptr;   // capacity (n + 1): f, then g (raw)
