@@ -545,7 +545,9 @@ TEST(GeometrySurrogate, KeepsTheReportsAndFallsBackWhereTheModelFails) {
     }
     // A model that keeps failing is given up after five cycles of at most
     // two tries each.
-    if (c.fallsBack) EXPECT_LE(calls[1], calls[0] + 10);
+    if (c.fallsBack) {
+      EXPECT_LE(calls[1], calls[0] + 10);
+    }
   }
 }
 
