@@ -180,8 +180,7 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //               when the model predicts no decrease, the cycle goes on as
 //               without it. The surrogate is given up for the run after 5
 //               such cycles in a row, and once the model holds all the points
-//               it can keep (the factor of its kernel matrix grows row by row
-//               until then). Off by default: it pays where one force call
+//               it can keep. Off by default: it pays where one force call
 //               costs far more than the model's O((m n)^3) algebra, on small
 //               systems (a few atoms to a few tens, forces converged to a few
 //               percent of the starting ones); on Lennard-Jones clusters of

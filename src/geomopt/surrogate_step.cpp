@@ -5,8 +5,8 @@
 // the best point with a small L-BFGS on the model alone. Everything is
 // computed in scaled units, coordinates over the length l and values over the
 // energy scale s, so the steps do not depend on the units. The factor of the
-// kernel matrix is extended row by row as points arrive and rebuilt only
-// when the oldest point leaves.
+// kernel matrix is extended row by row for points added at the same noise,
+// and rebuilt when the noise changes or the oldest point leaves.
 #include "geomopt/surrogate_step.h"
 
 #include <algorithm>
