@@ -309,16 +309,20 @@ TEST(GeometryStep, MaxAtomStepBoundsEveryTrialPerAtom) {
   const std::vector<double> start = lxtest::PerturbedIcosahedron(0.3);
   struct Case {
     double cap;
-    bool cartesian, history;
+    bool cartesian, history, surrogate;
   };
-  for (const Case& c : std::vector<Case>{
-           {0.05, false, false}, {0.05, true, false}, {0.08, false, true}, {0.0, false, false}}) {
-    SCOPED_TRACE(c.cap);
+  for (const Case& c : std::vector<Case>{{0.05, false, false, false},
+                                         {0.05, true, false, false},
+                                         {0.08, false, true, false},
+                                         {0.05, true, false, true},
+                                         {0.0, false, false, false}}) {
+    SCOPED_TRACE(testing::Message() << c.cap << (c.surrogate ? " surrogate" : ""));
     LxBFGSOptimizer opt;
     EXPECT_EQ(opt.GetMaxAtomStep(), 0.0);
     opt.SetMaxAtomStep(c.cap);
     opt.SetCartesian(c.cartesian);
     opt.SetHistory(c.history);
+    opt.SetSurrogate(c.surrogate);
     opt.SetTolerance(1e-4);
     MoveTracker tracked(cluster, start);
     std::vector<double> out(start.size());
@@ -535,6 +539,111 @@ class CountingBFGSCheckpoint : public LxBFGSCheckpoint {
   }
   unsigned int calls = 0;
 };
+
+// f(x) = inner(x / c): the same objective with lengths in a unit c times
+// smaller.
+class Stretched : public lxtest::Objective {
+ public:
+  using Objective::operator();
+  Stretched(lxtest::Objective& inner, double c) : inner_(inner), c_(c), x_(inner.NumVar()) {}
+  unsigned int NumVar() const override { return inner_.NumVar(); }
+  double operator()(const double* x) override { return inner_(Shrink(x)); }
+  double operator()(const double* x, double* g) override {
+    const double f = inner_(Shrink(x), g);
+    for (unsigned int i = 0; i < NumVar(); ++i) g[i] /= c_;
+    return f;
+  }
+
+ private:
+  double* Shrink(const double* x) {
+    for (unsigned int i = 0; i < NumVar(); ++i) x_[i] = x[i] / c_;
+    return x_.data();
+  }
+  lxtest::Objective& inner_;
+  double c_;
+  std::vector<double> x_;
+};
+
+// Clusters of two and three atoms (where the surrogate pays; on larger
+// Lennard-Jones clusters it does not): the surrogate saves gradient calls
+// over the Cartesian model alone, and takes the same number with energies in
+// kcal/mol and with lengths in a unit 2.5 times smaller.
+TEST(GeometrySurrogate, SavesCallsOnTheSmallestClustersInAnyUnits) {
+  constexpr double kKcalPerEv = 23.0605;
+  constexpr double kStretch = 2.5;
+  constexpr double kTol = 1e-2;
+  const std::vector<std::vector<double>> starts = {
+      {0, 0, 0, 1.4, 0, 0},
+      {0, 0, 0, 1.3, 0.1, 0, 0.5, 1.2, 0.1},
+  };
+  for (const std::vector<double>& start : starts) {
+    SCOPED_TRACE(start.size());
+    lxtest::LennardJones cluster(static_cast<unsigned int>(start.size() / 3));
+    Scaled kcal(cluster, kKcalPerEv);
+    Stretched stretched(cluster, kStretch);
+    std::vector<double> far(start);
+    for (double& v : far) v *= kStretch;
+    LxBFGSOptimizer opt;
+    opt.SetCartesian(true);
+    const int plain = GradientCalls(opt, cluster, start, kTol);
+    opt.SetSurrogate(true);
+    EXPECT_TRUE(opt.GetSurrogate());
+    const int surrogate = GradientCalls(opt, cluster, start, kTol);
+    EXPECT_LT(surrogate, plain);
+    EXPECT_NEAR(GradientCalls(opt, kcal, start, kTol * kKcalPerEv), surrogate, 0.1 * surrogate);
+    EXPECT_NEAR(GradientCalls(opt, stretched, far, kTol / kStretch), surrogate, 0.1 * surrogate);
+  }
+}
+
+// With the surrogate on, the reports keep their form (one cycle line per
+// cycle but the last, a test state, the final state 11) and runs reach the
+// minimum, also on objectives the model describes badly (a valley, wells, a
+// kink smoothed over 1e-3 where its minima stop being lower and the line
+// search must take over).
+TEST(GeometrySurrogate, KeepsTheReportsAndFallsBackWhereTheModelFails) {
+  lxtest::LennardJones cluster(13);
+  lxtest::Rosenbrock valley;
+  lxtest::DoubleWells wells(4);
+  OneVariable kink([](double x) { return std::sqrt(x * x + 1e-6); },
+                   [](double x) { return x / std::sqrt(x * x + 1e-6); });
+  struct Case {
+    lxtest::Objective* f;
+    std::vector<double> start;
+    double tol;
+    bool fallsBack;
+  };
+  const std::vector<Case> cases = {
+      {&cluster, lxtest::PerturbedIcosahedron(0.08), 1e-4, false},
+      {&valley, {-1.2, 1.0}, 1e-6, false},
+      {&wells, {0.1, -0.3, 0.5, 1.0}, 1e-6, false},
+      {&kink, {3.0}, 1e-4, true},
+  };
+  for (const Case& c : cases) {
+    const unsigned int n = c.f->NumVar();
+    SCOPED_TRACE(n);
+    int calls[2];
+    for (bool surrogate : {false, true}) {
+      LxBFGSOptimizer opt;
+      opt.SetSurrogate(surrogate);
+      opt.SetTolerance(c.tol);
+      lxtest::Counting counted(*c.f);
+      CountingBFGSCheckpoint cp;
+      std::vector<double> ref(c.start), out(n), g(n);
+      cp.SetParams("f", ref.data(), n, nullptr, false, nullptr);
+      opt(counted, &cp, c.start.data(), out.data());
+      EXPECT_EQ(cp.GetLastState(), 11u);
+      EXPECT_EQ(cp.calls, cp.GetLastCycle() + 1);
+      (*c.f)(out.data(), g.data());
+      for (double gi : g) EXPECT_LE(std::fabs(gi), c.tol);
+      calls[surrogate] = counted.gradients;
+    }
+    // A model that keeps failing is given up after five cycles of at most
+    // two tries each.
+    if (c.fallsBack) {
+      EXPECT_LE(calls[1], calls[0] + 10);
+    }
+  }
+}
 
 // History steps on or off x an LxBFGSCheckpoint (handled in place) or a
 // class derived from it (called through its override).

@@ -72,7 +72,7 @@ double lxm_minimize(int method, int n, const double* x0, double* out, LxmCallbac
 }
 
 // method 0: LxBFGSOptimizer, 1: LxLBFGSOpt. settings: "tolerance=1e-10
-// iterlimit=100000 memory=8 cartesian=1 ...". Writes the final point to out
+// iterlimit=100000 memory=8 cartesian=1 surrogate=1 ...". Writes the final point to out
 // and returns the final value.
 extern "C" double lxm_minimize(int method, int n, const double* x0, double* out,
                                LxmCallback fg, const char* settings) {
@@ -85,6 +85,7 @@ extern "C" double lxm_minimize(int method, int n, const double* x0, double* out,
     opt.SetTolerance(tolerance);
     opt.SetIterLimit(limit);
     opt.SetCartesian(Setting(settings, "cartesian", 0) != 0);
+    opt.SetSurrogate(Setting(settings, "surrogate", 0) != 0);
     return opt(func, &LastRun(), x0, out);
   }
   LxOpt::LxLBFGSOpt opt;

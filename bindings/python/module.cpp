@@ -728,6 +728,9 @@ PYBIND11_MODULE(_lxopt, m) {
   geometry.def_property("max_atom_step", &LxBFGSOptimizer::GetMaxAtomStep,
                         &LxBFGSOptimizer::SetMaxAtomStep,
                         "Hard limit on any atom's move per trial (0: none).");
+  geometry.def_property("surrogate", &LxBFGSOptimizer::GetSurrogate,
+                        &LxBFGSOptimizer::SetSurrogate,
+                        "Try a Gaussian-process model's minimum first in each cycle.");
 
   py::class_<Anneal>(m, "Anneal")
       .def(py::init<double>(), py::arg("temperature") = 300.0)

@@ -165,6 +165,31 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //               span of the stored displacements (subspace step); either is
 //               taken only when it lowers the value. On the benchmark set
 //               both cost more evaluations than they save, hence off.
+//   surrogate   off by default (SetSurrogate): before the direction, the
+//               minimum of a Gaussian-process model of the objective is tried
+//               (the GPMin method of Garijo del Rio et al., J. Chem. Phys.
+//               150 (2019) 094107): squared-exponential kernel over values
+//               and gradients of the latest min(40, 800 / (n + 1)) points
+//               (at least 2), length l = 0.2 r_nn when n is a multiple of 3
+//               (the variables read as atoms; else 0.2 times the RMS variable,
+//               and no surrogate when that is 0), energy scale l |largest
+//               atomic gradient at the start|, prior mean the largest value
+//               seen, noise 4e-4 in these scaled units times the square root
+//               of the largest atomic gradient now over the one at the
+//               start. The model's mean is minimised from the current (best)
+//               point by an inner L-BFGS without calling the objective, the
+//               move capped at 2 l per atom; the point is taken when its value
+//               is lower (then the BFGS update follows as for a search), else
+//               added to the data and one more minimum tried; after two, or
+//               when the model predicts no decrease, the cycle goes on as
+//               without it. The surrogate is given up for the run after 5
+//               such cycles in a row, and once the model holds all the points
+//               it can keep. Off by default: it pays where one force call
+//               costs far more than the model's O((m n)^3) algebra, on small
+//               systems (a few atoms to a few tens, forces converged to a few
+//               percent of the starting ones); on Lennard-Jones clusters of
+//               13 atoms and more and on drug-like molecules it saves
+//               nothing.
 //
 // Thresholds by tolerance tol (n variables):
 //   tol > 0.1    value change e1 = 0.001, displacement e2 = 1e-4, c = sqrt(n + 1e-5)
@@ -260,6 +285,14 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // The limit as last set.
   double GetMaxAtomStep() const { return maxAtomStep_; }
 
+  // Surrogate steps for expensive objectives: each cycle first tries the
+  // minimum of a Gaussian-process model fitted to the values and gradients
+  // seen (see above), and takes the line search only when that point is not
+  // lower. Off by default.
+  void SetSurrogate(bool on) { surrogate_ = on; }
+  // The surrogate flag as last set.
+  bool GetSurrogate() const { return surrogate_; }
+
   // Remembers a point: fsave = f, gsave = g, ssave = s, xsave = x (n values).
   static void store(double f, double& fsave, double g, double& gsave, const double* x,
                     double* xsave, double s, double& ssave, std::size_t n);
@@ -288,6 +321,7 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   bool keepHessian_ = false;
   bool cartesian_ = false;
   double maxAtomStep_ = 0.0;
+  bool surrogate_ = false;
 };
 
 }  // namespace LxOpt

@@ -8,6 +8,7 @@
 #include "framework/run_record.h"
 #include "framework/internal.h"
 #include "geomopt/geom_internal.h"
+#include "geomopt/surrogate_step.h"
 #include "lxopt/geomopt.h"
 
 namespace LxOpt {
@@ -178,6 +179,11 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
   geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr,
                         cartesian_);
   if (maxAtomStep_ > 0.0 && std::isfinite(maxAtomStep_)) step.CapAtomStep(maxAtomStep_);
+  LxMallocaPtr surrogateBlock;
+  double* const surrogateScratch =
+      surrogate_ ? surrogateBlock.AllocateDoubles(geom::Surrogate::ScratchSize(n)) : nullptr;
+  geom::Surrogate surrogate(n, surrogateScratch);
+  if (surrogateScratch != nullptr) step.SetSurrogate(&surrogate);
 
   unsigned int iter = 0;
   double bestF = f_;

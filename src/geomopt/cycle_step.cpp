@@ -10,6 +10,7 @@
 #include "framework/internal.h"
 #include "geomopt/geom_internal.h"
 #include "geomopt/pair_model.h"
+#include "geomopt/surrogate_step.h"
 
 namespace LxOpt {
 namespace geom {
@@ -30,6 +31,14 @@ double Distance(const double* a, const double* b, unsigned int n) {
 constexpr unsigned int kModelPairs = 200;
 
 unsigned int ModelPairs(unsigned int n) { return std::min(n, kModelPairs); }
+
+// Model minima tried per cycle before the line search takes over; after
+// kSurrogateMisses cycles in a row where none was lower the model is given up
+// for the run (it cannot describe the objective), and so it is once the model
+// holds all the points it can: beyond that it sees too little of the path and
+// its steps shrink, while H has learnt from every step it took.
+constexpr unsigned int kSurrogateTries = 2;
+constexpr unsigned int kSurrogateMisses = 5;
 
 }  // namespace
 
@@ -78,6 +87,11 @@ StepStatus CycleStep::Take(double accuracy, double& displacement) {
   const double gg = detail::SquaredNorm(g_, n_);
   if (!std::isfinite(gg) || gg == 0.0) return StepStatus::kEnded;
   detail::Copy(x_, xStart_, n_);
+  if (surrogate_ != nullptr && surrogateMisses_ < kSurrogateMisses && !surrogate_->Full() &&
+      TrySurrogate()) {
+    displacement = Distance(x_, xStart_, n_);
+    return StepStatus::kLowered;
+  }
 
   MatXVec(h_, g_, dir_, n_);
   for (unsigned int i = 0; i < n_; ++i) dir_[i] = -dir_[i];
@@ -165,6 +179,43 @@ void CycleStep::RefreshModel() {
   }
   modelNearest_ = nearest;
   detail::Copy(x_, xModel_, n_);
+}
+
+void CycleStep::SetSurrogate(Surrogate* surrogate) {
+  surrogate_ = surrogate;
+  surrogateMisses_ = 0;
+  if (surrogate_ != nullptr) surrogate_->Start(x_, g_);
+}
+
+bool CycleStep::TrySurrogate() {
+  surrogate_->Add(x_, f_, g_);
+  for (unsigned int t = 0; t < kSurrogateTries; ++t) {
+    if (!surrogate_->Propose(x_, g_, xt_)) break;
+    if (radiusLimit_ > 0.0) PullWithinAtomStep();
+    detail::Zero(gt_, n_);
+    const double ft = func_(xt_, gt_);
+    if (ft < f_) {
+      detail::Copy(x_, xOld_, n_);
+      detail::Copy(g_, gOld_, n_);
+      detail::Copy(xt_, x_, n_);
+      detail::Copy(gt_, g_, n_);
+      f_ = ft;
+      Update();
+      if (model_ != nullptr && !fresh_) RefreshModel();
+      surrogateMisses_ = 0;
+      return true;
+    }
+    surrogate_->Add(xt_, ft, gt_);
+  }
+  ++surrogateMisses_;
+  return false;
+}
+
+void CycleStep::PullWithinAtomStep() {
+  for (unsigned int i = 0; i < n_; ++i) dir_[i] = xt_[i] - x_[i];
+  const double a = CappedStep(dir_, n_, radiusLimit_);
+  if (a >= 1.0) return;
+  for (unsigned int i = 0; i < n_; ++i) xt_[i] = x_[i] + a * dir_[i];
 }
 
 void CycleStep::TryHistoryStep() {

@@ -11,6 +11,8 @@
 namespace LxOpt {
 namespace geom {
 
+class Surrogate;
+
 // ------------------------------------------------ packed inverse Hessian
 // Lower triangle by rows: element (i, j), j <= i, at i (i + 1) / 2 + j.
 
@@ -161,6 +163,11 @@ class CycleStep {
   CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double& f, double* scratch,
             History* history, bool cartesian);
 
+  // With a surrogate (surrogate_step.h), each cycle first tries the minimum
+  // of the model fitted to the points seen, and falls back to the line
+  // search when that point is not lower.
+  void SetSurrogate(Surrogate* surrogate);
+
   // One cycle. On kLowered, displacement = |x_new - x_old|.
   StepStatus Take(double accuracy, double& displacement);
 
@@ -186,6 +193,11 @@ class CycleStep {
   // restart (Shanno-Phua) and self-scales it in the first n updates.
   void Update();
   void TryHistoryStep();
+  // Up to kSurrogateTries model minima; true once one is lower (and taken).
+  bool TrySurrogate();
+  // Moves the trial point xt toward x until no atom moves farther than the
+  // hard limit (uses dir as scratch).
+  void PullWithinAtomStep();
   // Moves to xTrial (in xt) when its value is lower than f.
   bool TryPoint();
 
@@ -195,6 +207,8 @@ class CycleStep {
   double* g_;
   double& f_;
   History* history_;
+  Surrogate* surrogate_ = nullptr;
+  unsigned int surrogateMisses_ = 0;  // cycles in a row the surrogate found nothing lower
   double* h_;
   double* dir_;
   double* xStart_;

@@ -149,5 +149,9 @@ void PackedPairModelInverse(const double* model, unsigned int n, double* h, doub
   }
 }
 
+double MeanNearestDistance(const double* x, unsigned int n) {
+  return n >= 6 && n % 3 == 0 ? NearestNeighbourDistance(x, n / 3) : 0.0;
+}
+
 }  // namespace geom
 }  // namespace LxOpt

@@ -33,6 +33,10 @@ void SolvePairModel(const double* model, unsigned int n, double* v);
 // Writes P^-1 packed (lower triangle by rows) into h; work: n doubles.
 void PackedPairModelInverse(const double* model, unsigned int n, double* h, double* work);
 
+// Mean over atoms of the distance to the nearest other atom; 0 when n is not
+// a multiple of 3 or there are fewer than two atoms.
+double MeanNearestDistance(const double* x, unsigned int n);
+
 }  // namespace geom
 }  // namespace LxOpt
 

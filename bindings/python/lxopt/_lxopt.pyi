@@ -54,6 +54,7 @@ class Geometry(_Optimizer):
     history: bool
     cartesian: bool
     max_atom_step: float
+    surrogate: bool
     def inverse_hessian(self, n: int) -> Optional[Vector]: ...
 
 class Anneal(_Optimizer):
