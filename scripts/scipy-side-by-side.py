@@ -12,10 +12,10 @@ import numpy as np
 import scipy
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-spec = importlib.util.spec_from_file_location(
+module_source = importlib.util.spec_from_file_location(
     "cases", ROOT / "bindings" / "python" / "tests" / "test_minimize.py")
-cases = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(cases)
+cases = importlib.util.module_from_spec(module_source)
+module_source.loader.exec_module(cases)
 
 
 def gradient(name, x):
