@@ -35,7 +35,7 @@ void RelaxCluster(const Options&) {
   LxOpt::LxSetMessageSink(previous);
   std::printf("  LJ13 from a perturbed icosahedron: E = %.6f (known minimum %.6f), "
               "state %s\n",
-              e, cluster.FStar(), LxOpt::LxGetStateName(checkpoint.GetLastState()));
+              e, cluster.FStar(), LxOpt::LxGetStateName(opt.LastRun().state));
 }
 
 LxOpt::LxBFGSOptimizer Configured() {

@@ -59,24 +59,16 @@ class Plane : public LxOpt::LxConstrFunc {
   unsigned int NumVar() const override { return 3; }
 };
 
-// Remembers the last report; prints every one with --trace.
-class LastState : public LxOpt::LxCheckpoint1 {
+// Prints every report (used with --trace).
+class TraceReports : public LxOpt::LxCheckpoint1 {
  public:
   using LxOpt::LxCheckpoint1::operator();
-  explicit LastState(bool trace) : trace_(trace) {}
   bool operator()(unsigned int iter, unsigned int, double fval, double gnorm, const double*,
                   const double*, unsigned int s) override {
-    if (trace_)
-      std::printf("    iter %4u  f = %-+14.8e  rms = %-12.5e  %s\n", iter, fval, gnorm,
-                  LxOpt::LxGetStateName(s));
-    state = s;
-    iterations = iter;
+    std::printf("    iter %4u  f = %-+14.8e  rms = %-12.5e  %s\n", iter, fval, gnorm,
+                LxOpt::LxGetStateName(s));
     return true;
   }
-  unsigned int state = 0, iterations = 0;
-
- private:
-  bool trace_;
 };
 
 Vec3 Scaled(const Vec3& v, double s) { return {v[0] * s, v[1] * s, v[2] * s}; }
@@ -92,10 +84,11 @@ void RunCase(const char* name, const Vec3& p, std::vector<LxOpt::LxConstrFunc*> 
   LxOpt::LxNewtonConstrOpt opt;
   opt.SetTolerance(1e-8);
   for (LxOpt::LxConstrFunc* c : constraints) opt.Add(*c);
-  LastState last(options.trace);
+  TraceReports trace;
   const double start[] = {0.5, 0.5, 0.5};
   Vec3 x{};
-  const double value = opt(f, &last, start, x.data());
+  const double value = opt(f, options.trace ? &trace : nullptr, start, x.data());
+  const LxOpt::LxRunSummary& last = opt.LastRun();
   double worst = 0.0;
   std::vector<double> grad(3);
   for (LxOpt::LxConstrFunc* c : constraints) worst = std::fmax(worst, std::fabs((*c)(x.data(), grad.data())));
