@@ -195,12 +195,7 @@ bool CycleStep::TrySurrogate() {
     detail::Zero(gt_, n_);
     const double ft = func_(xt_, gt_);
     if (ft < f_) {
-      detail::Copy(x_, xOld_, n_);
-      detail::Copy(g_, gOld_, n_);
-      detail::Copy(xt_, x_, n_);
-      detail::Copy(gt_, g_, n_);
-      f_ = ft;
-      Update();
+      AcceptTrial(ft);
       if (model_ != nullptr && !fresh_) RefreshModel();
       surrogateMisses_ = 0;
       return true;
@@ -209,6 +204,15 @@ bool CycleStep::TrySurrogate() {
   }
   ++surrogateMisses_;
   return false;
+}
+
+void CycleStep::AcceptTrial(double ft) {
+  detail::Copy(x_, xOld_, n_);
+  detail::Copy(g_, gOld_, n_);
+  detail::Copy(xt_, x_, n_);
+  detail::Copy(gt_, g_, n_);
+  f_ = ft;
+  Update();
 }
 
 void CycleStep::PullWithinAtomStep() {
@@ -228,12 +232,7 @@ bool CycleStep::TryPoint() {
   detail::Zero(gt_, n_);
   const double ft = func_(xt_, gt_);
   if (!(ft < f_)) return false;
-  detail::Copy(x_, xOld_, n_);
-  detail::Copy(g_, gOld_, n_);
-  detail::Copy(xt_, x_, n_);
-  detail::Copy(gt_, g_, n_);
-  f_ = ft;
-  Update();
+  AcceptTrial(ft);
   PushHistory(*history_, x_, g_);
   return true;
 }

@@ -195,6 +195,9 @@ class CycleStep {
   void TryHistoryStep();
   // Up to kSurrogateTries model minima; true once one is lower (and taken).
   bool TrySurrogate();
+  // Takes the evaluated trial point (xt, ft, gt) as the new point and
+  // updates the inverse Hessian with the step.
+  void AcceptTrial(double ft);
   // Moves the trial point xt toward x until no atom moves farther than the
   // hard limit (uses dir as scratch).
   void PullWithinAtomStep();
