@@ -9,7 +9,7 @@ FUZZ_SECONDS ?= 60
 JOBS        ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test sanitize bench install clean python fuzz tsan memcheck
+.PHONY: all deps build demo test sanitize bench install clean python fuzz tsan memcheck format format-check
 
 all: build
 
@@ -95,3 +95,13 @@ install: build
 
 clean:
 	rm -rf $(BUILD) $(SAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD) $(TSAN_BUILD) $(MEMCHECK_BUILD)
+
+# clang-format (.clang-format) over every C++ file the repository tracks.
+FORMAT_FILES = git ls-files '*.cpp' '*.h'
+format:
+	@bash scripts/install-deps.sh clang-format
+	$(FORMAT_FILES) | xargs clang-format -i
+
+format-check:
+	@bash scripts/install-deps.sh clang-format
+	$(FORMAT_FILES) | xargs clang-format --dry-run --Werror

@@ -89,8 +89,8 @@ struct LineCall {
   }
   bool Run() {
     double fval = f0, step = 0.05;
-    return lm(static_cast<unsigned int>(x0.size()), x0.data(), dir.data(), g0.data(),
-              gOut.data(), &fval, &step, f);
+    return lm(static_cast<unsigned int>(x0.size()), x0.data(), dir.data(), g0.data(), gOut.data(),
+              &fval, &step, f);
   }
   CheapQuadratic f;
   LineMin lm;
@@ -140,8 +140,7 @@ void BM_Optimizer(benchmark::State& state) {
     opt(f, start.data(), out.data());
     benchmark::ClobberMemory();
   }
-  state.counters["evals/iter"] =
-      double(f.evaluations) / double(state.iterations()) / kIterations;
+  state.counters["evals/iter"] = double(f.evaluations) / double(state.iterations()) / kIterations;
 }
 
 template <class Opt>
@@ -155,8 +154,7 @@ void BM_Optimizer_Baseline(benchmark::State& state) {
   const long evaluations = RunOptimizer(opt, f, start, out);
   Passes passes(n);
   for (auto _ : state)
-    benchmark::DoNotOptimize(
-        passes.Run(evaluations, 3 * kIterations, 2 * kIterations));
+    benchmark::DoNotOptimize(passes.Run(evaluations, 3 * kIterations, 2 * kIterations));
 }
 
 void Sizes(benchmark::internal::Benchmark* b) {

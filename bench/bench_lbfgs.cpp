@@ -86,7 +86,10 @@ void BM_LBFGSIteration(benchmark::State& state) {
   }
 }
 
-BENCHMARK(BM_LBFGSIteration)->Arg(100000)->Arg(1000000)->UseManualTime()
+BENCHMARK(BM_LBFGSIteration)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
 // Counts value-and-gradient evaluations of the wrapped objective.
@@ -171,8 +174,8 @@ std::vector<double> PerturbedFcc(unsigned int atoms) {
   return x;
 }
 
-void Report(benchmark::State& state, const char* name, LxOpt::LxOptimizer1& opt,
-            LxOpt::LxFunc1& f, const std::vector<double>& start) {
+void Report(benchmark::State& state, const char* name, LxOpt::LxOptimizer1& opt, LxOpt::LxFunc1& f,
+            const std::vector<double>& start) {
   Counted counted(f);
   std::vector<double> out(start.size());
   const double energy = opt(counted, start.data(), out.data());

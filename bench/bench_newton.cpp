@@ -4,8 +4,8 @@
 // One iteration = a run with iteration limit 2 minus a run with limit 1, both
 // without preconditioning: the second iteration of a run, whose storage the
 // first one has already touched, as every later one finds it. "Healthy": a
-// diagonally dominant SPD Hessian, no pivot is repaired. "Repaired": n/50 diagonal entries are -2n, so that many pivots
-// are negative and the factorization is rebuilt and factorized again. The
+// diagonally dominant SPD Hessian, no pivot is repaired. "Repaired": n/50 diagonal entries are -2n,
+// so that many pivots are negative and the factorization is rebuilt and factorized again. The
 // objective is a dense quadratic (value and gradient cost O(n^2)).
 // Each benchmark reports the fastest baseline (ldlt_ms), one iteration
 // (iteration_ms) and their ratio, all in thread CPU time.
@@ -116,13 +116,14 @@ void Compare(benchmark::State& state, bool indefinite) {
 
   double best[3] = {1e300, 1e300, 1e300};
   for (auto _ : state) {
-    const double t[3] = {Timed([&] {
-                           ldlt.compute(shifted);
-                           x = ldlt.solve(b);
-                           benchmark::DoNotOptimize(x.data());
-                         }),
-                         Timed([&] { benchmark::DoNotOptimize(one(func, nullptr, start.data(), out.data())); }),
-                         Timed([&] { benchmark::DoNotOptimize(two(func, nullptr, start.data(), out.data())); })};
+    const double t[3] = {
+        Timed([&] {
+          ldlt.compute(shifted);
+          x = ldlt.solve(b);
+          benchmark::DoNotOptimize(x.data());
+        }),
+        Timed([&] { benchmark::DoNotOptimize(one(func, nullptr, start.data(), out.data())); }),
+        Timed([&] { benchmark::DoNotOptimize(two(func, nullptr, start.data(), out.data())); })};
     for (int i = 0; i < 3; ++i) best[i] = std::min(best[i], t[i]);
     state.SetIterationTime(1e-3 * (t[0] + t[1] + t[2]));
   }
@@ -132,14 +133,18 @@ void Compare(benchmark::State& state, bool indefinite) {
   state.counters["ratio"] = iteration / best[0];
 }
 
-void BM_HealthyIterationVsLdlt(benchmark::State& state) { Compare(state, false); }
-void BM_RepairedIterationVsLdlt(benchmark::State& state) { Compare(state, true); }
+void BM_HealthyIterationVsLdlt(benchmark::State& state) {
+  Compare(state, false);
+}
+void BM_RepairedIterationVsLdlt(benchmark::State& state) {
+  Compare(state, true);
+}
 
 // Goal: ratio <= 1.2 for a healthy iteration, <= 2.3 for a repaired one.
-#define LXOPT_BENCH_SIZES(bm)                                                                   \
-  BENCHMARK(bm)->Unit(benchmark::kMillisecond)->UseManualTime()->Arg(250)->Iterations(60);  \
-  BENCHMARK(bm)->Unit(benchmark::kMillisecond)->UseManualTime()->Arg(500)->Iterations(20);  \
-  BENCHMARK(bm)->Unit(benchmark::kMillisecond)->UseManualTime()->Arg(1000)->Iterations(8);  \
+#define LXOPT_BENCH_SIZES(bm)                                                              \
+  BENCHMARK(bm)->Unit(benchmark::kMillisecond)->UseManualTime()->Arg(250)->Iterations(60); \
+  BENCHMARK(bm)->Unit(benchmark::kMillisecond)->UseManualTime()->Arg(500)->Iterations(20); \
+  BENCHMARK(bm)->Unit(benchmark::kMillisecond)->UseManualTime()->Arg(1000)->Iterations(8); \
   BENCHMARK(bm)->Unit(benchmark::kMillisecond)->UseManualTime()->Arg(2000)->Iterations(3)
 
 LXOPT_BENCH_SIZES(BM_HealthyIterationVsLdlt);

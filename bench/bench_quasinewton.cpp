@@ -80,10 +80,18 @@ void BM_MatrixPass(benchmark::State& state) {
 }
 
 BENCHMARK(BM_BFGSIteration)
-    ->Arg(500)->Arg(1000)->Arg(2000)->Arg(4000)
-    ->UseManualTime()->Unit(benchmark::kMillisecond);
+    ->Arg(500)
+    ->Arg(1000)
+    ->Arg(2000)
+    ->Arg(4000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MatrixPass)
-    ->Arg(500)->Arg(1000)->Arg(2000)->Arg(4000)
-    ->UseManualTime()->Unit(benchmark::kMillisecond);
+    ->Arg(500)
+    ->Arg(1000)
+    ->Arg(2000)
+    ->Arg(4000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

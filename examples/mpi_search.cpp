@@ -31,7 +31,8 @@ constexpr std::uint32_t kSeed = 2026u;
 // 5^3 wells of different depths in [-4, 4]^3, each evaluation costing a sleep.
 class CostlyWells : public LxOpt::LxFunc1 {
  public:
-  explicit CostlyWells(double sleepMs) : sleep_(std::chrono::microseconds(static_cast<long>(sleepMs * 1000))) {}
+  explicit CostlyWells(double sleepMs)
+      : sleep_(std::chrono::microseconds(static_cast<long>(sleepMs * 1000))) {}
   using LxOpt::LxFunc1::operator();
   unsigned int NumVar() const override { return kNumVar; }
   double operator()(const double* x) override {
@@ -132,8 +133,16 @@ int RunSerial(const Options& o) {
 
 // The same search and Hessian over all ranks; rank 0 reports.
 int RunDistributed(const Options& o) {
-  const int rank = [] { int r = 0; MPI_Comm_rank(MPI_COMM_WORLD, &r); return r; }();
-  const int size = [] { int s = 1; MPI_Comm_size(MPI_COMM_WORLD, &s); return s; }();
+  const int rank = [] {
+    int r = 0;
+    MPI_Comm_rank(MPI_COMM_WORLD, &r);
+    return r;
+  }();
+  const int size = [] {
+    int s = 1;
+    MPI_Comm_size(MPI_COMM_WORLD, &s);
+    return s;
+  }();
   CostlyWells func(o.sleepMs);
   GetRandomVariablesGeneral generator;
   LxOpt::LxMinfinder::LxMpiMinfinder finder;

@@ -62,10 +62,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   std::unique_ptr<LxOpt::LxCoordQuatAdapt1> adaptor;
   switch (in.Below(4)) {
-    case 0: adaptor.reset(new LxOpt::LxCoordQuatAdapt1(field, reference.data())); break;
-    case 1: adaptor.reset(new LxOpt::LxCoordQuatAdapt1(field, reference)); break;
-    case 2: adaptor.reset(new LxOpt::LxCoordQuatAdapt1(&field, reference.data())); break;
-    default: adaptor.reset(new LxOpt::LxCoordQuatAdapt1(&field, reference)); break;
+    case 0:
+      adaptor.reset(new LxOpt::LxCoordQuatAdapt1(field, reference.data()));
+      break;
+    case 1:
+      adaptor.reset(new LxOpt::LxCoordQuatAdapt1(field, reference));
+      break;
+    case 2:
+      adaptor.reset(new LxOpt::LxCoordQuatAdapt1(&field, reference.data()));
+      break;
+    default:
+      adaptor.reset(new LxOpt::LxCoordQuatAdapt1(&field, reference));
+      break;
   }
   Check(adaptor->NumVar() == 7, "the adaptor has seven variables");
 
@@ -73,17 +81,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (unsigned int k = 0; k < operations && in.Remaining() > 0; ++k) {
     std::vector<double> v = Pose(in);
     switch (in.Below(6)) {
-      case 0: (*adaptor)(v.data()); break;
+      case 0:
+        (*adaptor)(v.data());
+        break;
       case 1: {
         std::vector<double> grad(7, 0.0);
         const double f = (*adaptor)(v.data(), grad.data());
         const bool zeroQuaternion = v[0] == 0.0 && v[1] == 0.0 && v[2] == 0.0 && v[3] == 0.0;
         if (zeroQuaternion) {
-          Check(f == 0.0 && grad == std::vector<double>(7, 0.0), "zero quaternion: 0 and zero gradient");
+          Check(f == 0.0 && grad == std::vector<double>(7, 0.0),
+                "zero quaternion: 0 and zero gradient");
         }
         break;
       }
-      case 2: adaptor->GetFComponents(v.data()); break;
+      case 2:
+        adaptor->GetFComponents(v.data());
+        break;
       case 3: {
         std::vector<double> coords = reference;
         if (in.Bool()) {

@@ -45,7 +45,9 @@ class Bytes {
 
   std::uint8_t U8() { return pos_ < size_ ? data_[pos_++] : 0; }
   std::uint16_t U16() { return static_cast<std::uint16_t>(U8() | (U8() << 8)); }
-  std::uint32_t U32() { return static_cast<std::uint32_t>(U16()) | (static_cast<std::uint32_t>(U16()) << 16); }
+  std::uint32_t U32() {
+    return static_cast<std::uint32_t>(U16()) | (static_cast<std::uint32_t>(U16()) << 16);
+  }
   bool Bool() { return (U8() & 1u) != 0; }
   // A value in [0, count); 0 when count is 0.
   unsigned int Below(unsigned int count) {
@@ -70,10 +72,16 @@ class Bytes {
   // A convergence threshold: the usual ones, and zero, negative, not a number,
   // infinite and tiny ones.
   double Tolerance() {
-    static const double kTolerances[] = {0.1, 1e-8, 1e-3, 0.0, -1.0,
+    static const double kTolerances[] = {0.1,
+                                         1e-8,
+                                         1e-3,
+                                         0.0,
+                                         -1.0,
                                          std::numeric_limits<double>::quiet_NaN(),
                                          std::numeric_limits<double>::infinity(),
-                                         1e-300, 1e6, 1e-12};
+                                         1e-300,
+                                         1e6,
+                                         1e-12};
     const std::uint8_t kind = U8();
     if (kind < 200) return kTolerances[kind % 10];
     return Number();
@@ -110,10 +118,10 @@ enum class Poison : std::uint8_t {
   kNaNValue,
   kPlusInfValue,
   kMinusInfValue,
-  kHugeValue,         // 1e300
-  kNaNGradient,       // one gradient component not a number
-  kWrongGradient,     // the gradient negated: it does not match the values
-  kInfGradient,       // one gradient component infinite
+  kHugeValue,      // 1e300
+  kNaNGradient,    // one gradient component not a number
+  kWrongGradient,  // the gradient negated: it does not match the values
+  kInfGradient,    // one gradient component infinite
   kCount
 };
 
@@ -130,9 +138,9 @@ class Polynomial : public LxOpt::LxFunc2 {
 
   struct Term {
     double coef;
-    unsigned int count;        // factors, 1..3
+    unsigned int count;  // factors, 1..3
     unsigned int var[3];
-    unsigned int power[3];     // 1..4
+    unsigned int power[3];  // 1..4
   };
 
   Polynomial(Bytes& in, unsigned int n, std::uint64_t budget) : n_(n), budget_(budget) {
@@ -200,7 +208,8 @@ class Polynomial : public LxOpt::LxFunc2 {
           // Ordered pairs of factors; distinct variables once (lower triangle).
           if (l == k || t.var[k] < t.var[l]) continue;
           hessian[Packed(t.var[k], t.var[l])] += t.coef * FactorDerivative(t, k, x) *
-                                                 FactorDerivative(t, l, x) * OtherFactors(t, k, l, x);
+                                                 FactorDerivative(t, l, x) *
+                                                 OtherFactors(t, k, l, x);
         }
       }
     }
@@ -246,28 +255,39 @@ class Polynomial : public LxOpt::LxFunc2 {
   }
   static double FactorSecondDerivative(const Term& t, unsigned int k, const double* x) {
     if (t.power[k] < 2) return 0.0;
-    return t.power[k] * (t.power[k] - 1.0) * std::pow(x[t.var[k]], static_cast<int>(t.power[k]) - 2);
+    return t.power[k] * (t.power[k] - 1.0) *
+           std::pow(x[t.var[k]], static_cast<int>(t.power[k]) - 2);
   }
 
   double PoisonValue(bool poisoned, double f) const {
     if (!poisoned) return f;
     switch (poison_) {
-      case Poison::kNaNValue: return std::numeric_limits<double>::quiet_NaN();
-      case Poison::kPlusInfValue: return std::numeric_limits<double>::infinity();
-      case Poison::kMinusInfValue: return -std::numeric_limits<double>::infinity();
-      case Poison::kHugeValue: return 1e300;
-      default: return f;
+      case Poison::kNaNValue:
+        return std::numeric_limits<double>::quiet_NaN();
+      case Poison::kPlusInfValue:
+        return std::numeric_limits<double>::infinity();
+      case Poison::kMinusInfValue:
+        return -std::numeric_limits<double>::infinity();
+      case Poison::kHugeValue:
+        return 1e300;
+      default:
+        return f;
     }
   }
   void PoisonGradient(double* grad) const {
     if (n_ == 0) return;
     switch (poison_) {
-      case Poison::kNaNGradient: grad[poisonIndex_] = std::numeric_limits<double>::quiet_NaN(); break;
-      case Poison::kInfGradient: grad[poisonIndex_] = std::numeric_limits<double>::infinity(); break;
+      case Poison::kNaNGradient:
+        grad[poisonIndex_] = std::numeric_limits<double>::quiet_NaN();
+        break;
+      case Poison::kInfGradient:
+        grad[poisonIndex_] = std::numeric_limits<double>::infinity();
+        break;
       case Poison::kWrongGradient:
         for (unsigned int i = 0; i < n_; ++i) grad[i] = -grad[i];
         break;
-      default: break;
+      default:
+        break;
     }
   }
 
@@ -328,7 +348,9 @@ class StoppingCheckpoint : public LxOpt::LxCheckpoint1 {
 inline std::unique_ptr<LxOpt::LxLineMinimize> MakeLineMinimizer(Bytes& in, unsigned int n) {
   std::unique_ptr<LxOpt::LxLineMinimize> lm;
   switch (in.Below(4)) {
-    case 0: lm.reset(new LxOpt::LxCGLineMinimize()); break;
+    case 0:
+      lm.reset(new LxOpt::LxCGLineMinimize());
+      break;
     case 1:
       if (in.Bool()) {
         lm.reset(new LxOpt::LxQNLineMinimize());
@@ -344,11 +366,14 @@ inline std::unique_ptr<LxOpt::LxLineMinimize> MakeLineMinimizer(Bytes& in, unsig
       } else {
         std::vector<double> limits(in.Below(n + 2) + 1);
         for (double& l : limits) l = in.Bool() ? 0.0 : in.Number();
-        lm.reset(new LxOpt::LxMaxStepLineMinimize(limits.data(), static_cast<unsigned int>(limits.size())));
+        lm.reset(new LxOpt::LxMaxStepLineMinimize(limits.data(),
+                                                  static_cast<unsigned int>(limits.size())));
       }
       break;
     }
-    default: lm.reset(new LxOpt::LxNRLineSearch(in.Below(3))); break;
+    default:
+      lm.reset(new LxOpt::LxNRLineSearch(in.Below(3)));
+      break;
   }
   if (in.Below(4) == 0 && n > 0) {
     std::vector<double> x(n);

@@ -28,9 +28,12 @@ struct Outcome {
   std::uint64_t evaluations;
 };
 
-bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool SameBits(double a, double b) {
+  return std::memcmp(&a, &b, sizeof a) == 0;
+}
 bool SameBits(const std::vector<double>& a, const std::vector<double>& b) {
-  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0);
+  return a.size() == b.size() &&
+         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0);
 }
 
 }  // namespace
@@ -66,7 +69,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<double> dir(n);
   const unsigned int dirKind = in.Below(4);
   for (unsigned int i = 0; i < n; ++i) {
-    dir[i] = dirKind == 0 ? in.Number() : dirKind == 1 ? 0.0 : -grad0[i] * (dirKind == 2 ? 1.0 : -1.0);
+    dir[i] = dirKind == 0   ? in.Number()
+             : dirKind == 1 ? 0.0
+                            : -grad0[i] * (dirKind == 2 ? 1.0 : -1.0);
   }
   const double step = in.Below(4) == 0 ? in.Number() : 1.0 / (1.0 + std::sqrt(std::fabs(fval)));
 
@@ -74,7 +79,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Outcome o{false, fval, step, dir, std::vector<double>(n, -7.0), 0};
     std::vector<double> point = x0, g0 = grad0;
     const std::uint64_t before = objective.Evaluations();
-    o.ok = search(n, point.data(), o.dir.data(), g0.data(), o.gradOut.data(), &o.fval, &o.step, objective);
+    o.ok = search(n, point.data(), o.dir.data(), g0.data(), o.gradOut.data(), &o.fval, &o.step,
+                  objective);
     o.evaluations = objective.Evaluations() - before;
     Check(SameBits(point, x0), "line minimizer left x0 alone");
     Check(SameBits(g0, grad0), "line minimizer left grad0 alone");
@@ -86,7 +92,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // counts as a decrease; success only rules out a value at or above entry.
   // The backtracking search accepts f <= f0 + 1e-4 a slope0 (equality with a
   // zero slope) and re-evaluates the accepted point, so it is left out.
-  if (first.ok && !backtracking) Check(!(first.fval >= fval), "success means no value at or above the entry value");
+  if (first.ok && !backtracking)
+    Check(!(first.fval >= fval), "success means no value at or above the entry value");
   if (!first.ok && !backtracking) {
     Check(SameBits(first.fval, fval), "failure keeps fval");
     if (!marching) Check(SameBits(first.step, step), "failure keeps step");
@@ -99,9 +106,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (backtracking) return 0;
   std::unique_ptr<LxOpt::LxLineMinimize> copy(lm->CreateCopy());
   const Outcome second = call(*copy, twin);
-  Check(first.ok == second.ok && SameBits(first.fval, second.fval) && SameBits(first.step, second.step) &&
-            SameBits(first.gradOut, second.gradOut) && SameBits(first.dir, second.dir) &&
-            first.evaluations == second.evaluations,
+  Check(first.ok == second.ok && SameBits(first.fval, second.fval) &&
+            SameBits(first.step, second.step) && SameBits(first.gradOut, second.gradOut) &&
+            SameBits(first.dir, second.dir) && first.evaluations == second.evaluations,
         "a copy repeats the search exactly");
   return 0;
 }

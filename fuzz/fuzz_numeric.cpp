@@ -16,17 +16,23 @@ using lxfuzz::Check;
 constexpr unsigned int kMaxGradientVariables = 300;
 constexpr unsigned int kMaxHessianVariables = 40;  // n (n + 1) gradients
 
-double Step(Bytes& in, double usual) { return in.Below(3) == 0 ? in.Number() : usual; }
+double Step(Bytes& in, double usual) {
+  return in.Below(3) == 0 ? in.Number() : usual;
+}
 
 // A record as DifferentialGradients makes it, or a hand-made one whose
 // arrays may be short or empty.
-LxOpt::GradDiff Record(Bytes& in, LxOpt::LxFunc1& func, const std::vector<double>& x, unsigned int n) {
+LxOpt::GradDiff Record(Bytes& in, LxOpt::LxFunc1& func, const std::vector<double>& x,
+                       unsigned int n) {
   if (in.Bool()) {
     const unsigned int index = in.Below(n + 2);
-    LxOpt::GradDiff r = LxOpt::DifferentialGradients(func, x.data(), index, Step(in, LxOpt::kLxHessianStep));
+    LxOpt::GradDiff r =
+        LxOpt::DifferentialGradients(func, x.data(), index, Step(in, LxOpt::kLxHessianStep));
     const bool failed = r.gplus.empty() && r.gminus.empty();
-    Check(r.index == index && failed == (index >= n), "DifferentialGradients fails exactly outside the range");
-    if (!failed) Check(r.gplus.size() == n && r.gminus.size() == n, "a record holds two gradients of n");
+    Check(r.index == index && failed == (index >= n),
+          "DifferentialGradients fails exactly outside the range");
+    if (!failed)
+      Check(r.gplus.size() == n && r.gminus.size() == n, "a record holds two gradients of n");
     return r;
   }
   LxOpt::GradDiff r;
@@ -65,7 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       // (not rejected by the function), so it is skipped.
       const unsigned int row = in.Below(n + 2), column = in.Below(n + 2);
       const unsigned int r = row > column ? row : column;
-      if (r != n) LxOpt::NumericHessianElement(func, x.data(), row, column, Step(in, LxOpt::kLxHessianStep));
+      if (r != n)
+        LxOpt::NumericHessianElement(func, x.data(), row, column, Step(in, LxOpt::kLxHessianStep));
       break;
     }
     case 3: {

@@ -18,21 +18,37 @@ namespace {
 using lxfuzz::Bytes;
 
 enum Choice : unsigned int {
-  kSteepest, kConjGrad, kFletcherReeves, kPolakRibiere, kHestenesStiefel, kBFGS, kBFGSMod,
-  kDFP, kLBFGS, kGeometry, kNewton, kNewtonConstr, kAnnealing, kChoices
+  kSteepest,
+  kConjGrad,
+  kFletcherReeves,
+  kPolakRibiere,
+  kHestenesStiefel,
+  kBFGS,
+  kBFGSMod,
+  kDFP,
+  kLBFGS,
+  kGeometry,
+  kNewton,
+  kNewtonConstr,
+  kAnnealing,
+  kChoices
 };
 
 // Dense-matrix optimizers keep n smaller; Newton factorises n x n each step.
 unsigned int SizeCap(unsigned int choice) {
   switch (choice) {
     case kNewton:
-    case kNewtonConstr: return 24;
-    case kAnnealing: return 12;
+    case kNewtonConstr:
+      return 24;
+    case kAnnealing:
+      return 12;
     case kBFGS:
     case kBFGSMod:
     case kDFP:
-    case kGeometry: return 120;
-    default: return 300;
+    case kGeometry:
+      return 120;
+    default:
+      return 300;
   }
 }
 
@@ -62,7 +78,8 @@ void Run(Opt& opt, Func& func, Bytes& in, unsigned int n) {
     std::vector<double> out(n);
     const bool inPlace = in.Bool();
     const bool withCheckpoint = in.Below(4) != 0;
-    opt(func, withCheckpoint ? &checkpoint : nullptr, start.data(), inPlace ? start.data() : out.data());
+    opt(func, withCheckpoint ? &checkpoint : nullptr, start.data(),
+        inPlace ? start.data() : out.data());
   }
 }
 
@@ -195,7 +212,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       Run(opt, func, in, n);
       break;
     }
-    default: break;
+    default:
+      break;
   }
   return 0;
 }

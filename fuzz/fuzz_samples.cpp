@@ -84,7 +84,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         double y = 0.0;
         const bool gotX = store.getX(x, i), gotY = store.getY(y, i), gotG = store.getGrad(g, i);
         const bool ok = gotX && gotY && gotG;
-        Check(ok == (i < points) && gotX == gotY && gotY == gotG, "reads succeed exactly below the count");
+        Check(ok == (i < points) && gotX == gotY && gotY == gotG,
+              "reads succeed exactly below the count");
         if (ok) Check(x.size() == n && g.size() == n, "reads give n values");
         break;
       }
@@ -124,7 +125,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (found) Check(index < points, "haveItAlready index in range");
         break;
       }
-      case 8: store.updateEllipsoidParemetersRt(Vector(in, n), Vector(in, n)); break;
+      case 8:
+        store.updateEllipsoidParemetersRt(Vector(in, n), Vector(in, n));
+        break;
       case 9: {
         const std::vector<double> s = Vector(in, n), m = Vector(in, n);
         store.updateMinima(s, m, in.Bool() ? i : in.U32());

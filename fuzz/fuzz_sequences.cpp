@@ -28,19 +28,31 @@ namespace {
 using lxfuzz::Bytes;
 using lxfuzz::Check;
 
-enum Choice : unsigned int { kBFGS, kBFGSMod, kDFP, kGeometry, kNewton, kNewtonConstr, kFinder, kChoices };
+enum Choice : unsigned int {
+  kBFGS,
+  kBFGSMod,
+  kDFP,
+  kGeometry,
+  kNewton,
+  kNewtonConstr,
+  kFinder,
+  kChoices
+};
 
 constexpr unsigned int kMaxOperations = 16;
-constexpr unsigned int kDenseCap = 40;   // variables of the dense quasi-Newton runs
-constexpr unsigned int kNewtonCap = 12;  // Newton factorises n x n every step
-constexpr unsigned int kFinderCap = 5;   // the finder runs many local searches
+constexpr unsigned int kDenseCap = 40;      // variables of the dense quasi-Newton runs
+constexpr unsigned int kNewtonCap = 12;     // Newton factorises n x n every step
+constexpr unsigned int kFinderCap = 5;      // the finder runs many local searches
 constexpr std::uint64_t kMaxBudget = 1500;  // evaluations before an objective turns flat
 
 bool SameBits(const std::vector<double>& a, const std::vector<double>& b) {
-  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0);
+  return a.size() == b.size() &&
+         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0);
 }
 
-std::size_t Packed(unsigned int m) { return static_cast<std::size_t>(m) * (m + 1) / 2; }
+std::size_t Packed(unsigned int m) {
+  return static_cast<std::size_t>(m) * (m + 1) / 2;
+}
 
 // What one input works with: its bytes, and every objective and restraint it
 // made, alive until the end (the optimizers and the finder borrow them; a
@@ -57,10 +69,14 @@ struct Session {
   // A size to extract with: mostly the last run's, else near it or any.
   unsigned int SizeNear(unsigned int n, unsigned int cap) {
     switch (in.Below(4)) {
-      case 0: return n + 1;
-      case 1: return n > 0 ? n - 1 : 0;
-      case 2: return in.Below(cap + 2);
-      default: return n;
+      case 0:
+        return n + 1;
+      case 1:
+        return n > 0 ? n - 1 : 0;
+      case 2:
+        return in.Below(cap + 2);
+      default:
+        return n;
     }
   }
 
@@ -84,9 +100,11 @@ void Run(Opt& opt, Session& s, unsigned int cap) {
   std::vector<double> start = lxfuzz::StartPoint(s.in, n), out(n);
   const bool inPlace = s.in.Bool();
   const bool withCheckpoint = s.in.Below(4) != 0;
-  opt(func, withCheckpoint ? &checkpoint : nullptr, start.data(), inPlace ? start.data() : out.data());
+  opt(func, withCheckpoint ? &checkpoint : nullptr, start.data(),
+      inPlace ? start.data() : out.data());
   s.lastN = n;
-  if constexpr (kHasDimension<Opt>) Check(opt.GetHessianDimension() == n * n, "element count of the last run");
+  if constexpr (kHasDimension<Opt>)
+    Check(opt.GetHessianDimension() == n * n, "element count of the last run");
 }
 
 template <class Opt>
@@ -129,7 +147,8 @@ void CopyAndAssign(Opt& opt, Session& s, unsigned int cap, unsigned int m) {
   Check(copy.GetHessianDimension() == opt.GetHessianDimension(), "a copy keeps the dimension");
   std::vector<double> a, b;
   const bool fromCopy = Extract(copy, m, a), fromSource = Extract(opt, m, b);
-  Check(fromCopy == fromSource && (!fromCopy || SameBits(a, b)), "a copy extracts what its source does");
+  Check(fromCopy == fromSource && (!fromCopy || SameBits(a, b)),
+        "a copy extracts what its source does");
   switch (s.in.Below(4)) {
     case 0:
       Run(copy, s, cap);
@@ -149,7 +168,9 @@ void CopyAndAssign(Opt& opt, Session& s, unsigned int cap, unsigned int m) {
       Check(!fromSource || SameBits(a, b), "self-assignment keeps the matrix");
       break;
     }
-    default: Run(copy, s, cap); break;
+    default:
+      Run(copy, s, cap);
+      break;
   }
 }
 
@@ -162,11 +183,21 @@ void BFGSFamily(Session& s) {
     const unsigned int m = s.SizeNear(s.lastN, kDenseCap);
     switch (s.in.Below(9)) {
       case 0:
-      case 1: Run(opt, s, kDenseCap); break;
-      case 2: ChangeSettings(opt, s.in); break;
-      case 3: opt.SetLineMinimize(*lxfuzz::MakeLineMinimizer(s.in, s.lastN)); break;
-      case 4: opt.SetKeepHessian(!opt.GetKeepHessian()); break;
-      case 5: CheckExtraction(opt, m); break;
+      case 1:
+        Run(opt, s, kDenseCap);
+        break;
+      case 2:
+        ChangeSettings(opt, s.in);
+        break;
+      case 3:
+        opt.SetLineMinimize(*lxfuzz::MakeLineMinimizer(s.in, s.lastN));
+        break;
+      case 4:
+        opt.SetKeepHessian(!opt.GetKeepHessian());
+        break;
+      case 5:
+        CheckExtraction(opt, m);
+        break;
       case 6: {
         const std::vector<double> packed = lxfuzz::RandomPacked(s.in, m);
         if (s.in.Bool())
@@ -175,7 +206,9 @@ void BFGSFamily(Session& s) {
           opt.SetInitialHessian(packed.data(), m);
         break;
       }
-      case 7: CopyAndAssign(opt, s, kDenseCap, m); break;
+      case 7:
+        CopyAndAssign(opt, s, kDenseCap, m);
+        break;
       default:
         if constexpr (std::is_same_v<Opt, LxOpt::LxBFGSModOpt>) {
           // Work and carried matrices of exactly m x m.
@@ -196,9 +229,15 @@ void DFP(Session& s) {
   for (unsigned int k = 0; k < operations && s.in.Remaining() > 0; ++k) {
     switch (s.in.Below(5)) {
       case 0:
-      case 1: Run(opt, s, kDenseCap); break;
-      case 2: ChangeSettings(opt, s.in); break;
-      case 3: opt.SetLineMinimize(*lxfuzz::MakeLineMinimizer(s.in, s.lastN)); break;
+      case 1:
+        Run(opt, s, kDenseCap);
+        break;
+      case 2:
+        ChangeSettings(opt, s.in);
+        break;
+      case 3:
+        opt.SetLineMinimize(*lxfuzz::MakeLineMinimizer(s.in, s.lastN));
+        break;
       default: {
         LxOpt::LxDFPOpt copy(opt), assigned;
         ExpectSameSettings(copy, opt);
@@ -219,12 +258,24 @@ void Geometry(Session& s) {
     const unsigned int m = s.SizeNear(s.lastN, kDenseCap);
     switch (s.in.Below(7)) {
       case 0:
-      case 1: Run(opt, s, kDenseCap); break;
-      case 2: ChangeSettings(opt, s.in); break;
-      case 3: opt.SetKeepHessian(!opt.GetKeepHessian()); break;
-      case 4: opt.SetHistory(!opt.GetHistory()); break;
-      case 5: CheckExtraction(opt, m); break;
-      default: CopyAndAssign(opt, s, kDenseCap, m); break;
+      case 1:
+        Run(opt, s, kDenseCap);
+        break;
+      case 2:
+        ChangeSettings(opt, s.in);
+        break;
+      case 3:
+        opt.SetKeepHessian(!opt.GetKeepHessian());
+        break;
+      case 4:
+        opt.SetHistory(!opt.GetHistory());
+        break;
+      case 5:
+        CheckExtraction(opt, m);
+        break;
+      default:
+        CopyAndAssign(opt, s, kDenseCap, m);
+        break;
     }
   }
 }
@@ -238,8 +289,12 @@ void Newton(Session& s) {
   for (unsigned int k = 0; k < operations && s.in.Remaining() > 0; ++k) {
     switch (s.in.Below(6)) {
       case 0:
-      case 1: Run(opt, s, kNewtonCap); break;
-      case 2: ChangeSettings(opt, s.in); break;
+      case 1:
+        Run(opt, s, kNewtonCap);
+        break;
+      case 2:
+        ChangeSettings(opt, s.in);
+        break;
       case 3: {
         Opt copy(opt), assigned;
         ExpectSameSettings(copy, opt);
@@ -345,8 +400,12 @@ void Finder(Session& s) {
           setUpN = func.NumVar();
         break;
       }
-      case 2: finder.Optimize(); break;
-      case 3: FinderSettings(finder, s.in); break;
+      case 2:
+        finder.Optimize();
+        break;
+      case 3:
+        FinderSettings(finder, s.in);
+        break;
       case 4: {
         std::vector<double> coords, values;
         if (finder.GetMinimums(coords, values)) {
@@ -379,14 +438,29 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Bytes in(data, size);
   Session s(in);
   switch (in.Below(kChoices)) {
-    case kBFGS: BFGSFamily<LxOpt::LxBFGSOpt>(s); break;
-    case kBFGSMod: BFGSFamily<LxOpt::LxBFGSModOpt>(s); break;
-    case kDFP: DFP(s); break;
-    case kGeometry: Geometry(s); break;
-    case kNewton: Newton<LxOpt::LxNewtonOpt>(s); break;
-    case kNewtonConstr: Newton<LxOpt::LxNewtonConstrOpt>(s); break;
-    case kFinder: Finder(s); break;
-    default: break;
+    case kBFGS:
+      BFGSFamily<LxOpt::LxBFGSOpt>(s);
+      break;
+    case kBFGSMod:
+      BFGSFamily<LxOpt::LxBFGSModOpt>(s);
+      break;
+    case kDFP:
+      DFP(s);
+      break;
+    case kGeometry:
+      Geometry(s);
+      break;
+    case kNewton:
+      Newton<LxOpt::LxNewtonOpt>(s);
+      break;
+    case kNewtonConstr:
+      Newton<LxOpt::LxNewtonConstrOpt>(s);
+      break;
+    case kFinder:
+      Finder(s);
+      break;
+    default:
+      break;
   }
   return 0;
 }

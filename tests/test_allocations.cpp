@@ -7,9 +7,9 @@
 // test checks that).
 #include <gtest/gtest.h>
 
+#include <malloc.h>
 #include <cstddef>
 #include <cstdlib>
-#include <malloc.h>
 #include <memory>
 #include <string>
 #include <vector>

@@ -63,7 +63,7 @@ TEST(Annealing, SeedsRepeatAndCallsContinueTheSequence) {
   EXPECT_NE(Annealed(a, wells, {2.0, 2.0}).moves[1], first.moves[1]);  // a continues its generator
   Annealer copy(a), s365(1000.0, 1500), s7(1000.0, 1500);
   EXPECT_EQ(Annealed(copy, wells, {2.0, 2.0}).moves, first.moves);  // a copy restarts from the seed
-  s365.SetSeed(365);  // the default
+  s365.SetSeed(365);                                                // the default
   EXPECT_EQ(Annealed(s365, wells, {2.0, 2.0}).moves, first.moves);
   s7.SetSeed(7);
   EXPECT_NE(Annealed(s7, wells, {2.0, 2.0}).moves[1], first.moves[1]);
@@ -94,9 +94,14 @@ TEST(Annealing, AZeroToleranceEndsOnlyAtTheEvaluationLimitAndStillMinimizes) {
 // counted). A tolerance of 0 could never converge, so the loop is skipped.
 TEST(Annealing, NoVariablesRunsTheLoopUntilTheHistoryAgrees) {
   lxtest::DoubleWells none(0);
-  struct Case { double tolerance; const char* lines; std::vector<std::string> messages; };
+  struct Case {
+    double tolerance;
+    const char* lines;
+    std::vector<std::string> messages;
+  };
   const Case cases[] = {
-      {0.001, "T = 300\nT = 255\nT = 216.75\nT = 184.237\n",
+      {0.001,
+       "T = 300\nT = 255\nT = 216.75\nT = 184.237\n",
        {"Initial temperature =     300.00",
         "Normal exit, total evaluations = 0  Final temperature =184.24K"}},
       {0.0, "", {"Initial temperature =     300.00"}},
@@ -107,7 +112,7 @@ TEST(Annealing, NoVariablesRunsTheLoopUntilTheHistoryAgrees) {
     const Annealed o(sa, none, {0.0});  // one slot, so that x is not null
     EXPECT_EQ(o.lines, c.lines);
     EXPECT_EQ(o.messages, c.messages);
-    EXPECT_EQ(o.moves.size(), 1u);  // the start value only
+    EXPECT_EQ(o.moves.size(), 1u);                       // the start value only
     EXPECT_EQ(o.states, std::vector<unsigned int>{1u});  // the final BFGS run: NoOpt
   }
 }
@@ -131,8 +136,9 @@ TEST(Annealing, FindsTheGlobalWellWhereBFGSAloneStopsInTheNearOne) {
   EXPECT_TRUE(o.value < -2.0 && o.x[0] < -1.5 && o.x[1] < -1.5) << o.value;
   // A normal exit reports the moves made: every value-only evaluation but the first.
   ASSERT_EQ(o.messages.size(), 2u);
-  const std::string exit = "Normal exit, total evaluations = " +
-                           std::to_string(o.moves.size() - 1) + "  Final temperature =";
+  const std::string exit =
+      "Normal exit, total evaluations = " + std::to_string(o.moves.size() - 1) +
+      "  Final temperature =";
   EXPECT_EQ(o.messages[1].rfind(exit, 0), 0u) << o.messages[1];
   EXPECT_EQ(o.messages[1].back(), 'K');
   EXPECT_NE(o.lines.find("new minimum "), std::string::npos);

@@ -65,7 +65,10 @@ TEST_P(BenchProblems, DerivativesMatchCentralDifferences) {
   ASSERT_EQ(p_.Start().size(), n);
   ASSERT_TRUE(p_.HasHessian());
   const auto value = [&](const Vec& x) { return Vec{p_(x.data())}; };
-  const auto gradient = [&](const Vec& x) { Vec g(n, 0.0); return p_(x.data(), g.data()), g; };
+  const auto gradient = [&](const Vec& x) {
+    Vec g(n, 0.0);
+    return p_(x.data(), g.data()), g;
+  };
   for (const Vec& x : {p_.Start(), SecondPoint(p_.Start())}) {
     const Vec g = gradient(x);
     Vec packed(n * (n + 1) / 2, 0.0), gh(n, 0.0);
@@ -103,20 +106,23 @@ INSTANTIATE_TEST_SUITE_P(All, BenchProblems,
 // magnitude lies within one unit of the last digit above the published one).
 // This catches a wrong data table or formula as well as a mistyped minimum.
 TEST(BenchProblemSet, NumericalMinimaAreReachedAndMatchThePublishedDigits) {
-  const struct { const char* name; double value, unit; } table[] = {
-      {"mgh06_jennrich_sampson", 124.362, 1e-3},    {"mgh08_bard", 8.21487e-3, 1e-8},
-      {"mgh09_gaussian", 1.12793e-8, 1e-13},        {"mgh10_meyer", 87.9458, 1e-4},
-      {"mgh15_kowalik_osborne", 3.07505e-4, 1e-9},  {"mgh16_brown_dennis", 85822.2, 1e-1},
-      {"mgh17_osborne1", 5.46489e-5, 1e-10},        {"mgh19_osborne2", 4.01377e-2, 1e-7},
-      {"mgh20_watson", 2.28767e-3, 1e-8},           {"mgh23_penalty1", 7.08765e-5, 1e-10},
-      {"mgh24_penalty2", 2.93660e-4, 1e-9},         {"mgh35_chebyquad", 3.51687e-3, 1e-8},
+  const struct {
+    const char* name;
+    double value, unit;
+  } table[] = {
+      {"mgh06_jennrich_sampson", 124.362, 1e-3},   {"mgh08_bard", 8.21487e-3, 1e-8},
+      {"mgh09_gaussian", 1.12793e-8, 1e-13},       {"mgh10_meyer", 87.9458, 1e-4},
+      {"mgh15_kowalik_osborne", 3.07505e-4, 1e-9}, {"mgh16_brown_dennis", 85822.2, 1e-1},
+      {"mgh17_osborne1", 5.46489e-5, 1e-10},       {"mgh19_osborne2", 4.01377e-2, 1e-7},
+      {"mgh20_watson", 2.28767e-3, 1e-8},          {"mgh23_penalty1", 7.08765e-5, 1e-10},
+      {"mgh24_penalty2", 2.93660e-4, 1e-9},        {"mgh35_chebyquad", 3.51687e-3, 1e-8},
       {"lj13_cluster", -44.326801, 1e-6},
   };
   auto set = lxbench::ProblemSet();
   ASSERT_EQ(set.size(), 40u);  // names are unique: they name the parameterized tests
   for (const auto& e : table) {
-    auto it = std::find_if(set.begin(), set.end(),
-                           [&](const auto& p) { return p->Name() == e.name; });
+    auto it =
+        std::find_if(set.begin(), set.end(), [&](const auto& p) { return p->Name() == e.name; });
     ASSERT_NE(it, set.end()) << e.name;
     Problem& p = **it;
     const double excess = std::fabs(p.FStar()) - std::fabs(e.value);

@@ -21,12 +21,20 @@ using Points = std::vector<double>;
 // make(nullptr) builds a fresh optimizer, make(&o) a copy of o. family: the
 // classic family, with no gradient in its Cont and Done reports.
 using Ptr = std::unique_ptr<LxConjGradBase>;
-struct Named { const char* name; std::function<Ptr(const LxConjGradBase*)> make; bool family; };
-void PrintTo(const Named& o, std::ostream* os) { *os << o.name; }
+struct Named {
+  const char* name;
+  std::function<Ptr(const LxConjGradBase*)> make;
+  bool family;
+};
+void PrintTo(const Named& o, std::ostream* os) {
+  *os << o.name;
+}
 template <class T>
 Named Make(const char* name, bool family) {
-  return {name, [](const LxConjGradBase* o) {
-            return Ptr(o ? new T(static_cast<const T&>(*o)) : new T()); }, family};
+  return {
+      name,
+      [](const LxConjGradBase* o) { return Ptr(o ? new T(static_cast<const T&>(*o)) : new T()); },
+      family};
 }
 const Named kAll[] = {Make<LxConjGradOpt>("ConjGrad", false),
                       Make<LxFletcherReevesOpt>("FletcherReeves", true),
@@ -34,7 +42,9 @@ const Named kAll[] = {Make<LxConjGradOpt>("ConjGrad", false),
                       Make<LxHestenesStiefelOpt>("HestenesStiefel", true)};
 
 // 1 (x - 1)^2 + 4 (y + 1)^2 + 9 (z - 2)^2; at the origin g = (-2, 8, -36).
-DiagonalQuadratic Bowl() { return DiagonalQuadratic({1.0, 4.0, 9.0}, {1.0, -1.0, 2.0}); }
+DiagonalQuadratic Bowl() {
+  return DiagonalQuadratic({1.0, 4.0, 9.0}, {1.0, -1.0, 2.0});
+}
 const Points kOrigin(3, 0.0);
 
 // The reports as "iteration state" items, e.g. "1 Cont, 2 Done".
@@ -66,7 +76,9 @@ Points GradientAt(const Points& x) {
   Points g(3);
   return Bowl()(x.data(), g.data()), g;
 }
-double Norm(const Points& v) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
+double Norm(const Points& v) {
+  return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+}
 
 class AllFour : public ::testing::TestWithParam<Named> {};
 
@@ -133,7 +145,9 @@ TEST_P(AllFour, FailedSearches) {
   for (const auto& [failOn, conjGrad, gradients, family] :
        {Case{{1, 2}, "2 NotFound", 1 + 1, ""},
         Case{{2, 3}, "1 Cont, 3 NotFound", 1 + 2 + 1, "1 Cont, 2 Cont"},
-        Case{{2, 4}, "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad", 1 + 5 * 2 + 2,
+        Case{{2, 4},
+             "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad",
+             1 + 5 * 2 + 2,
              "1 Cont, 2 Cont"}}) {
     auto opt = GetParam().make(nullptr);
     BowlRun r(*opt, failOn);
@@ -214,7 +228,10 @@ TEST(ConjGrad, RestartAtLeastEveryNIterations) {
 // slope(r) / slope(c), slope(i) = g.d of search i. The first search starts
 // with 1 / sqrt(g.g) (g.g = 2356: the two forms differ in the last bit).
 TEST(ConjGrad, TrialStepRatioKeepsItsReferenceAcrossRestartsAndRecoveries) {
-  struct Case { std::set<int> failOn; size_t search, reference; };
+  struct Case {
+    std::set<int> failOn;
+    size_t search, reference;
+  };
   const Case cases[] = {
       {{}, 3, 1},   // search 1 is the start, 2 follows the first restart
       {{}, 4, 3},   // 3 was formed between restarts
@@ -254,7 +271,10 @@ TEST(ConjGrad, TrialStepRatioKeepsItsReferenceAcrossRestartsAndRecoveries) {
 // restart shows as the entry step 1.0 (ConjGrad) or the direction -g (family).
 class RestartLog : public LxLineMinimize {
  public:
-  struct Entry { Points g; bool restart; };
+  struct Entry {
+    Points g;
+    bool restart;
+  };
   explicit RestartLog(bool family, std::shared_ptr<std::vector<Entry>> log)
       : family_(family), log_(std::move(log)) {}
   bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
@@ -334,11 +354,11 @@ class GivenNewGradient : public LxLineMinimize {
 TEST(FamilyCoefficients, FormedFromTheChangeOfGradient) {
   using Beta = LxBetaConjGradOpt::Beta;
   DiagonalQuadratic q({1.0, 1.0, 1.0}, {1.0, 0.3, -0.7});  // g = (-2, -0.6, 1.4) at 0
-  const Points gNew{-0.567, -0.156, -0.942};  // |gNew.g| / gNew.gNew < 0.2: no restart
+  const Points gNew{-0.567, -0.156, -0.942};               // |gNew.g| / gNew.gNew < 0.2: no restart
   for (const Beta kind : {Beta::kFletcherReeves, Beta::kPolakRibiere, Beta::kHestenesStiefel}) {
     SCOPED_TRACE(static_cast<int>(kind));
     auto dirs = std::make_shared<std::vector<Points>>();
-    Ptr opt(kind == Beta::kFletcherReeves  ? static_cast<LxConjGradBase*>(new LxFletcherReevesOpt)
+    Ptr opt(kind == Beta::kFletcherReeves ? static_cast<LxConjGradBase*>(new LxFletcherReevesOpt)
             : kind == Beta::kPolakRibiere ? static_cast<LxConjGradBase*>(new LxRibierePolakOpt)
                                           : new LxHestenesStiefelOpt);
     opt->SetLineMinimize(GivenNewGradient(gNew, dirs));

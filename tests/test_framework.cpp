@@ -81,8 +81,14 @@ TEST(SteepestDescent, EveryExit) {
   for (int k = 0; k < 32; ++k) rejections += std::to_string(k) + " Cont, ";
   const double x2 = 3 - 0.125 * 1.2 * 6;  // from 4: h = 1/8 lands on 3, then h grows by 1.2
   struct Case {
-    lxtest::Objective* f; Vec start; unsigned int limit; std::string trace; int gradients;
-    double value; Vec out; double gnorm0;
+    lxtest::Objective* f;
+    Vec start;
+    unsigned int limit;
+    std::string trace;
+    int gradients;
+    double value;
+    Vec out;
+    double gnorm0;
   } cases[] = {
       // g = (0, 0.08): sum g^2 below 0.1
       {&q24, {2, 3.01}, 1000, "0 NoOpt", 1, 4e-4, {2, 3.01}, 0.08},
@@ -187,7 +193,9 @@ struct RunEnd {
   double value;
   Vec x;
   unsigned int state;
-  bool operator==(const RunEnd& o) const { return value == o.value && x == o.x && state == o.state; }
+  bool operator==(const RunEnd& o) const {
+    return value == o.value && x == o.x && state == o.state;
+  }
 };
 
 // Drives a started run to its end with f, logging what it asks for.

@@ -103,13 +103,20 @@ TEST(GeometryCheckpoint, EachStateReportsAndRecordsAsItShould) {
       {0, {cycle}, false, "", 3, false},
       {1, {"System at minimum energy, no optimization will be done."}, false, "", 3, false},
       {2, {"Geometry optimization done, rmsd =      3.53553"}, true, sum, 3, false},
-      {3, {"No point lower in Energy could be found"}, true,
-       "No point lower in Energy could be found\n", 3, false},
+      {3,
+       {"No point lower in Energy could be found"},
+       true,
+       "No point lower in Energy could be found\n",
+       3,
+       false},
       {4, {"Search is being ended. Final rmsd =      3.53553"}, true, sum, 3, false},
       {5,
        {"Gradient test not passed but further calculations not justified:",
         "In 5 attempts to reduce Energy decrease was less than      3.53553"},
-       true, sum, 3, false},
+       true,
+       sum,
+       3,
+       false},
       {6, {cycle, "Number of cycles exhausted"}, true, sum, 3, false},
       {7, {"Distance test satisfied, rmsd =      3.53553"}, true, sum, 3, false},
       {7, {"Distance test satisfied, rmsd =      3.53553"}, true, "", 0, false},
@@ -200,9 +207,9 @@ TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
       {&slope, {1000, 0, 0, 0}, 0.1, -1.5, 2, "1:0 2:6 "},     // |g| > 1 tol
       {&slope, {1000, 0, 0, 0}, below, -1.5, 2, "1:0 2:6 "},
       // |x| = 1e6: displacement 1.7e-6.
-      {&slope, {far, 0, 0, 0}, above, -0.3, 2, "1:7 1:11 "},  // <= 1e-4
-      {&slope, {far, 0, 0, 0}, 0.1, -0.3, 2, "1:7 1:11 "},    // <= 1e-5
-      {&slope, {far, 0, 0, 0}, below, -1.5, 2, "1:0 2:6 "},   // > 1e-24
+      {&slope, {far, 0, 0, 0}, above, -0.3, 2, "1:7 1:11 "},        // <= 1e-4
+      {&slope, {far, 0, 0, 0}, 0.1, -0.3, 2, "1:7 1:11 "},          // <= 1e-5
+      {&slope, {far, 0, 0, 0}, below, -1.5, 2, "1:0 2:6 "},         // > 1e-24
       {&tiny, {-1.2, 1}, 1e-20, 0.0, 100, stall + "16:12 16:11 "},  // f <= 2.5e-11 throughout
       {&faint, {-1.2, 1}, 1e-40, 0.0, 100, component},
       {&bowl, {1, 1, 1.0078125}, 0.25, 10.0 / 16384, 100, "0:1- "},  // |g| < tol: f(start)

@@ -104,7 +104,9 @@ TEST(Rmsd, HandComputedAndARigidMotionUndone) {
   }
 }
 
-LxVersionRecord OtherLibrary() { return {"lxsuite", "Other", "1.0"}; }
+LxVersionRecord OtherLibrary() {
+  return {"lxsuite", "Other", "1.0"};
+}
 
 TEST(VersionRegistry, KeepsEachFunctionOnce) {
   const std::size_t before = LxRegisteredVersions().size();

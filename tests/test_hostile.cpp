@@ -10,8 +10,8 @@
 #include <functional>
 #include <limits>
 #include <set>
-#include <stdexcept>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -22,21 +22,33 @@ namespace {
 using namespace LxOpt;
 
 constexpr unsigned int kN = 3;
-constexpr unsigned int kLimit = 20;      // iteration limit of every optimizer
-constexpr unsigned int kTrials = 32;     // evaluations per line search (all searches)
-constexpr unsigned int kNone = 100;      // pseudo-state: no checkpoint call at all
+constexpr unsigned int kLimit = 20;             // iteration limit of every optimizer
+constexpr unsigned int kTrials = 32;            // evaluations per line search (all searches)
+constexpr unsigned int kNone = 100;             // pseudo-state: no checkpoint call at all
 constexpr unsigned int kTrue = 11, kFalse = 3;  // line minimizer / finder results as states
 
-enum class Fault { kNaN, kPosInf, kNegInf, kNaNGrad, kHuge, kWrongGrad, kConstant, kLinear, kThrow };
+enum class Fault {
+  kNaN,
+  kPosInf,
+  kNegInf,
+  kNaNGrad,
+  kHuge,
+  kWrongGrad,
+  kConstant,
+  kLinear,
+  kThrow
+};
 
-struct ObjectiveError { long evaluation; };  // what the objective throws
-struct Overrun {};                           // the guard: a run exceeded its bound
+struct ObjectiveError {
+  long evaluation;
+};                  // what the objective throws
+struct Overrun {};  // the guard: a run exceeded its bound
 
 struct Hostility {
   const char* name;
   Fault fault;
-  long onset;            // evaluations that are still healthy
-  unsigned int n = kN;   // variables
+  long onset;           // evaluations that are still healthy
+  unsigned int n = kN;  // variables
 };
 
 // Enough variables to put every scratch block (a line search's 2n doubles
@@ -45,15 +57,24 @@ struct Hostility {
 constexpr unsigned int kLarge = 1100;
 
 const Hostility kHostilities[] = {
-    {"NaN", Fault::kNaN, 0},           {"NaNLater", Fault::kNaN, 2},
-    {"PosInf", Fault::kPosInf, 0},     {"PosInfLater", Fault::kPosInf, 2},
-    {"NegInf", Fault::kNegInf, 0},     {"NegInfLater", Fault::kNegInf, 2},
-    {"NaNGrad", Fault::kNaNGrad, 0},   {"NaNGradLater", Fault::kNaNGrad, 2},
-    {"Huge", Fault::kHuge, 0},         {"WrongGrad", Fault::kWrongGrad, 0},
-    {"Constant", Fault::kConstant, 0}, {"Linear", Fault::kLinear, 0},
-    {"Throw", Fault::kThrow, 0},       {"ThrowLater", Fault::kThrow, 2},
-    {"ThrowLarge", Fault::kThrow, 2, kLarge}, {"ThrowLargeLater", Fault::kThrow, 4, kLarge},
-    {"NaNLarge", Fault::kNaN, 2, kLarge},     {"LinearLarge", Fault::kLinear, 0, kLarge},
+    {"NaN", Fault::kNaN, 0},
+    {"NaNLater", Fault::kNaN, 2},
+    {"PosInf", Fault::kPosInf, 0},
+    {"PosInfLater", Fault::kPosInf, 2},
+    {"NegInf", Fault::kNegInf, 0},
+    {"NegInfLater", Fault::kNegInf, 2},
+    {"NaNGrad", Fault::kNaNGrad, 0},
+    {"NaNGradLater", Fault::kNaNGrad, 2},
+    {"Huge", Fault::kHuge, 0},
+    {"WrongGrad", Fault::kWrongGrad, 0},
+    {"Constant", Fault::kConstant, 0},
+    {"Linear", Fault::kLinear, 0},
+    {"Throw", Fault::kThrow, 0},
+    {"ThrowLater", Fault::kThrow, 2},
+    {"ThrowLarge", Fault::kThrow, 2, kLarge},
+    {"ThrowLargeLater", Fault::kThrow, 4, kLarge},
+    {"NaNLarge", Fault::kNaN, 2, kLarge},
+    {"LinearLarge", Fault::kLinear, 0, kLarge},
 };
 
 // sum_i d_i (x_i - 1)^2 with d_i = 1 + i mod 3, spoiled after `onset` evaluations.
@@ -93,22 +114,30 @@ class HostileFunc : public lxtest::Objective {
       }
     };
     switch (h_.fault) {
-      case Fault::kNaN: return nan;
-      case Fault::kPosInf: return inf;
-      case Fault::kNegInf: return -inf;
+      case Fault::kNaN:
+        return nan;
+      case Fault::kPosInf:
+        return inf;
+      case Fault::kNegInf:
+        return -inf;
       case Fault::kNaNGrad:
         for (unsigned int i = 0; g && i < n; ++i) g[i] = nan;
         return f;
-      case Fault::kHuge: each([](double& v) { v *= 1e300; }); return f * 1e300;
+      case Fault::kHuge:
+        each([](double& v) { v *= 1e300; });
+        return f * 1e300;
       case Fault::kWrongGrad:
         for (unsigned int i = 0; g && i < n; ++i) g[i] = -g[i];  // points uphill
         return f;
-      case Fault::kConstant: each([](double& v) { v = 0.0; }); return 7.0;
+      case Fault::kConstant:
+        each([](double& v) { v = 0.0; });
+        return 7.0;
       case Fault::kLinear:
         each([](double& v) { v = 0.0; });
         for (unsigned int i = 0; g && i < n; ++i) g[i] = 1.0;
         return x[0] + x[1] + x[2];
-      case Fault::kThrow: throw ObjectiveError{evaluations};
+      case Fault::kThrow:
+        throw ObjectiveError{evaluations};
     }
     return f;
   }
@@ -225,8 +254,8 @@ const std::set<unsigned int> kCont = {kLxCont};
 const std::set<unsigned int> kLineResults = {kTrue, kFalse};
 // Faults that keep every start point out of the minimum finder's sample
 // window: by definition it then draws start points for ever.
-const std::set<Fault> kNoFirstMinimum = {Fault::kNaN,  Fault::kPosInf, Fault::kNegInf,
-                                         Fault::kNaNGrad, Fault::kHuge, Fault::kLinear};
+const std::set<Fault> kNoFirstMinimum = {Fault::kNaN,     Fault::kPosInf, Fault::kNegInf,
+                                         Fault::kNaNGrad, Fault::kHuge,   Fault::kLinear};
 
 const std::vector<Subject>& Subjects() {
   // The Fletcher-Reeves family ends silently (last report "Cont", or none)
@@ -239,27 +268,44 @@ const std::vector<Subject>& Subjects() {
       {"RibierePolak", kGradientRun, betaFinals, kCont, Optimize<LxRibierePolakOpt>()},
       {"HestenesStiefel", kGradientRun, betaFinals, kCont, Optimize<LxHestenesStiefelOpt>()},
       {"BFGS", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxBFGSOpt>()},
-      {"BFGSKeep", kGradientRun, {1, 3, 6, 11}, kCont,
+      {"BFGSKeep",
+       kGradientRun,
+       {1, 3, 6, 11},
+       kCont,
        Optimize<LxBFGSOpt>([](LxBFGSOpt& o, unsigned int) { o.SetKeepHessian(true); })},
       {"BFGSMod", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxBFGSModOpt>()},
       {"DFP", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxDFPOpt>()},
       {"LBFGS", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxLBFGSOpt>()},
-      {"GeomBFGS", kGeomRun, {1, 3, 4, 5, 6, 11}, {0, 7, 8, 9, 10, 12},
+      {"GeomBFGS",
+       kGeomRun,
+       {1, 3, 4, 5, 6, 11},
+       {0, 7, 8, 9, 10, 12},
        Optimize<LxBFGSOptimizer>()},
       {"Newton", kNewtonRun, {kNone, 3, 6, 11, 12}, {0, 12}, Optimize<LxNewtonOpt>(), {}, true},
-      {"NewtonConstr", kNewtonRun, {kNone, 3, 6, 11, 12}, {0, 12},
+      {"NewtonConstr",
+       kNewtonRun,
+       {kNone, 3, 6, 11, 12},
+       {0, 12},
        Optimize<LxNewtonConstrOpt>([](LxNewtonConstrOpt& o, unsigned int n) {
          static PinFirst small(kN), large(kLarge);
          o.Add(n == kN ? small : large);
        }),
-       {}, true},
-      {"Annealing", kAnnealEvaluations + kQNDefaultRun, {1, 3, 6, 11}, kCont,
+       {},
+       true},
+      {"Annealing",
+       kAnnealEvaluations + kQNDefaultRun,
+       {1, 3, 6, 11},
+       kCont,
        Optimize<Annealing>([](Annealing& o, unsigned int) { o.SetIterLimit(kAnnealEvaluations); }),
-       {}, true},
+       {},
+       true},
       {"Minfinder", kMinfinderRun, kLineResults, kCont, FindMinima, kNoFirstMinimum, true},
       {"LineCG", 1 + kTrials, kLineResults, {}, Search<LxCGLineMinimize>()},
       {"LineQN", 1 + kTrials, kLineResults, {}, Search<LxQNLineMinimize>()},
-      {"LineMaxStep", 1 + kMarch + kTrials, kLineResults, {},  // the march, the inner search
+      {"LineMaxStep",
+       1 + kMarch + kTrials,
+       kLineResults,
+       {},  // the march, the inner search
        Search<LxMaxStepLineMinimize>([](LxMaxStepLineMinimize& lm) {
          double limits[kN] = {0.1, 0.1, 0.1};  // further variables unlimited
          lm.SetMaxStep(kN, limits);
@@ -391,7 +437,7 @@ TEST(HostileOddities, AreKept) {
 // variables every scratch block is on the heap and must be released.
 TEST(HostileCheckpoint, ExceptionPassesThrough) {
   for (const Subject& s : Subjects()) {
-    if (s.finals == kLineResults) continue;  // no checkpoint
+    if (s.finals == kLineResults) continue;                           // no checkpoint
     const bool newton = std::string(s.name).rfind("Newton", 0) == 0;  // dense n x n solves
     const Hostility healthy{"Healthy", Fault::kNaN, 1L << 40, newton ? kN : kLarge};
     const Play play(s, healthy, 1);

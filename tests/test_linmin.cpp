@@ -18,7 +18,10 @@ using Searches = std::initializer_list<const LxLineMinimize*>;
 
 constexpr double kUnset = 777.0;  // gradOut before the call
 
-struct Outcome { bool ok; double step, fval, grad; };
+struct Outcome {
+  bool ok;
+  double step, fval, grad;
+};
 
 // One search from x0 = 0 along dir = 1 on a one-variable polynomial.
 Outcome Search(const LxLineMinimize& lm, Poly1D& f, double step) {
@@ -32,9 +35,8 @@ double limitHalf = 0.5, limitTwo = 2.0, limitZero = 0.0, limitWide = 10.0, limit
        limitLong = 2.5e4;
 const LxCGLineMinimize kCG;
 const LxQNLineMinimize kQN, kQNFloor2(32, 1e-4, 0.9, 2.0), kQNOneTrial(1), kQNNoTrial(0);
-const LxMaxStepLineMinimize kMaxHalf(&limitHalf, 1), kMaxTwo(&limitTwo, 1),
-    kMaxZero(&limitZero, 1), kMaxWide(&limitWide, 1), kMaxOne(&limitOne, 1),
-    kMaxLong(&limitLong, 1), kMaxNone;
+const LxMaxStepLineMinimize kMaxHalf(&limitHalf, 1), kMaxTwo(&limitTwo, 1), kMaxZero(&limitZero, 1),
+    kMaxWide(&limitWide, 1), kMaxOne(&limitOne, 1), kMaxLong(&limitLong, 1), kMaxNone;
 const LxNRLineSearch kNR0(0), kNR1(1);
 
 // The polynomials c0 + c1 x + c2 x^2 + c3 x^3 along the line.
@@ -73,9 +75,18 @@ Points MarchToFifty() {
 const double kProductStep = std::sqrt(0.8704) * 0.62 / 2.43;
 
 // step: the accepted step when ok; trials: every evaluation point, in order.
-struct Case { const char* name; const LxLineMinimize* lm; Poly poly; double entryStep; bool ok;
-              double step; Points trials; };
-void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
+struct Case {
+  const char* name;
+  const LxLineMinimize* lm;
+  Poly poly;
+  double entryStep;
+  bool ok;
+  double step;
+  Points trials;
+};
+void PrintTo(const Case& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class OnALine : public ::testing::TestWithParam<Case> {};
 
@@ -162,9 +173,9 @@ TEST(LineSearchInNVariables, QuadraticLineMinimum) {
 // the backtracking search fails at its smallest step.
 TEST(LineSearchNotANumber, EverySearchEnds) {
   using Case = std::tuple<const LxLineMinimize*, bool, int>;
-  for (const auto& [lm, ok, evaluations] : {Case{&kCG, true, 32}, Case{&kQN, false, 1},
-                                            Case{&kMaxLong, false, 1 + 1},
-                                            Case{&kNR1, false, 23}}) {
+  for (const auto& [lm, ok, evaluations] :
+       {Case{&kCG, true, 32}, Case{&kQN, false, 1}, Case{&kMaxLong, false, 1 + 1},
+        Case{&kNR1, false, 23}}) {
     lxtest::NotANumber f;
     const double x0 = 0.0;
     double dir = 1.0, grad0 = -1.0, gradOut = kUnset, fval = 0.0, step = 1e6;

@@ -20,9 +20,13 @@ extern "C" void* malloc(std::size_t size) {
   ++mallocCount;
   return __libc_malloc(size);
 }
-static long Mallocs() { return mallocCount.load(); }
+static long Mallocs() {
+  return mallocCount.load();
+}
 #else
-static long Mallocs() { return -1; }  // not counted: the sanitizer owns malloc
+static long Mallocs() {
+  return -1;
+}  // not counted: the sanitizer owns malloc
 #endif
 
 namespace {
@@ -366,8 +370,8 @@ TEST(ConstrainedNewton, AddAndRemoveByAddress) {
 // The mallocs from the first to the last state-0 report; stores nothing on the heap.
 struct MallocWatch : LxCheckpoint1 {
   using LxCheckpoint1::operator();
-  bool operator()(
-      unsigned, unsigned, double, double, const double*, const double*, unsigned state) override {
+  bool operator()(unsigned, unsigned, double, double, const double*, const double*,
+                  unsigned state) override {
     if (state == kLxCont && conts++ == 0) first = Mallocs();
     if (state == kLxCont) between = Mallocs() - first;
     return true;

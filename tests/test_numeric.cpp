@@ -66,8 +66,10 @@ TEST(NumericGradients, MatchAnalyticAccumulateAndRestoreByArithmetic) {
   const double x[2] = {0.1, 0.7}, h = 1e-5, restored = x[0] + h - 2 * h + h;
   ASSERT_NE(restored, x[0]);  // the inputs must tell the two ways apart
   NumericGradients(f, x, Vec(2).data(), h);
-  EXPECT_EQ(f.seen, (std::vector<Vec>{{x[0] + h, x[1]}, {x[0] + h - 2 * h, x[1]},
-                                      {restored, x[1] + h}, {restored, x[1] + h - 2 * h},
+  EXPECT_EQ(f.seen, (std::vector<Vec>{{x[0] + h, x[1]},
+                                      {x[0] + h - 2 * h, x[1]},
+                                      {restored, x[1] + h},
+                                      {restored, x[1] + h - 2 * h},
                                       {x[0], x[1]}}));
 }
 

@@ -19,7 +19,9 @@
 // The bad-input test makes allocations fail on purpose; under the address
 // sanitizer such a failure must come back as a null pointer.
 extern "C" const char* __asan_default_options();
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __asan_default_options() {
+  return "allocator_may_return_null=1";
+}
 
 namespace {
 
@@ -31,7 +33,9 @@ using States = std::vector<std::pair<unsigned int, unsigned int>>;  // (iteratio
 double Dot(const Vec& a, const Vec& b) {
   return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
 }
-double Norm(const Vec& v) { return std::sqrt(Dot(v, v)); }
+double Norm(const Vec& v) {
+  return std::sqrt(Dot(v, v));
+}
 
 double MaxDifference(const Vec& a, const Vec& b) {
   return std::inner_product(
@@ -150,7 +154,9 @@ void RunWith(Opt& opt, const LxLineMinimize& search, unsigned int limit, LxFunc1
 
 // The objectives keep no state, so the tables share them.
 using Shared = std::shared_ptr<Objective>;
-Shared Quad(Vec d, Vec c) { return std::make_shared<DiagonalQuadratic>(d, c); }
+Shared Quad(Vec d, Vec c) {
+  return std::make_shared<DiagonalQuadratic>(d, c);
+}
 const Shared kIll30 =
     std::make_shared<DiagonalQuadratic>(DiagonalQuadratic::IllConditioned(30, 1e3));
 const Shared kValley = std::make_shared<Rosenbrock>();
@@ -369,9 +375,8 @@ TEST(CarriedHessian, SecondRunContinuesTheFirst) {
 TEST(DFP, MatrixRequestWrapsOnlyInTheElementCount) {
   using Case = std::pair<unsigned int, std::size_t>;
   for (const auto& [n, bytes] :
-       {Case{3, 72}, Case{23170, 4294791200u}, Case{23171, 4295161928u},
-        Case{65535, 34358689800u}, Case{65536, 0}, Case{65537, 1048584},
-        Case{100000, 11280523264u}})
+       {Case{3, 72}, Case{23170, 4294791200u}, Case{23171, 4295161928u}, Case{65535, 34358689800u},
+        Case{65536, 0}, Case{65537, 1048584}, Case{100000, 11280523264u}})
     EXPECT_EQ(detail::DFPMatrixBytes(n), bytes) << n;
 }
 
@@ -405,10 +410,10 @@ TEST(QuasiNewtonBadInput, ReportedWithoutCrash) {
     expect(kind, 0xFFFFFFFFu, true, "memory not provided for optimized variables", L::Warning, 0);
     // The 7 n doubles for n = 2^30 + 1 cannot be had: the run ends before the
     // first evaluation, so before the limit on n is looked at.
-    expect(kind, 1073741825u, false,
-           kind == kLBFGS ? "out of memory allocating 2147483647 in LxLBFGSOpt::operator()"
-                                : scratch,
-           L::Warning, 0);
+    expect(
+        kind, 1073741825u, false,
+        kind == kLBFGS ? "out of memory allocating 2147483647 in LxLBFGSOpt::operator()" : scratch,
+        L::Warning, 0);
   }
   // n = 100000: the vectors fit, the 80 GB matrix does not, nor DFP's 11 GB
   // ((n * n mod 2^32) * 8); at n = 23171 DFP asks for the whole 4.3 GB, at
@@ -486,12 +491,11 @@ TEST(LBFGS, KeptPairsGiveTheFinalInverse) {
   opt.SetKeepPairs(false);
   RunWith(opt, exact, 3, q, kOrigin, out.data());
   EXPECT_FALSE(opt.GetFinalPairs(s.data(), y.data(), 3, 3));
-  EXPECT_EQ(capture.Texts(),
-            (std::vector<std::string>{
-                "L-BFGS pairs can't be extracted because they were not kept",
-                "Can't extract L-BFGS pairs: wrong number of variables or pairs",
-                "Can't extract L-BFGS pairs: wrong number of variables or pairs",
-                "L-BFGS pairs can't be extracted because they were not kept"}));
+  EXPECT_EQ(capture.Texts(), (std::vector<std::string>{
+                                 "L-BFGS pairs can't be extracted because they were not kept",
+                                 "Can't extract L-BFGS pairs: wrong number of variables or pairs",
+                                 "Can't extract L-BFGS pairs: wrong number of variables or pairs",
+                                 "L-BFGS pairs can't be extracted because they were not kept"}));
 }
 
 // f = x^4/4 - x^2/2: from 0.1 the first two searches end at 0.4 and 0.6 inside
@@ -552,7 +556,8 @@ TEST(LBFGS, CartesianModelSavesCallsInAnyEnergyUnit) {
   constexpr double kKcalPerEv = 23.0605;
   LennardJones ev(38);
   InUnits kcal(ev, kKcalPerEv);
-  const Vec start = lxbench::PerturbedCluster::Perturbed(lxbench::TruncatedOctahedron38(), 11, 0.25);
+  const Vec start =
+      lxbench::PerturbedCluster::Perturbed(lxbench::TruncatedOctahedron38(), 11, 0.25);
   int calls[2][2];  // [cartesian][unit]
   for (bool cartesian : {false, true}) {
     for (int unit = 0; unit < 2; ++unit) {
@@ -633,16 +638,22 @@ TEST(LBFGS, CallsDoNotDependOnUnits) {
     Vec start;
   } clusters[] = {
       {"LJ13", 13, PerturbedIcosahedron(0.2)},
-      {"LJ38", 38, lxbench::PerturbedCluster::Perturbed(lxbench::TruncatedOctahedron38(), 11, 0.25)},
+      {"LJ38", 38,
+       lxbench::PerturbedCluster::Perturbed(lxbench::TruncatedOctahedron38(), 11, 0.25)},
   };
   const struct {
     double factor;
     bool length;
     bool exact;
   } units[] = {
-      {8.0, false, true},         {1.0 / 64.0, false, true},       {kKcalPerEv, false, false},
-      {1.0 / kKcalPerEv, false, false}, {4.0, true, true},       {0.125, true, true},
-      {1.0 / kAngstromPerBohr, true, false}, {kAngstromPerBohr, true, false},
+      {8.0, false, true},
+      {1.0 / 64.0, false, true},
+      {kKcalPerEv, false, false},
+      {1.0 / kKcalPerEv, false, false},
+      {4.0, true, true},
+      {0.125, true, true},
+      {1.0 / kAngstromPerBohr, true, false},
+      {kAngstromPerBohr, true, false},
   };
   for (const auto& cluster : clusters) {
     for (bool cartesian : {false, true}) {

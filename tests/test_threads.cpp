@@ -51,7 +51,9 @@ class ValleyWithHessian : public LxFunc2 {
     NumericHessian(f_, x, h);
     return true;
   }
-  std::vector<LxFComponent> GetFComponents(const double* x) override { return f_.GetFComponents(x); }
+  std::vector<LxFComponent> GetFComponents(const double* x) override {
+    return f_.GetFComponents(x);
+  }
 
  private:
   LxTestF f_;
@@ -104,18 +106,72 @@ Outcome Finder(std::uint32_t seed, const Vec& lower, const Vec& upper) {
 
 std::vector<Job> Jobs() {
   return {
-      {"BFGS", [] { LxBFGSOpt o; return Valley(o, 12, -1.2); }},
-      {"BFGS again", [] { LxBFGSOpt o; o.SetLineMinimize(LxMaxStepLineMinimize()); return Valley(o, 6, 0.3); }},
-      {"ConjGrad", [] { LxConjGradOpt o; o.SetTolerance(1e-8); return Valley(o, 8, -0.5); }},
-      {"PolakRibiere", [] { LxRibierePolakOpt o; o.SetTolerance(1e-8); return Valley(o, 5, 0.0); }},
-      {"DFP", [] { LxDFPOpt o; return Valley(o, 4, 2.0); }},
-      {"LBFGS", [] { LxLBFGSOpt o; o.SetTolerance(1e-10); return Valley(o, 30, -1.0); }},
-      {"Steepest", [] { LxSteepestDescentOpt o; o.SetIterLimit(3000); return Valley(o, 3, 0.5); }},
-      {"Geometry", [] { LxBFGSOptimizer o; return Valley(o, 9, -0.7); }},
-      {"Newton", [] { ValleyWithHessian f(6); LxNewtonOpt o; return Run(o, f, -0.8); }},
-      {"Annealing", [] { Annealing o(300.0); o.SetSeed(11); o.SetIterLimit(20000); return Valley(o, 3, 3.0); }},
-      {"Finder A", [] { return Finder(1, {-3, -2}, {3, 2}); }},
-      {"Finder B", [] { return Finder(2, {-2.5, -1.5}, {2.5, 1.5}); }},
+      {"BFGS",
+       [] {
+         LxBFGSOpt o;
+         return Valley(o, 12, -1.2);
+       }},
+      {"BFGS again",
+       [] {
+         LxBFGSOpt o;
+         o.SetLineMinimize(LxMaxStepLineMinimize());
+         return Valley(o, 6, 0.3);
+       }},
+      {"ConjGrad",
+       [] {
+         LxConjGradOpt o;
+         o.SetTolerance(1e-8);
+         return Valley(o, 8, -0.5);
+       }},
+      {"PolakRibiere",
+       [] {
+         LxRibierePolakOpt o;
+         o.SetTolerance(1e-8);
+         return Valley(o, 5, 0.0);
+       }},
+      {"DFP",
+       [] {
+         LxDFPOpt o;
+         return Valley(o, 4, 2.0);
+       }},
+      {"LBFGS",
+       [] {
+         LxLBFGSOpt o;
+         o.SetTolerance(1e-10);
+         return Valley(o, 30, -1.0);
+       }},
+      {"Steepest",
+       [] {
+         LxSteepestDescentOpt o;
+         o.SetIterLimit(3000);
+         return Valley(o, 3, 0.5);
+       }},
+      {"Geometry",
+       [] {
+         LxBFGSOptimizer o;
+         return Valley(o, 9, -0.7);
+       }},
+      {"Newton",
+       [] {
+         ValleyWithHessian f(6);
+         LxNewtonOpt o;
+         return Run(o, f, -0.8);
+       }},
+      {"Annealing",
+       [] {
+         Annealing o(300.0);
+         o.SetSeed(11);
+         o.SetIterLimit(20000);
+         return Valley(o, 3, 3.0);
+       }},
+      {"Finder A",
+       [] {
+         return Finder(1, {-3, -2}, {3, 2});
+       }},
+      {"Finder B",
+       [] {
+         return Finder(2, {-2.5, -1.5}, {2.5, 1.5});
+       }},
   };
 }
 
@@ -161,7 +217,8 @@ TEST(Threads, ConcurrentRunsMatchSequentialRunsBitForBit) {
 
   for (std::size_t k = 0; k < jobs.size(); ++k) {
     EXPECT_FALSE(sequential[k].numbers.empty()) << jobs[k].name;
-    EXPECT_TRUE(sequential[k] == concurrent[k]) << jobs[k].name << " differs when run beside the others";
+    EXPECT_TRUE(sequential[k] == concurrent[k])
+        << jobs[k].name << " differs when run beside the others";
   }
   EXPECT_EQ(concurrentMessages, sequentialMessages);
   EXPECT_EQ(progress.str(), sequentialProgress);

@@ -180,7 +180,7 @@ TEST(Trace, RecordsEveryCallChainsAndWritesCsv) {
   Vec out(2);
   LxBFGSOpt()(rosen, &trace, start.data(), out.data());
   ASSERT_EQ(rec.States().back(), kLxDone);  // the chained answer stopped the run
-  std::ostringstream csv, expected;  // every call, in full precision
+  std::ostringstream csv, expected;         // every call, in full precision
   trace.WriteCsv(csv);
   expected.precision(17);
   expected << "iter,value,gnorm,state,x0,x1\n";

@@ -74,8 +74,8 @@ double lxm_minimize(int method, int n, const double* x0, double* out, LxmCallbac
 // method 0: LxBFGSOptimizer, 1: LxLBFGSOpt. settings: "tolerance=1e-10
 // iterlimit=100000 memory=8 cartesian=1 surrogate=1 ...". Writes the final point to out
 // and returns the final value.
-extern "C" double lxm_minimize(int method, int n, const double* x0, double* out,
-                               LxmCallback fg, const char* settings) {
+extern "C" double lxm_minimize(int method, int n, const double* x0, double* out, LxmCallback fg,
+                               const char* settings) {
   CallbackObjective func(static_cast<unsigned int>(n), fg);
   LastRun().cycles = 0;
   const double tolerance = Setting(settings, "tolerance", 1e-10);
@@ -96,4 +96,6 @@ extern "C" double lxm_minimize(int method, int n, const double* x0, double* out,
   return opt(func, &LastRun(), x0, out);
 }
 
-extern "C" int lxm_last_cycles() { return static_cast<int>(LastRun().cycles); }
+extern "C" int lxm_last_cycles() {
+  return static_cast<int>(LastRun().cycles);
+}

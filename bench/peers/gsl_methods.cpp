@@ -5,8 +5,8 @@
 // recommends.
 #include <gsl/gsl_errno.h>
 
-#include <chrono>
 #include <gsl/gsl_multimin.h>
+#include <chrono>
 
 #include "harness.h"
 
@@ -16,9 +16,13 @@ namespace {
 constexpr double kFirstStep = 0.01;
 constexpr double kLineTolerance = 0.1;
 
-Counting& Of(void* params) { return *static_cast<Counting*>(params); }
+Counting& Of(void* params) {
+  return *static_cast<Counting*>(params);
+}
 
-double Value(const gsl_vector* x, void* params) { return Of(params)(x->data); }
+double Value(const gsl_vector* x, void* params) {
+  return Of(params)(x->data);
+}
 void Gradient(const gsl_vector* x, void* params, gsl_vector* g) {
   Of(params).Gradient(x->data, g->data);
 }

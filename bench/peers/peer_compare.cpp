@@ -31,7 +31,9 @@ double Seconds(Clock::time_point since) {
   return std::chrono::duration<double>(Clock::now() - since).count();
 }
 
-int RepeatsFor(double firstRun) { return firstRun < 0.05 ? 5 : firstRun < 0.5 ? 3 : 1; }
+int RepeatsFor(double firstRun) {
+  return firstRun < 0.05 ? 5 : firstRun < 0.5 ? 3 : 1;
+}
 
 double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());

@@ -32,8 +32,8 @@
 #include <string>
 #include <vector>
 
-#include "lxopt/lxopt.h"
 #include "../bench_support.h"
+#include "lxopt/lxopt.h"
 
 namespace {
 
@@ -243,8 +243,8 @@ void TimedDlibBfgs(FILE* out, size_t n, unsigned int iterations) {
   dlib::find_min(dlib::bfgs_search_strategy(), ClockStop(&clock, iterations), value, gradient, x,
                  -std::numeric_limits<double>::infinity());
   const double steps = double(clock.Iterations() + 1);
-  Row(out, "bfgs", n, "dlib_bfgs", clock.PerIteration(), long(clock.Iterations()),
-      f.values / steps, f.gradients / steps);
+  Row(out, "bfgs", n, "dlib_bfgs", clock.PerIteration(), long(clock.Iterations()), f.values / steps,
+      f.gradients / steps);
 }
 
 void BfgsSection(FILE* out) {
@@ -290,8 +290,8 @@ void NewtonSection(FILE* out) {
     std::vector<double> x0(n, 0.0), x(n);
     opt(f, &checkpoint, x0.data(), x.data());
     BaselineRows(out, "newton", size_t(n), clock);
-    Row(out, "newton", size_t(n), "lxopt_newton", clock.PerIteration(), long(clock.Iterations()),
-        0, 0);
+    Row(out, "newton", size_t(n), "lxopt_newton", clock.PerIteration(), long(clock.Iterations()), 0,
+        0);
   }
 }
 

@@ -30,25 +30,35 @@ std::string& NameBuffer() {
 
 extern "C" {
 
-int lxb_count() { return static_cast<int>(Set().size()); }
+int lxb_count() {
+  return static_cast<int>(Set().size());
+}
 
 const char* lxb_name(int i) {
   NameBuffer() = Set()[i]->Name();
   return NameBuffer().c_str();
 }
 
-int lxb_n(int i) { return static_cast<int>(Set()[i]->NumVar()); }
+int lxb_n(int i) {
+  return static_cast<int>(Set()[i]->NumVar());
+}
 
-double lxb_fstar(int i) { return Set()[i]->FStar(); }
+double lxb_fstar(int i) {
+  return Set()[i]->FStar();
+}
 
 void lxb_start(int i, double* x) {
   const std::vector<double> s = Set()[i]->Start();
   std::memcpy(x, s.data(), s.size() * sizeof(double));
 }
 
-double lxb_value(int i, const double* x) { return (*Set()[i])(x); }
+double lxb_value(int i, const double* x) {
+  return (*Set()[i])(x);
+}
 
-double lxb_gradient(int i, const double* x, double* g) { return (*Set()[i])(x, g); }
+double lxb_gradient(int i, const double* x, double* g) {
+  return (*Set()[i])(x, g);
+}
 
 int lxb_hessian(int i, const double* x, double* h, double* g) {
   lxbench::Problem& p = *Set()[i];

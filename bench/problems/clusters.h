@@ -60,8 +60,7 @@ class PerturbedCluster : public LennardJonesCluster {
   double FStar() const override { return fstar_; }
 
   // x with every coordinate moved by a uniform amount in [-amplitude, amplitude].
-  static std::vector<double> Perturbed(std::vector<double> x, unsigned int seed,
-                                       double amplitude) {
+  static std::vector<double> Perturbed(std::vector<double> x, unsigned int seed, double amplitude) {
     std::mt19937 engine(seed);
     std::uniform_real_distribution<double> shift(-amplitude, amplitude);
     for (double& v : x) v += shift(engine);

@@ -110,7 +110,9 @@ template <class J>
 using IfJet = std::enable_if_t<IsJet<J>::value, J>;
 
 // Value of a plain double or of a jet.
-inline double Value(double x) { return x; }
+inline double Value(double x) {
+  return x;
+}
 template <class J>
 double Value(const J& x) {
   return x.v;

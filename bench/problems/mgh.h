@@ -19,7 +19,9 @@ namespace mgh {
 constexpr double kPi = 3.14159265358979323846;
 
 // Helpers shared by the models: start points and minimizers as vectors.
-inline std::vector<double> Filled(int n, double value) { return std::vector<double>(n, value); }
+inline std::vector<double> Filled(int n, double value) {
+  return std::vector<double>(n, value);
+}
 
 // 1. Rosenbrock: r1 = 10 (x2 - x1^2), r2 = 1 - x1.
 struct Rosenbrock {
@@ -347,17 +349,16 @@ struct Osborne2 {
   void Residuals(const T* x, T* r) const {
     using std::exp;
     const double y[kM] = {
-        1.366, 1.191, 1.112, 1.013, 0.991, 0.885, 0.831, 0.847, 0.786, 0.725, 0.746,
-        0.679, 0.608, 0.655, 0.616, 0.606, 0.602, 0.626, 0.651, 0.724, 0.649, 0.649,
-        0.694, 0.644, 0.624, 0.661, 0.612, 0.558, 0.533, 0.495, 0.500, 0.423, 0.395,
-        0.375, 0.372, 0.391, 0.396, 0.405, 0.428, 0.429, 0.523, 0.562, 0.607, 0.653,
-        0.672, 0.708, 0.633, 0.668, 0.645, 0.632, 0.591, 0.559, 0.597, 0.625, 0.739,
-        0.710, 0.729, 0.720, 0.636, 0.581, 0.428, 0.292, 0.162, 0.098, 0.054};
+        1.366, 1.191, 1.112, 1.013, 0.991, 0.885, 0.831, 0.847, 0.786, 0.725, 0.746, 0.679, 0.608,
+        0.655, 0.616, 0.606, 0.602, 0.626, 0.651, 0.724, 0.649, 0.649, 0.694, 0.644, 0.624, 0.661,
+        0.612, 0.558, 0.533, 0.495, 0.500, 0.423, 0.395, 0.375, 0.372, 0.391, 0.396, 0.405, 0.428,
+        0.429, 0.523, 0.562, 0.607, 0.653, 0.672, 0.708, 0.633, 0.668, 0.645, 0.632, 0.591, 0.559,
+        0.597, 0.625, 0.739, 0.710, 0.729, 0.720, 0.636, 0.581, 0.428, 0.292, 0.162, 0.098, 0.054};
     for (int i = 0; i < kM; ++i) {
       const double t = i / 10.0;
       const T a = t - x[8], b = t - x[9], c = t - x[10];
-      r[i] = y[i] - (x[0] * exp(-t * x[4]) + x[1] * exp(-a * a * x[5]) +
-                     x[2] * exp(-b * b * x[6]) + x[3] * exp(-c * c * x[7]));
+      r[i] = y[i] - (x[0] * exp(-t * x[4]) + x[1] * exp(-a * a * x[5]) + x[2] * exp(-b * b * x[6]) +
+                     x[3] * exp(-c * c * x[7]));
     }
   }
 };
@@ -471,8 +472,7 @@ struct PenaltyII {
       const double y = std::exp(i / 10.0) + std::exp((i - 1) / 10.0);
       r[i - 1] = sa * (exp(x[i - 1] / 10.0) + exp(x[i - 2] / 10.0) - y);
     }
-    for (int i = kN + 1; i < 2 * kN; ++i)
-      r[i - 1] = sa * (exp(x[i - kN] / 10.0) - std::exp(-0.1));
+    for (int i = kN + 1; i < 2 * kN; ++i) r[i - 1] = sa * (exp(x[i - kN] / 10.0) - std::exp(-0.1));
     T s = -1.0;
     for (int j = 1; j <= kN; ++j) s = s + (kN - j + 1.0) * x[j - 1] * x[j - 1];
     r[2 * kN - 1] = s;

@@ -88,8 +88,7 @@ class LeastSquares : public Problem {
       const H& q = r[m];
       for (int i = 0, k = 0; i < kN; ++i) {
         grad[i] += 2.0 * q.v * q.d[i];
-        for (int j = 0; j <= i; ++j, ++k)
-          hessian[k] += 2.0 * (q.d[i] * q.d[j] + q.v * q.h[k]);
+        for (int j = 0; j <= i; ++j, ++k) hessian[k] += 2.0 * (q.d[i] * q.d[j] + q.v * q.h[k]);
       }
     }
     return true;

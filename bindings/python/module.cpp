@@ -34,7 +34,9 @@ using Array = py::array_t<double, py::array::c_style | py::array::forcecast>;
 // A NumPy array owning a copy of n doubles: what Python code receives may be
 // kept (scipy's callables may keep their argument), so it never points into
 // the library's scratch memory.
-Array Copy(const double* data, unsigned int n) { return Array(n, data); }
+Array Copy(const double* data, unsigned int n) {
+  return Array(n, data);
+}
 
 // Copies a callable's array result of `count` values into out.
 void CopyResult(const py::handle& result, double* out, std::size_t count, const char* what) {
@@ -74,8 +76,12 @@ class PyObjective : public LxFunc2 {
  public:
   PyObjective(py::function fun, py::object jac, py::object hess, GradientSource source,
               unsigned int n, double step = kLxGradientStep)
-      : fun_(std::move(fun)), jac_(std::move(jac)), hess_(std::move(hess)), source_(source),
-        n_(n), step_(step) {}
+      : fun_(std::move(fun)),
+        jac_(std::move(jac)),
+        hess_(std::move(hess)),
+        source_(source),
+        n_(n),
+        step_(step) {}
 
   using LxFunc2::operator();
   unsigned int NumVar() const override { return n_; }
@@ -84,8 +90,8 @@ class PyObjective : public LxFunc2 {
     py::gil_scoped_acquire gil;
     ++nfev;
     py::object r = fun_(Copy(x, n_));
-    const double value =
-        source_ == GradientSource::kIncluded ? py::cast<double>(py::tuple(r)[0]) : py::cast<double>(r);
+    const double value = source_ == GradientSource::kIncluded ? py::cast<double>(py::tuple(r)[0])
+                                                              : py::cast<double>(r);
     return Checked(value, nullptr);
   }
 
@@ -122,7 +128,8 @@ class PyObjective : public LxFunc2 {
     const double value = (*this)(x, grad);
     if (!std::isfinite(value)) return false;
     if (hess_.is_none()) {
-      for (std::size_t k = 0; k < static_cast<std::size_t>(n_) * (n_ + 1) / 2; ++k) hessian[k] = 0.0;
+      for (std::size_t k = 0; k < static_cast<std::size_t>(n_) * (n_ + 1) / 2; ++k)
+        hessian[k] = 0.0;
       NumericHessian(*this, x, hessian);
       py::gil_scoped_acquire gil;
       ++nhev;
@@ -354,8 +361,9 @@ Array StartCopy(const py::object& x0) {
 // Whether the optimizer ends its run when a state-0 report is answered false.
 template <class Opt>
 constexpr bool HonoursStop() {
-  return !std::is_same<Opt, LxSteepestDescentOpt>::value && !std::is_same<Opt, LxNewtonOpt>::value &&
-         !std::is_same<Opt, LxNewtonConstrOpt>::value && !std::is_same<Opt, LxBFGSOptimizer>::value;
+  return !std::is_same<Opt, LxSteepestDescentOpt>::value &&
+         !std::is_same<Opt, LxNewtonOpt>::value && !std::is_same<Opt, LxNewtonConstrOpt>::value &&
+         !std::is_same<Opt, LxBFGSOptimizer>::value;
 }
 
 // One run of `opt` (an LxOptimizer1 or LxOptimizer2) on Python callables.
@@ -442,9 +450,8 @@ Class& Common(Class& cls) {
   cls.def(py::init<>())
       .def_property("iter_limit", &Opt::GetIterLimit, &Opt::SetIterLimit)
       .def_property("tolerance", &Opt::GetTolerance, &Opt::SetTolerance)
-      .def("minimize", &Run<Opt, Func>, py::arg("fun"), py::arg("x0"),
-           py::arg("jac") = py::none(), py::arg("hess") = py::none(),
-           py::arg("callback") = py::none(), py::arg("guard") = true,
+      .def("minimize", &Run<Opt, Func>, py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(),
+           py::arg("hess") = py::none(), py::arg("callback") = py::none(), py::arg("guard") = true,
            py::arg("eps") = kLxGradientStep, py::arg("dfp_inverse") = false,
            "Minimizes fun from x0; returns a dict of the raw outcome. jac: callable, True "
            "(fun returns (f, g)) or None (central differences with step eps); "
@@ -594,12 +601,12 @@ void BindNewtonConstrained(py::module_& m) {
               entry.second->SetNumVar(static_cast<unsigned int>(x.size()));
             }
             return Run<LxNewtonConstrOpt, LxFunc2>(s.opt, std::move(fun), x, std::move(jac),
-                                                   std::move(hess), std::move(callback), guard,
-                                                   eps, false);
+                                                   std::move(hess), std::move(callback), guard, eps,
+                                                   false);
           },
-          py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(),
-          py::arg("hess") = py::none(), py::arg("callback") = py::none(),
-          py::arg("guard") = true, py::arg("eps") = kLxGradientStep,
+          py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(), py::arg("hess") = py::none(),
+          py::arg("callback") = py::none(), py::arg("guard") = true,
+          py::arg("eps") = kLxGradientStep,
           "Minimizes fun from x0 subject to the listed constraints; returns a dict of the "
           "raw outcome.");
 }
@@ -615,13 +622,12 @@ void BindMinFinder(py::module_& m) {
   };
   py::class_<MinFinder> cls(m, "MinFinder");
   cls.def(py::init<>());
-#define LXOPT_SETTING(name, Get, Set) \
-  cls.def_property(                   \
+#define LXOPT_SETTING(name, Get, Set)                          \
+  cls.def_property(                                            \
       name, [](const MinFinder& s) { return s.finder.Get(); }, \
       [](MinFinder& s, decltype(s.finder.Get()) v) { s.finder.Set(v); })
   LXOPT_SETTING("max_sample", GetMaxSample, SetMaxSample);
-  LXOPT_SETTING("threshold_no_change", GetThresholdNumberOfNoChange,
-                SetThresholdNumberOfNoChange);
+  LXOPT_SETTING("threshold_no_change", GetThresholdNumberOfNoChange, SetThresholdNumberOfNoChange);
   LXOPT_SETTING("max_opt_points", GetMaxNumOptPoints, SetMaxNumOptPoints);
   LXOPT_SETTING("same_point_tolerance", GetSamePointTolerance, SetSamePointTolerance);
   LXOPT_SETTING("fval_sample_max", GetFvalSampleMax, SetFvalSampleMax);
@@ -642,9 +648,8 @@ void BindMinFinder(py::module_& m) {
         if (lower.size() != upper.size()) throw py::value_error("lower and upper differ in size");
         GradientSource source = GradientSource::kJac;
         if (py::isinstance<py::bool_>(jac) || jac.is_none()) {
-          source = py::isinstance<py::bool_>(jac) && py::cast<bool>(jac)
-                       ? GradientSource::kIncluded
-                       : GradientSource::kNumeric;
+          source = py::isinstance<py::bool_>(jac) && py::cast<bool>(jac) ? GradientSource::kIncluded
+                                                                         : GradientSource::kNumeric;
           jac = py::none();
         }
         s.func = std::make_unique<PyObjective>(std::move(fun), std::move(jac), py::none(), source,
@@ -668,7 +673,8 @@ void BindMinFinder(py::module_& m) {
         const std::size_t k = values.size();
         const std::size_t n = k == 0 ? 0 : coords.size() / k;
         Array x({k, n});
-        if (!coords.empty()) std::memcpy(x.mutable_data(), coords.data(), coords.size() * sizeof(double));
+        if (!coords.empty())
+          std::memcpy(x.mutable_data(), coords.data(), coords.size() * sizeof(double));
         return py::make_tuple(x, Array(k, values.data()));
       },
       "(coords, values): one row of coords per minimum, ascending by value.");
@@ -722,14 +728,12 @@ PYBIND11_MODULE(_lxopt, m) {
   py::class_<LxBFGSOptimizer> geometry(m, "Geometry");
   WithKeptHessian<LxBFGSOptimizer>(Common<LxBFGSOptimizer, LxFunc1>(geometry));
   geometry.def_property("history", &LxBFGSOptimizer::GetHistory, &LxBFGSOptimizer::SetHistory);
-  geometry.def_property("cartesian", &LxBFGSOptimizer::GetCartesian,
-                        &LxBFGSOptimizer::SetCartesian,
+  geometry.def_property("cartesian", &LxBFGSOptimizer::GetCartesian, &LxBFGSOptimizer::SetCartesian,
                         "Variables are x, y, z per atom: start from a model Hessian.");
   geometry.def_property("max_atom_step", &LxBFGSOptimizer::GetMaxAtomStep,
                         &LxBFGSOptimizer::SetMaxAtomStep,
                         "Hard limit on any atom's move per trial (0: none).");
-  geometry.def_property("surrogate", &LxBFGSOptimizer::GetSurrogate,
-                        &LxBFGSOptimizer::SetSurrogate,
+  geometry.def_property("surrogate", &LxBFGSOptimizer::GetSurrogate, &LxBFGSOptimizer::SetSurrogate,
                         "Try a Gaussian-process model's minimum first in each cycle.");
 
   py::class_<Anneal>(m, "Anneal")

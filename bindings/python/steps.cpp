@@ -31,10 +31,9 @@ LxOptimizer1* AsOptimizer(const py::object& o) {
 class PyAskTell {
  public:
   PyAskTell(py::object optimizer, const py::object& x0) : optimizer_(std::move(optimizer)) {
-    LxOptimizer1* opt =
-        AsOptimizer<LxBFGSOptimizer, LxLBFGSOpt, LxBFGSOpt, LxBFGSModOpt, LxDFPOpt, LxConjGradOpt,
-                    LxFletcherReevesOpt, LxRibierePolakOpt, LxHestenesStiefelOpt,
-                    LxSteepestDescentOpt>(optimizer_);
+    LxOptimizer1* opt = AsOptimizer<LxBFGSOptimizer, LxLBFGSOpt, LxBFGSOpt, LxBFGSModOpt, LxDFPOpt,
+                                    LxConjGradOpt, LxFletcherReevesOpt, LxRibierePolakOpt,
+                                    LxHestenesStiefelOpt, LxSteepestDescentOpt>(optimizer_);
     if (opt == nullptr) {
       throw py::type_error(
           "AskTell runs Geometry, LBFGS, BFGS, BFGSCarry, DFP, ConjGrad, FletcherReeves, "
@@ -67,8 +66,7 @@ class PyAskTell {
     }
     Array g = Array::ensure(grad);
     if (!g || static_cast<unsigned int>(g.size()) != run_.NumVar()) {
-      throw py::value_error("the gradient must have " + std::to_string(run_.NumVar()) +
-                            " values");
+      throw py::value_error("the gradient must have " + std::to_string(run_.NumVar()) + " values");
     }
     py::gil_scoped_release release;
     return run_.Tell(f, g.data());
@@ -117,18 +115,19 @@ is in progress.)")
                              [](const PyAskTell& s) { return s.Run().GradientWanted(); })
       .def_property_readonly("finished", [](const PyAskTell& s) { return s.Run().Finished(); })
       .def_property_readonly("x", &PyAskTell::Point, "Final point, None until finished.")
-      .def_property_readonly("fun", [](const PyAskTell& s) { return s.Run().GetValue(); },
-                             "Value the optimizer returned.")
-      .def_property_readonly("status",
-                             [](const PyAskTell& s) { return s.Run().LastRun().state; },
-                             "State that decided the finished run (0 while running).")
-      .def_property_readonly("nit",
-                             [](const PyAskTell& s) { return s.Run().LastRun().iterations; },
-                             "Iterations of the finished run.")
-      .def_property_readonly("converged",
-                             [](const PyAskTell& s) { return s.Run().LastRun().converged; },
-                             "Whether the finished run's state means convergence.")
-      .def_property_readonly("nfev",
-                             [](const PyAskTell& s) { return s.Run().GetEvaluations(); },
-                             "Points asked for so far.");
+      .def_property_readonly(
+          "fun", [](const PyAskTell& s) { return s.Run().GetValue(); },
+          "Value the optimizer returned.")
+      .def_property_readonly(
+          "status", [](const PyAskTell& s) { return s.Run().LastRun().state; },
+          "State that decided the finished run (0 while running).")
+      .def_property_readonly(
+          "nit", [](const PyAskTell& s) { return s.Run().LastRun().iterations; },
+          "Iterations of the finished run.")
+      .def_property_readonly(
+          "converged", [](const PyAskTell& s) { return s.Run().LastRun().converged; },
+          "Whether the finished run's state means convergence.")
+      .def_property_readonly(
+          "nfev", [](const PyAskTell& s) { return s.Run().GetEvaluations(); },
+          "Points asked for so far.");
 }

@@ -66,8 +66,7 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
   using LxOptimizer1::operator();
   // Anneals from x0, then minimises the best point with BFGS, reporting
   // through checkpoint. Returns the final value with the point in x.
-  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                    double* x) override;
+  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x) override;
   // How the last run ended.
   const LxRunSummary& LastRun() const override { return lastRun_; }
 
@@ -79,8 +78,7 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
  private:
   double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x);
   // Runs the local minimiser from xopt into x and returns its value.
-  double FinalMinimization(LxFunc1& func, LxCheckpoint1* checkpoint, const double* xopt,
-                           double* x);
+  double FinalMinimization(LxFunc1& func, LxCheckpoint1* checkpoint, const double* xopt, double* x);
 
   double temperature_;
   unsigned int stepCycles_ = 20;

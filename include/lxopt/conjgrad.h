@@ -73,8 +73,7 @@ class LXOPT_API LxConjGradOpt : public LxConjGradBase {
   using LxOptimizer1::operator();
   // Minimizes func from x0 (n doubles) into x (n doubles); returns the value
   // at x as listed under the exits above.
-  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                    double* x) override;
+  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x) override;
   // How the last run ended.
   const LxRunSummary& LastRun() const override { return lastRun_; }
 
@@ -112,8 +111,7 @@ class LXOPT_API LxBetaConjGradOpt : public LxConjGradBase {
   using LxOptimizer1::operator();
   // Minimizes func from x0 (n doubles) into x (n doubles); returns the value
   // at x as listed under the exits above.
-  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                    double* x) override;
+  double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x) override;
   // How the last run ended.
   const LxRunSummary& LastRun() const override { return lastRun_; }
 

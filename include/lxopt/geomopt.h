@@ -66,8 +66,8 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
   // null when the variables are coordinates; out: summary stream, or null to
   // record statistics. The pointers are kept, not copied: they must outlive
   // the optimisation. Resets the last cycle and the last RMS gradient to 0.
-  void SetParams(const char* name, double* ref, unsigned int nvar, LxAdaptor* adaptor,
-                 bool verbose, lxostream* out);
+  void SetParams(const char* name, double* ref, unsigned int nvar, LxAdaptor* adaptor, bool verbose,
+                 lxostream* out);
 
   // Plain RMSD (no superposition) of var's coordinates from the reference;
   // 0.0 when nvar is not a multiple of 3 (or var or the reference is null).
@@ -92,8 +92,8 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
   unsigned int GetLastState() const { return lastState_; }
 
  private:
-  bool SummaryOrStatistics(unsigned int iter, unsigned int nvar, double gnorm,
-                           const double* var, unsigned int state);
+  bool SummaryOrStatistics(unsigned int iter, unsigned int nvar, double gnorm, const double* var,
+                           unsigned int state);
   bool Summary(unsigned int iter, unsigned int nvar, double gnorm, unsigned int state);
   bool Statistics(unsigned int iter, unsigned int nvar, double gnorm, const double* var,
                   unsigned int state);
@@ -155,9 +155,9 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //               lowest point found.
 //   update      BFGS update of the inverse Hessian (Nocedal & Wright, eq.
 //               6.17); before the first update after a (re)start H is scaled
-//               by s.y / y.H y (Shanno & Phua; s.y / y.y from the identity); when s.y < 0.2 y.Hy the step is
-//               damped towards H y (Powell's damping in inverse form), so H
-//               stays positive definite.
+//               by s.y / y.H y (Shanno & Phua; s.y / y.y from the identity); when s.y < 0.2 y.Hy
+//               the step is damped towards H y (Powell's damping in inverse form), so H stays
+//               positive definite.
 //   history     off by default (SetHistory): after each accepted step a GDIIS
 //               extrapolation over the stored points and gradients is tried
 //               (Csaszar & Pulay, J. Mol. Struct. 114 (1984) 31), and when it

@@ -39,16 +39,12 @@ LXOPT_API const char* LxMessageLevelName(LxMessageLevel level);
 // with its level; Info, Warning and Error then return to the caller.
 class LXOPT_API LxErrorHandler {
  public:
-  void Info(const char* format, ...)
-      __attribute__((format(printf, 2, 3)));
-  void Warning(const char* format, ...)
-      __attribute__((format(printf, 2, 3)));
-  void Error(const char* format, ...)
-      __attribute__((format(printf, 2, 3)));
+  void Info(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void Warning(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void Error(const char* format, ...) __attribute__((format(printf, 2, 3)));
   // Hands the message to the sink, then aborts the process unless the sink
   // leaves by throwing.
-  [[noreturn]] void Fatal(const char* format, ...)
-      __attribute__((format(printf, 2, 3)));
+  [[noreturn]] void Fatal(const char* format, ...) __attribute__((format(printf, 2, 3)));
 };
 // The library's one reporting object; stateless.
 LXOPT_API extern LxErrorHandler LxThrow;
@@ -157,8 +153,7 @@ class LXOPT_API MtRng {
 class LXOPT_API LxUniformDoubleRNG {
  public:
   // The range [low, high); low <= high is the caller's to keep.
-  explicit LxUniformDoubleRNG(double low = 0.0, double high = 1.0)
-      : low_(low), high_(high) {}
+  explicit LxUniformDoubleRNG(double low = 0.0, double high = 1.0) : low_(low), high_(high) {}
   // Next value: low + u (high - low), u in [0, 1); advances engine by two
   // draws.
   double operator()(MtRng& engine) const;
@@ -191,8 +186,7 @@ class LXOPT_API LxRandom {
 
 // Rotates count points (x, y, z triples) in place: p -> M p, with M a
 // row-major 3 x 3 matrix.
-LXOPT_API void LxGeom3DRotate(double* coords, unsigned int count,
-                              const double* matrix);
+LXOPT_API void LxGeom3DRotate(double* coords, unsigned int count, const double* matrix);
 
 // Root-mean-square distance between two sets of count points.
 // superpose = false: the plain RMSD of the coordinates as given.
@@ -202,9 +196,8 @@ LXOPT_API void LxGeom3DRotate(double* coords, unsigned int count,
 // rotation: if not null and superpose is true, receives the row-major 3 x 3
 // rotation R that maps centred b onto centred a (identity otherwise).
 // count = 0 gives 0.0.
-LXOPT_API double LxRMSD(const double* a, const double* b, unsigned int count,
-                        bool superpose, const double* weights = nullptr,
-                        double* rotation = nullptr);
+LXOPT_API double LxRMSD(const double* a, const double* b, unsigned int count, bool superpose,
+                        const double* weights = nullptr, double* rotation = nullptr);
 
 // ---------------------------------------------------------------- versions
 

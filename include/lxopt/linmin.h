@@ -26,8 +26,7 @@ class LXOPT_API LxLineMinimize {
   virtual ~LxLineMinimize();
   // The search, with the arguments and result described above.
   virtual bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
-                          double* gradOut, double* fval, double* step,
-                          LxFunc1& func) const = 0;
+                          double* gradOut, double* fval, double* step, LxFunc1& func) const = 0;
   // Per-variable step limits (In: n values at maxstep); returns whether the
   // minimizer took them. This base ignores them and returns false.
   virtual bool SetMaxStep(unsigned int n, double* maxstep);
@@ -47,9 +46,8 @@ class LXOPT_API LxLineMinimize {
 class LXOPT_API LxCGLineMinimize : public LxLineMinimize {
  public:
   // The search described above, with the base class's argument contract.
-  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
-                  double* gradOut, double* fval, double* step,
-                  LxFunc1& func) const override;
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
+                  double* fval, double* step, LxFunc1& func) const override;
   // A new heap copy with the same settings, owned by the caller.
   LxLineMinimize* CreateCopy() const override;
 };
@@ -69,17 +67,16 @@ class LXOPT_API LxQNLineMinimize : public LxLineMinimize {
   LxQNLineMinimize(unsigned int maxTrials = 32, double c1 = 1e-4, double c2 = 0.9,
                    double minStep = 1e-10);
   // The search described above, with the base class's argument contract.
-  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
-                  double* gradOut, double* fval, double* step,
-                  LxFunc1& func) const override;
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
+                  double* fval, double* step, LxFunc1& func) const override;
   // A new heap copy with the same settings, owned by the caller.
   LxLineMinimize* CreateCopy() const override;
 
  private:
-  double c1_;                // sufficient decrease
-  double c2_;                // curvature
-  double minStep_;           // floor of the first and of a successful final step
-  unsigned int maxTrials_;   // evaluations per call
+  double c1_;               // sufficient decrease
+  double c2_;               // curvature
+  double minStep_;          // floor of the first and of a successful final step
+  unsigned int maxTrials_;  // evaluations per call
 };
 
 // Honours a per-variable limit on the displacement of one search. When the
@@ -106,9 +103,8 @@ class LXOPT_API LxMaxStepLineMinimize : public LxLineMinimize {
   ~LxMaxStepLineMinimize() override;
 
   // The limited march, then the embedded search, as described above.
-  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
-                  double* gradOut, double* fval, double* step,
-                  LxFunc1& func) const override;
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
+                  double* fval, double* step, LxFunc1& func) const override;
   // Replaces the limits with a copy of n values and returns true; n = 0
   // changes nothing and returns false.
   bool SetMaxStep(unsigned int n, double* maxstep) override;
@@ -143,9 +139,8 @@ class LXOPT_API LxNRLineSearch : public LxLineMinimize {
 
   // The backtracking search described above; unlike the base contract it
   // may shorten dir and writes fval, step and gradOut on failure too.
-  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
-                  double* gradOut, double* fval, double* step,
-                  LxFunc1& func) const override;
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
+                  double* fval, double* step, LxFunc1& func) const override;
   // Maximum direction length max(|x|, n) for x of n values; always true.
   bool SetMaxStep(unsigned int n, double* x) override;
   // A new heap copy with the same settings, owned by the caller.

@@ -2,21 +2,21 @@
 #ifndef LXOPT_LXOPT_H
 #define LXOPT_LXOPT_H
 
-#include "lxopt/host.h"
-#include "lxopt/function.h"
-#include "lxopt/optimizer.h"
-#include "lxopt/asktell.h"
-#include "lxopt/linmin.h"
-#include "lxopt/conjgrad.h"
-#include "lxopt/steepest.h"
-#include "lxopt/newton.h"
-#include "lxopt/version.h"
-#include "lxopt/geomopt.h"
 #include "lxopt/anneal.h"
-#include "lxopt/quasinewton.h"
-#include "lxopt/minfinder.h"
+#include "lxopt/asktell.h"
+#include "lxopt/conjgrad.h"
 #include "lxopt/coordfunc.h"
+#include "lxopt/function.h"
+#include "lxopt/geomopt.h"
+#include "lxopt/host.h"
+#include "lxopt/linmin.h"
+#include "lxopt/minfinder.h"
+#include "lxopt/newton.h"
 #include "lxopt/numeric.h"
+#include "lxopt/optimizer.h"
+#include "lxopt/quasinewton.h"
+#include "lxopt/steepest.h"
 #include "lxopt/tools.h"
+#include "lxopt/version.h"
 
 #endif  // LXOPT_LXOPT_H

@@ -165,8 +165,7 @@ class LXOPT_API MinfinderSamplePoints {
   // Asks generator for a point of the box into x (resized to n). A null
   // generator is an error; the generator's answer is returned.
   bool GetRandomSamplePoint(std::vector<double>& x, const std::vector<double>& lower,
-                            const std::vector<double>& upper,
-                            GetRandomVariables* generator) const;
+                            const std::vector<double>& upper, GetRandomVariables* generator) const;
 
   // Euclidean distance over the n variables and its square; n = 0 gives 0.
   // Indices must be below getNumPoints() (not checked: inner-loop helpers).
@@ -288,8 +287,8 @@ class LXOPT_API LxMinfinderBatch {
   virtual bool Values(const double* x, std::size_t count, double* f) = 0;
   // Optimize, free to use planner on the way; before it returns it must have
   // set the value of every point planner handed out. By default Optimize.
-  virtual bool OptimizeAndPlan(const double* x, std::size_t count, double* z, double* f,
-                               double* fz, double* gz, LxMinfinderPlanner& planner);
+  virtual bool OptimizeAndPlan(const double* x, std::size_t count, double* z, double* f, double* fz,
+                               double* gz, LxMinfinderPlanner& planner);
 };
 
 // ------------------------------------------------------------- finder
@@ -338,38 +337,68 @@ class LXOPT_API LxMinfinderImpl {
   // Each setter returns true; each getter returns the current setting.
   // Draws per cycle (default 1000); a cycle that needs them all ends the
   // search.
-  bool SetMaxSample(unsigned long value) { maxSample_ = value; return true; }
+  bool SetMaxSample(unsigned long value) {
+    maxSample_ = value;
+    return true;
+  }
   unsigned long GetMaxSample() const { return maxSample_; }
   // Ends the search when more than this many local optimizations in a row
   // found nothing new (default 500).
-  bool SetThresholdNumberOfNoChange(unsigned long value) { noChangeThreshold_ = value; return true; }
+  bool SetThresholdNumberOfNoChange(unsigned long value) {
+    noChangeThreshold_ = value;
+    return true;
+  }
   unsigned long GetThresholdNumberOfNoChange() const { return noChangeThreshold_; }
   // Ends the search once the minima store holds this many (default 1000).
-  bool SetMaxNumOptPoints(unsigned long value) { maxNumOptPoints_ = value; return true; }
+  bool SetMaxNumOptPoints(unsigned long value) {
+    maxNumOptPoints_ = value;
+    return true;
+  }
   unsigned long GetMaxNumOptPoints() const { return maxNumOptPoints_; }
   // Same-point tolerance (default 0.01): per variable for the stores and
   // the value or IsRedundant tolerance when matching minima. Stored only;
   // the stores receive it at Setup.
-  bool SetSamePointTolerance(double value) { samePointTolerance_ = value; return true; }
+  bool SetSamePointTolerance(double value) {
+    samePointTolerance_ = value;
+    return true;
+  }
   double GetSamePointTolerance() const { return samePointTolerance_; }
   // Sample window: a start point is kept only when FvalSampleMin < f <
   // FvalSampleMax (strict; defaults -/+ the largest double).
-  bool SetFvalSampleMax(double value) { fvalSampleMax_ = value; return true; }
+  bool SetFvalSampleMax(double value) {
+    fvalSampleMax_ = value;
+    return true;
+  }
   double GetFvalSampleMax() const { return fvalSampleMax_; }
-  bool SetFvalSampleMin(double value) { fvalSampleMin_ = value; return true; }
+  bool SetFvalSampleMin(double value) {
+    fvalSampleMin_ = value;
+    return true;
+  }
   double GetFvalSampleMin() const { return fvalSampleMin_; }
   // Minima range: a result is a minimum only when FvalMinimaMin < f <
   // FvalMinimaMax (strict; defaults -/+ the largest double).
-  bool SetFvalMinimaMax(double value) { fvalMinimaMax_ = value; return true; }
+  bool SetFvalMinimaMax(double value) {
+    fvalMinimaMax_ = value;
+    return true;
+  }
   double GetFvalMinimaMax() const { return fvalMinimaMax_; }
-  bool SetFvalMinimaMin(double value) { fvalMinimaMin_ = value; return true; }
+  bool SetFvalMinimaMin(double value) {
+    fvalMinimaMin_ = value;
+    return true;
+  }
   double GetFvalMinimaMin() const { return fvalMinimaMin_; }
   // A new minimum needs f <= lowest + window; GetMinimums returns those
   // strictly within it (default 25.0).
-  bool SetFvalMinimaWindow(double value) { fvalMinimaWindow_ = value; return true; }
+  bool SetFvalMinimaWindow(double value) {
+    fvalMinimaWindow_ = value;
+    return true;
+  }
   double GetFvalMinimaWindow() const { return fvalMinimaWindow_; }
   // Hours of wall-clock time (default 6.0), checked when a minimum is added.
-  bool SetTimeLimit(double hours) { timeLimit_ = hours; return true; }
+  bool SetTimeLimit(double hours) {
+    timeLimit_ = hours;
+    return true;
+  }
   double GetTimeLimit() const { return timeLimit_; }
   // Local optimization tolerance (default 1e-8); returns true.
   // Also the BFGS tolerance (squared gradient norm); the steepest-descent
@@ -382,11 +411,17 @@ class LXOPT_API LxMinfinderImpl {
   unsigned int GetLocalOptMaxIter() const { return localOptMaxIter_; }
   // Whether a new minimum must lie in the box (default true); handed to the
   // minima store at each Optimize.
-  bool SetCheckMinimumInRange(bool value) { checkMinimumInRange_ = value; return true; }
+  bool SetCheckMinimumInRange(bool value) {
+    checkMinimumInRange_ = value;
+    return true;
+  }
   bool GetCheckMinimumInRange() const { return checkMinimumInRange_; }
   // Whether minima are matched through func.IsRedundant (true) or by value
   // (false, the default; equal values merge).
-  bool SetKeepDegenerateStates(bool value) { keepDegenerateStates_ = value; return true; }
+  bool SetKeepDegenerateStates(bool value) {
+    keepDegenerateStates_ = value;
+    return true;
+  }
   bool GetKeepDegenerateStates() const { return keepDegenerateStates_; }
   // Reseeds the engine of the neighbour draws (5489 unless this is called)
   // and the start-point generator: the one set up now and any given to a
@@ -512,10 +547,10 @@ class LXOPT_API LxMinfinderImpl {
   bool batchFailed_ = false;
   std::vector<double> batchX_, batchF_, batchG_;
   std::vector<double> localZ_, localF_, localFz_, localGz_;
-  MtRng planEngine_;                       // the engine before the current sample's neighbours
-  MtRng aheadEngine_;                      // the engine as drawn ahead by AheadPlanner
-  std::size_t aheadNext_ = 0;              // the next sample AheadPlanner looks at
-  std::vector<std::size_t> planFirst_;     // per sample: first planned neighbour, or kNoPlan
+  MtRng planEngine_;                    // the engine before the current sample's neighbours
+  MtRng aheadEngine_;                   // the engine as drawn ahead by AheadPlanner
+  std::size_t aheadNext_ = 0;           // the next sample AheadPlanner looks at
+  std::vector<std::size_t> planFirst_;  // per sample: first planned neighbour, or kNoPlan
   std::vector<double> planPoints_, planValues_;
   static constexpr std::size_t kNoPlan = static_cast<std::size_t>(-1);
 

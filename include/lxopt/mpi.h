@@ -54,48 +54,47 @@ namespace LxMinfinder {
 // while its cycle ran) is optimized all the same and its result dropped.
 //
 // The settings are LxMinfinder's; those of rank 0 count (at each Optimize
-// the other ranks take rank 0's local-optimization settings and window). The generator and the bounds'
-// values are used on rank 0 only; other ranks may pass a null generator, but
-// their bounds must have the same length. After Optimize every rank holds the
-// minima (GetMinimums, PrintMinimums give the same everywhere); rank 0 alone
-// keeps the ellipsoids and the sample store (GetImpl).
+// the other ranks take rank 0's local-optimization settings and window). The generator and the
+// bounds' values are used on rank 0 only; other ranks may pass a null generator, but their bounds
+// must have the same length. After Optimize every rank holds the minima (GetMinimums, PrintMinimums
+// give the same everywhere); rank 0 alone keeps the ellipsoids and the sample store (GetImpl).
 class LXOPT_MPI_API LxMpiMinfinder : private LxMinfinder {
  public:
   // The ranks of comm share the work; comm is borrowed.
   explicit LxMpiMinfinder(MPI_Comm comm = MPI_COMM_WORLD);
 
-  using LxMinfinder::SetMaxSample;
-  using LxMinfinder::GetMaxSample;
-  using LxMinfinder::SetThresholdNumberOfNoChange;
-  using LxMinfinder::GetThresholdNumberOfNoChange;
-  using LxMinfinder::SetMaxNumOptPoints;
-  using LxMinfinder::GetMaxNumOptPoints;
-  using LxMinfinder::SetSamePointTolerance;
-  using LxMinfinder::GetSamePointTolerance;
-  using LxMinfinder::SetFvalSampleMax;
-  using LxMinfinder::GetFvalSampleMax;
-  using LxMinfinder::SetFvalSampleMin;
-  using LxMinfinder::GetFvalSampleMin;
-  using LxMinfinder::SetFvalMinimaMax;
-  using LxMinfinder::GetFvalMinimaMax;
-  using LxMinfinder::SetFvalMinimaMin;
-  using LxMinfinder::GetFvalMinimaMin;
-  using LxMinfinder::SetFvalMinimaWindow;
-  using LxMinfinder::GetFvalMinimaWindow;
-  using LxMinfinder::SetTimeLimit;
-  using LxMinfinder::GetTimeLimit;
-  using LxMinfinder::SetLocalOptTolerance;
-  using LxMinfinder::GetLocalOptTolerance;
-  using LxMinfinder::SetLocalOptMaxIter;
-  using LxMinfinder::GetLocalOptMaxIter;
-  using LxMinfinder::SetCheckMinimumInRange;
   using LxMinfinder::GetCheckMinimumInRange;
-  using LxMinfinder::SetKeepDegenerateStates;
-  using LxMinfinder::GetKeepDegenerateStates;
-  using LxMinfinder::SetSeed;
-  using LxMinfinder::GetMinimums;
-  using LxMinfinder::PrintMinimums;
+  using LxMinfinder::GetFvalMinimaMax;
+  using LxMinfinder::GetFvalMinimaMin;
+  using LxMinfinder::GetFvalMinimaWindow;
+  using LxMinfinder::GetFvalSampleMax;
+  using LxMinfinder::GetFvalSampleMin;
   using LxMinfinder::GetImpl;
+  using LxMinfinder::GetKeepDegenerateStates;
+  using LxMinfinder::GetLocalOptMaxIter;
+  using LxMinfinder::GetLocalOptTolerance;
+  using LxMinfinder::GetMaxNumOptPoints;
+  using LxMinfinder::GetMaxSample;
+  using LxMinfinder::GetMinimums;
+  using LxMinfinder::GetSamePointTolerance;
+  using LxMinfinder::GetThresholdNumberOfNoChange;
+  using LxMinfinder::GetTimeLimit;
+  using LxMinfinder::PrintMinimums;
+  using LxMinfinder::SetCheckMinimumInRange;
+  using LxMinfinder::SetFvalMinimaMax;
+  using LxMinfinder::SetFvalMinimaMin;
+  using LxMinfinder::SetFvalMinimaWindow;
+  using LxMinfinder::SetFvalSampleMax;
+  using LxMinfinder::SetFvalSampleMin;
+  using LxMinfinder::SetKeepDegenerateStates;
+  using LxMinfinder::SetLocalOptMaxIter;
+  using LxMinfinder::SetLocalOptTolerance;
+  using LxMinfinder::SetMaxNumOptPoints;
+  using LxMinfinder::SetMaxSample;
+  using LxMinfinder::SetSamePointTolerance;
+  using LxMinfinder::SetSeed;
+  using LxMinfinder::SetThresholdNumberOfNoChange;
+  using LxMinfinder::SetTimeLimit;
 
   // Collective. LxMinfinder's Setup on every rank, after the ranks agree on
   // NumVar and the bounds' lengths. A disagreement reports "LxMpiMinfinder:

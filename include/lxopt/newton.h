@@ -84,14 +84,13 @@ class LXOPT_API LxNewtonOptImpl {
 
   // Minimizes func from start into result (they may be the same array) and
   // returns the final value; see the class comment for the exits.
-  virtual double operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
-                            const double* start, double* result);
+  virtual double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
+                            double* result);
 
   // A fresh steepest-descent run from start into result with tolerance
   // n * s * s (s = precondition gradient scale) and the precondition
   // iteration limit, no checkpoint; returns its value.
-  double PreconditionWSteepestDescent(LxFunc2& func, const double* start,
-                                      double* result);
+  double PreconditionWSteepestDescent(LxFunc2& func, const double* start, double* result);
 
   // Largest number of Newton iterations of a run (before any extension by
   // the Stable report).
@@ -107,8 +106,8 @@ class LXOPT_API LxNewtonOptImpl {
   // returned value (the exits of the class comment); step forms each step,
   // the merit it is accepted by, the reported gradient and the convergence
   // test. gradient_ and packed_ must be sized to func, work to n.
-  double RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
-                         double* x, detail::NewtonStep& step, detail::NewtonWorkspace& work);
+  double RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start, double* x,
+                         detail::NewtonStep& step, detail::NewtonWorkspace& work);
 
   unsigned int iterLimit_ = kDefaultIterLimit;
   double maxDamping_ = 1000.0;

@@ -31,36 +31,27 @@ struct GradDiff {
 
 // Adds (f(x + h e_i) - f(x - h e_i)) / 2h to grad[i] for every i; zero grad
 // first for a plain gradient. Returns f(x). 2n + 1 value evaluations.
-LXOPT_API double NumericGradients(LxFunc0& func,
-                                  const double* x,
-                                  double* grad,
+LXOPT_API double NumericGradients(LxFunc0& func, const double* x, double* grad,
                                   double h = kLxGradientStep);
 
 // Adds (g_j(x + h e_i) - g_j(x - h e_i)) / 2h to the packed element (i, j),
 // j <= i; zero hessian first for a plain Hessian. Returns f(x).
 // n (n + 1) gradient evaluations and one value evaluation.
-LXOPT_API double NumericHessian(LxFunc1& func,
-                                const double* x,
-                                double* hessian,
+LXOPT_API double NumericHessian(LxFunc1& func, const double* x, double* hessian,
                                 double h = kLxHessianStep);
 
 // One element (g_c(x + h e_r) - g_c(x - h e_r)) / 2h with r the larger and c
 // the smaller of row and column. r > NumVar() warns "Hessian row or column
 // number can't exceed Hessian dimension" and returns the largest finite
 // double. r == NumVar() is not rejected: the caller keeps indices below n.
-LXOPT_API double NumericHessianElement(LxFunc1& func,
-                                       const double* x,
-                                       unsigned int row,
-                                       unsigned int column,
-                                       double h = kLxHessianStep);
+LXOPT_API double NumericHessianElement(LxFunc1& func, const double* x, unsigned int row,
+                                       unsigned int column, double h = kLxHessianStep);
 
 // The displaced gradients along variable `index`, for assembling a Hessian
 // later (perhaps from records made elsewhere) with the NumericHessian below.
 // index >= NumVar() warns "Index passed is outside the variables range" and
 // returns the record with empty arrays.
-LXOPT_API GradDiff DifferentialGradients(LxFunc1& func,
-                                         const double* x,
-                                         unsigned int index,
+LXOPT_API GradDiff DifferentialGradients(LxFunc1& func, const double* x, unsigned int index,
                                          double h = kLxHessianStep);
 
 // Adds (gplus[j] - gminus[j]) / denominator to the packed element (i, j) for

@@ -77,8 +77,8 @@ class LXOPT_API LxCheckpoint0 {
   // current value; vars, the nvar current variables (valid during the call
   // only); state, 0 for a per-iteration report or the final result state.
   // Returns true to continue, false to ask for a stop.
-  virtual bool operator()(unsigned int iter, unsigned int nvar, double fval,
-                          const double* vars, unsigned int state) = 0;
+  virtual bool operator()(unsigned int iter, unsigned int nvar, double fval, const double* vars,
+                          unsigned int state) = 0;
   virtual ~LxCheckpoint0();
 };
 
@@ -89,15 +89,14 @@ class LXOPT_API LxCheckpoint0 {
 class LXOPT_API LxCheckpoint1 : public LxCheckpoint0 {
  public:
   // The value-only form; this default accepts and continues.
-  bool operator()(unsigned int iter, unsigned int nvar, double fval,
-                  const double* vars, unsigned int state) override;
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, const double* vars,
+                  unsigned int state) override;
   ~LxCheckpoint1() override;
   // In: iter, nvar, fval, vars and state as for the value-only form; gnorm,
   // the gradient norm described above; grad, the nvar gradient components or
   // null. Returns true to continue, false to ask for a stop (state 0 only).
-  virtual bool operator()(unsigned int iter, unsigned int nvar, double fval,
-                          double gnorm, const double* vars, const double* grad,
-                          unsigned int state) = 0;
+  virtual bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                          const double* vars, const double* grad, unsigned int state) = 0;
 };
 
 // Base of the value-only optimizers. Each run borrows the objective and the
@@ -113,8 +112,8 @@ class LXOPT_API LxOptimizer0 {
   // Minimizes func from start (In: func.NumVar() doubles), reporting to
   // checkpoint (may be null); Out: out receives the final variables. Returns
   // the final value. What each result state leaves is stated by the optimizer.
-  virtual double operator()(LxFunc0& func, LxCheckpoint0* checkpoint,
-                            const double* start, double* out) = 0;
+  virtual double operator()(LxFunc0& func, LxCheckpoint0* checkpoint, const double* start,
+                            double* out) = 0;
   virtual ~LxOptimizer0();
 };
 
@@ -133,8 +132,8 @@ class LXOPT_API LxOptimizer1 {
   // Minimizes func from start (In: func.NumVar() doubles), reporting to
   // checkpoint (may be null); Out: out receives the final variables. Returns
   // the final value. out may equal start.
-  virtual double operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
-                            const double* start, double* out) = 0;
+  virtual double operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* start,
+                            double* out) = 0;
   virtual ~LxOptimizer1();
   // How the last run ended; the library's optimizers fill it on every exit.
   // This default (for optimizers outside the library) reports state 0.
@@ -156,8 +155,8 @@ class LXOPT_API LxOptimizer2 {
   // Minimizes func from start (In: func.NumVar() doubles), reporting to
   // checkpoint (may be null); Out: out receives the final variables. Returns
   // the final value. What each result state leaves is stated by the optimizer.
-  virtual double operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
-                            const double* start, double* out) = 0;
+  virtual double operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
+                            double* out) = 0;
   virtual ~LxOptimizer2();
   // How the last run ended; the library's optimizers fill it on every exit.
   // This default (for optimizers outside the library) reports state 0.

@@ -300,10 +300,10 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
   LxRunSummary lastRun_;
   bool cartesian_ = false;
   bool keepPairs_ = false;
-  bool kept_ = false;            // the last run stored its pairs (maybe none)
-  unsigned int keptN_ = 0;       // variables of that run
-  unsigned int keptCount_ = 0;   // pairs stored
-  std::vector<double> keptS_;    // keptCount_ rows of keptN_, oldest first
+  bool kept_ = false;           // the last run stored its pairs (maybe none)
+  unsigned int keptN_ = 0;      // variables of that run
+  unsigned int keptCount_ = 0;  // pairs stored
+  std::vector<double> keptS_;   // keptCount_ rows of keptN_, oldest first
   std::vector<double> keptY_;
 };
 

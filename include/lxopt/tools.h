@@ -114,18 +114,10 @@ class LXOPT_API LxBudgetCheckpoint : public LxCheckpoint1 {
   bool Spent() const;
 
   // The two report forms: handled as described above; returns the answer.
-  bool operator()(unsigned int iter,
-                  unsigned int nvar,
-                  double fval,
-                  const double* vars,
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, const double* vars,
                   unsigned int state) override;
-  bool operator()(unsigned int iter,
-                  unsigned int nvar,
-                  double fval,
-                  double gnorm,
-                  const double* vars,
-                  const double* grad,
-                  unsigned int state) override;
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                  const double* vars, const double* grad, unsigned int state) override;
 
  private:
   bool Answer(bool nextAnswer, unsigned int state);
@@ -161,18 +153,10 @@ class LXOPT_API LxTraceCheckpoint : public LxCheckpoint1 {
   explicit LxTraceCheckpoint(LxCheckpoint1* next = nullptr, bool recordPoints = false);
 
   // The two report forms: handled as described above; returns the answer.
-  bool operator()(unsigned int iter,
-                  unsigned int nvar,
-                  double fval,
-                  const double* vars,
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, const double* vars,
                   unsigned int state) override;
-  bool operator()(unsigned int iter,
-                  unsigned int nvar,
-                  double fval,
-                  double gnorm,
-                  const double* vars,
-                  const double* grad,
-                  unsigned int state) override;
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                  const double* vars, const double* grad, unsigned int state) override;
 
   // The calls recorded so far, in order; Clear forgets them.
   const std::vector<LxTraceEntry>& Entries() const { return entries_; }
@@ -218,14 +202,12 @@ struct LxDerivativeCheckOptions {
 
 // The gradient of func at x (n = func.NumVar() values; x is not changed).
 // Costs one value-and-gradient call and 2n value calls.
-LXOPT_API LxDerivativeCheck LxCheckGradient(LxFunc1& func,
-                                            const double* x,
+LXOPT_API LxDerivativeCheck LxCheckGradient(LxFunc1& func, const double* x,
                                             const LxDerivativeCheckOptions& options = {});
 // The packed Hessian of func at x. Costs one Hessian call and 2n
 // value-and-gradient calls. A Hessian call that returns false reports an
 // error and yields an empty, failed result.
-LXOPT_API LxDerivativeCheck LxCheckHessian(LxFunc2& func,
-                                           const double* x,
+LXOPT_API LxDerivativeCheck LxCheckHessian(LxFunc2& func, const double* x,
                                            const LxDerivativeCheckOptions& options = {});
 
 // The gradient check of a coordinate objective plus its invariances, reported
@@ -244,8 +226,7 @@ struct LxCoordDerivativeCheck {
 
 // The gradient check of func at x (3N coordinates; not changed) with the
 // invariance residuals, each compared with options.tolerance.
-LXOPT_API LxCoordDerivativeCheck LxCheckGradient(LxCoordFunc1& func,
-                                                 const double* x,
+LXOPT_API LxCoordDerivativeCheck LxCheckGradient(LxCoordFunc1& func, const double* x,
                                                  const LxDerivativeCheckOptions& options = {});
 
 // A readable multi-line report: verdict, worst component, and the components

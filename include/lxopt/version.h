@@ -9,10 +9,10 @@
 
 namespace LxOpt {
 
-LXOPT_API unsigned int LxOptGetVersion();          // 20260727
-LXOPT_API const char* LxOptGetRelease();           // "2.9.2.0"
-LXOPT_API const char* LxOptGetNonDebugRelease();   // "2.9.2.0"
-LXOPT_API const char* LxOptGetDebugRelease();      // "2.9.2.0 debug"
+LXOPT_API unsigned int LxOptGetVersion();         // 20260727
+LXOPT_API const char* LxOptGetRelease();          // "2.9.2.0"
+LXOPT_API const char* LxOptGetNonDebugRelease();  // "2.9.2.0"
+LXOPT_API const char* LxOptGetDebugRelease();     // "2.9.2.0 debug"
 // Target architecture and build platform strings of this build.
 LXOPT_API const char* LxOptGetArch();
 LXOPT_API const char* LxOptGetPlatform();

@@ -13,8 +13,8 @@
 namespace LxOpt {
 namespace {
 
-constexpr double kBox = 10000.0;             // coordinates stay in [-kBox, kBox]
-constexpr double kMaxStepLength = 20000.0;   // the width of the box
+constexpr double kBox = 10000.0;            // coordinates stay in [-kBox, kBox]
+constexpr double kMaxStepLength = 20000.0;  // the width of the box
 constexpr double kHighAcceptance = 0.6;
 constexpr double kLowAcceptance = 0.4;
 constexpr double kHistoryStart = 1e20;
@@ -72,16 +72,13 @@ double LxSAOpt::FinalMinimization(LxFunc1& func, LxCheckpoint1* checkpoint, cons
   return (*local_)(func, checkpoint, xopt, x);
 }
 
-double LxSAOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                          double* x) {
-  return detail::RecordRun(lastRun_, func, checkpoint, true,
-                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-                             return Run(counted, recorder, x0, x);
-                           });
+double LxSAOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x) {
+  return detail::RecordRun(
+      lastRun_, func, checkpoint, true,
+      [&](LxFunc1& counted, LxCheckpoint1* recorder) { return Run(counted, recorder, x0, x); });
 }
 
-double LxSAOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                           double* x) {
+double LxSAOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x) {
   const unsigned int n = func.NumVar();
   double t = temperature_;
   LxThrow.Info("Initial temperature = %10.2f", t);
@@ -93,8 +90,7 @@ double LxSAOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
   // history (4), v, xp, xopt (n each), then nacc (n unsigned).
   const std::size_t doubles = kHistorySize + 3 * std::size_t(n);
   LxMallocaPtr block;
-  if (block.Allocate(doubles * sizeof(double) + std::size_t(n) * sizeof(unsigned int)) ==
-      nullptr) {
+  if (block.Allocate(doubles * sizeof(double) + std::size_t(n) * sizeof(unsigned int)) == nullptr) {
     LxThrow.Warning("out of memory allocating %d in LxSAOpt",
                     static_cast<int>(doubles * sizeof(double) + n * sizeof(unsigned int)));
     return 0.0;

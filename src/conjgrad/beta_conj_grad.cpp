@@ -4,10 +4,10 @@
 // 5.2 (the coefficients and Powell's restart test with the constant 0.2).
 #include <cmath>
 
-#include "framework/run_record.h"
 #include "conjgrad/beta.h"
 #include "conjgrad/run_start.h"
 #include "framework/internal.h"
+#include "framework/run_record.h"
 #include "lxopt/conjgrad.h"
 #include "lxopt/host.h"
 
@@ -33,7 +33,7 @@ const char* OutOfMemoryMessage(LxBetaConjGradOpt::Beta beta) {
 }  // namespace
 
 double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                                    double* x) {
+                                     double* x) {
   return detail::RecordRun(lastRun_, func, checkpoint, true,
                            [&](LxFunc1& counted, detail::RunRecorder* recorder) {
                              silentState_ = kLxCont;
@@ -43,8 +43,8 @@ double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, c
                            });
 }
 
-double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint,
-                                     const double* x0, double* x) {
+double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
+                              double* x) {
   using detail::Report;
   // The same 6n block as LxConjGradOpt; the family uses the first three.
   LxMallocaPtr block;
@@ -105,7 +105,7 @@ double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint,
         silentState_ = kLxGrad;
         return f;
       }
-      restart = true;          // a conjugate step must be confirmed first
+      restart = true;  // a conjugate step must be confirmed first
     } else {
       restart = sinceRestart >= n || std::fabs(gNewG) / dots.ggNew > kPowellRatio;
     }

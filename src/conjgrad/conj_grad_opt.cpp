@@ -13,9 +13,9 @@
 #include <cmath>
 #include <utility>
 
-#include "framework/run_record.h"
 #include "conjgrad/run_start.h"
 #include "framework/internal.h"
+#include "framework/run_record.h"
 #include "lxopt/conjgrad.h"
 #include "lxopt/host.h"
 
@@ -30,8 +30,8 @@ struct RestartPair {
 };
 
 // Stores the step just taken as the restart pair and sets d = -Ht gNew.
-void RestartDirection(std::size_t n, double step, const double* g, const double* gNew,
-                        double* d, double* sT, double* yT, RestartPair& pair) {
+void RestartDirection(std::size_t n, double step, const double* g, const double* gNew, double* d,
+                      double* sT, double* yT, RestartPair& pair) {
   double A = 0.0, B = 0.0, sTg = 0.0, yTg = 0.0;
   for (std::size_t i = 0; i < n; ++i) {
     sT[i] = step * d[i];
@@ -50,8 +50,7 @@ void RestartDirection(std::size_t n, double step, const double* g, const double*
 // Sets d = -H gNew with the two-pair matrix above. Uses g as room for y and w
 // for Ht y; both are scratch afterwards. Returns the new slope gNew . d.
 double TwoPairDirection(std::size_t n, double step, double* g, const double* gNew, double* d,
-                        const double* sT, const double* yT, double* w,
-                        const RestartPair& pair) {
+                        const double* sT, const double* yT, double* w, const RestartPair& pair) {
   double* const s = d;
   double* const y = g;
   double yTy = 0.0, sTy = 0.0, sy = 0.0, sTg = 0.0, yTg = 0.0, sg = 0.0;
@@ -89,15 +88,13 @@ double TwoPairDirection(std::size_t n, double step, double* g, const double* gNe
 }  // namespace
 
 double LxConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                                double* x) {
-  return detail::RecordRun(lastRun_, func, checkpoint, true,
-                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-                             return Run(counted, recorder, x0, x);
-                           });
+                                 double* x) {
+  return detail::RecordRun(
+      lastRun_, func, checkpoint, true,
+      [&](LxFunc1& counted, LxCheckpoint1* recorder) { return Run(counted, recorder, x0, x); });
 }
 
-double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                                 double* x) {
+double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x) {
   using detail::Report;
   LxMallocaPtr block;
   unsigned int n = 0;
@@ -112,8 +109,7 @@ double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double
   double* const w = yT + n;
 
   double f = 0.0;
-  const auto finish = [&](unsigned int iter, double gnorm, const double* grad,
-                          unsigned int state) {
+  const auto finish = [&](unsigned int iter, double gnorm, const double* grad, unsigned int state) {
     Report(checkpoint, iter, n, f, gnorm, x, grad, state);
     return f;
   };

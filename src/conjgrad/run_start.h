@@ -16,12 +16,8 @@ namespace detail {
 // the same array) and returns the 6n-double workspace of the run from block.
 // Returns nullptr after a warning when x is null or the workspace cannot be
 // had; outOfMemoryFormat is that warning, with %d for the byte count.
-inline double* BeginConjGradRun(LxFunc1& func,
-                                const double* x0,
-                                double* x,
-                                LxMallocaPtr& block,
-                                const char* outOfMemoryFormat,
-                                unsigned int* n) {
+inline double* BeginConjGradRun(LxFunc1& func, const double* x0, double* x, LxMallocaPtr& block,
+                                const char* outOfMemoryFormat, unsigned int* n) {
   if (x == nullptr) {
     LxThrow.Warning("memory not provided for optimized variables");
     return nullptr;
@@ -36,8 +32,8 @@ inline double* BeginConjGradRun(LxFunc1& func,
 
 // One evaluation at x: g = its gradient (zeroed first), *gg = g . g and
 // d = -g. Returns the value.
-inline double SteepestDescentAt(
-    LxFunc1& func, unsigned int n, const double* x, double* g, double* d, double* gg) {
+inline double SteepestDescentAt(LxFunc1& func, unsigned int n, const double* x, double* g,
+                                double* d, double* gg) {
   Zero(g, n);
   const double f = func(x, g);
   *gg = SquaredNorm(g, n);

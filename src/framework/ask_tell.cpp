@@ -140,7 +140,9 @@ void LxAskTell::Impl::Run(LxOptimizer1& optimizer, LxCheckpoint1* checkpoint,
 
 LxAskTell::LxAskTell() : impl_(new Impl) {}
 
-LxAskTell::~LxAskTell() { Reset(); }
+LxAskTell::~LxAskTell() {
+  Reset();
+}
 
 void LxAskTell::Start(LxOptimizer1& optimizer, const double* start, unsigned int n,
                       LxCheckpoint1* checkpoint) {

@@ -31,19 +31,14 @@ bool LxBudgetCheckpoint::Answer(bool nextAnswer, unsigned int state) {
   return false;
 }
 
-bool LxBudgetCheckpoint::operator()(
-    unsigned int iter, unsigned int nvar, double fval, const double* vars, unsigned int state) {
+bool LxBudgetCheckpoint::operator()(unsigned int iter, unsigned int nvar, double fval,
+                                    const double* vars, unsigned int state) {
   const bool next = next_ == nullptr || (*next_)(iter, nvar, fval, vars, state);
   return Answer(next, state);
 }
 
-bool LxBudgetCheckpoint::operator()(unsigned int iter,
-                                    unsigned int nvar,
-                                    double fval,
-                                    double gnorm,
-                                    const double* vars,
-                                    const double* grad,
-                                    unsigned int state) {
+bool LxBudgetCheckpoint::operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                                    const double* vars, const double* grad, unsigned int state) {
   const bool next = next_ == nullptr || (*next_)(iter, nvar, fval, gnorm, vars, grad, state);
   return Answer(next, state);
 }

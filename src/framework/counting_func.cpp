@@ -22,7 +22,9 @@ LxCountingFunc::LxCountingFunc(LxFunc0& func) : f0_(func), f1_(nullptr), f2_(nul
 LxCountingFunc::LxCountingFunc(LxFunc1& func) : f0_(func), f1_(&func), f2_(nullptr) {}
 LxCountingFunc::LxCountingFunc(LxFunc2& func) : f0_(func), f1_(&func), f2_(&func) {}
 
-unsigned int LxCountingFunc::NumVar() const { return f0_.NumVar(); }
+unsigned int LxCountingFunc::NumVar() const {
+  return f0_.NumVar();
+}
 
 double LxCountingFunc::Guard(double value, const double* x) {
   if (!guard_ || std::isfinite(value)) return value;

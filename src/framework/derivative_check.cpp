@@ -32,7 +32,9 @@ void Compare(LxDerivativeCheck& check, const LxDerivativeCheckOptions& options) 
   check.passed = check.worstError <= options.tolerance;
 }
 
-double Norm3(const double* v) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
+double Norm3(const double* v) {
+  return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+}
 
 #if defined(__GNUC__)
 __attribute__((format(printf, 2, 3)))
@@ -48,8 +50,7 @@ void Append(std::string& text, const char* format, ...) {
 
 }  // namespace
 
-LxDerivativeCheck LxCheckGradient(LxFunc1& func,
-                                  const double* x,
+LxDerivativeCheck LxCheckGradient(LxFunc1& func, const double* x,
                                   const LxDerivativeCheckOptions& options) {
   const unsigned int n = func.NumVar();
   LxDerivativeCheck check;
@@ -70,8 +71,7 @@ LxDerivativeCheck LxCheckGradient(LxFunc1& func,
   return check;
 }
 
-LxDerivativeCheck LxCheckHessian(LxFunc2& func,
-                                 const double* x,
+LxDerivativeCheck LxCheckHessian(LxFunc2& func, const double* x,
                                  const LxDerivativeCheckOptions& options) {
   const unsigned int n = func.NumVar();
   const std::size_t packed = static_cast<std::size_t>(n) * (n + 1) / 2;
@@ -109,8 +109,7 @@ LxDerivativeCheck LxCheckHessian(LxFunc2& func,
   return check;
 }
 
-LxCoordDerivativeCheck LxCheckGradient(LxCoordFunc1& func,
-                                       const double* x,
+LxCoordDerivativeCheck LxCheckGradient(LxCoordFunc1& func, const double* x,
                                        const LxDerivativeCheckOptions& options) {
   LxCoordDerivativeCheck check;
   check.gradient = LxCheckGradient(static_cast<LxFunc1&>(func), x, options);

@@ -13,7 +13,9 @@ std::vector<double> LxFunc1::operator()(float** /*blocks*/) {
   return {};
 }
 
-bool LxFunc1::CheckVariablesValidity(const double* /*x*/) { return true; }
+bool LxFunc1::CheckVariablesValidity(const double* /*x*/) {
+  return true;
+}
 
 bool LxFunc1::IsRedundant(const double* a, const double* b, double tolerance) const {
   if (tolerance <= 0.0) {

@@ -10,9 +10,8 @@ namespace LxOpt {
 namespace detail {
 
 // Calls the checkpoint if there is one; a missing checkpoint always continues.
-inline bool Report(LxCheckpoint1* checkpoint, unsigned int iter, unsigned int n,
-                   double f, double gnorm, const double* x, const double* g,
-                   unsigned int state) {
+inline bool Report(LxCheckpoint1* checkpoint, unsigned int iter, unsigned int n, double f,
+                   double gnorm, const double* x, const double* g, unsigned int state) {
   return checkpoint == nullptr || (*checkpoint)(iter, n, f, gnorm, x, g, state);
 }
 
@@ -22,7 +21,9 @@ inline double Dot(const double* a, const double* b, std::size_t n) {
   return sum;
 }
 
-inline double SquaredNorm(const double* a, std::size_t n) { return Dot(a, a, n); }
+inline double SquaredNorm(const double* a, std::size_t n) {
+  return Dot(a, a, n);
+}
 
 inline void Copy(const double* from, double* to, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) to[i] = from[i];

@@ -24,8 +24,8 @@ double GradientInto(LxFunc1& func, const double* xp, double* g, unsigned int n) 
 
 // One scratch block of `blocks` arrays of n doubles, the first holding a copy
 // of x; nullptr after reporting the failure on behalf of `caller`.
-double* WorkingBlock(
-    LxMallocaPtr& block, const double* x, unsigned int n, unsigned int blocks, const char* caller) {
+double* WorkingBlock(LxMallocaPtr& block, const double* x, unsigned int n, unsigned int blocks,
+                     const char* caller) {
   const std::size_t count = static_cast<std::size_t>(n) * blocks;
   double* const xp = block.AllocateDoubles(count);
   if (xp == nullptr) {
@@ -78,8 +78,8 @@ double NumericHessian(LxFunc1& func, const double* x, double* hessian, double h)
   return func(x);
 }
 
-double NumericHessianElement(
-    LxFunc1& func, const double* x, unsigned int row, unsigned int column, double h) {
+double NumericHessianElement(LxFunc1& func, const double* x, unsigned int row, unsigned int column,
+                             double h) {
   const unsigned int r = row > column ? row : column;
   const unsigned int c = row > column ? column : row;
   const unsigned int n = func.NumVar();

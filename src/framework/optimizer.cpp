@@ -4,9 +4,9 @@
 namespace LxOpt {
 
 namespace {
-constexpr const char* kStateNames[] = {"Cont",    "NoOpt", "OneVar", "NotFound", "Ended",
-                                       "NotJust", "Exhaust", "Dist", "Fval",     "Grad",
-                                       "Comp",    "Done",  "Stable"};
+constexpr const char* kStateNames[] = {"Cont",    "NoOpt",   "OneVar", "NotFound", "Ended",
+                                       "NotJust", "Exhaust", "Dist",   "Fval",     "Grad",
+                                       "Comp",    "Done",    "Stable"};
 constexpr unsigned int kStateCount = sizeof(kStateNames) / sizeof(kStateNames[0]);
 }  // namespace
 

@@ -32,7 +32,7 @@ class RunRecorder : public LxCheckpoint1 {
  private:
   LxCheckpoint1* next_;
   bool honoursStop_;
-  LxRunSummary deciding_;     // the deciding final report so far
+  LxRunSummary deciding_;  // the deciding final report so far
   unsigned int lastState_ = kLxCont;
   unsigned int lastIter_ = 0;
   double lastNorm_ = 0.0;

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "framework/run_record.h"
 #include "framework/internal.h"
+#include "framework/run_record.h"
 #include "lxopt/host.h"
 #include "lxopt/steepest.h"
 
@@ -17,16 +17,16 @@ constexpr double kSmallestStep = 1e-10;
 
 }  // namespace
 
-double LxSteepestDescentOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* start,
-                                       double* out) {
+double LxSteepestDescentOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint,
+                                        const double* start, double* out) {
   return detail::RecordRun(lastRun_, func, checkpoint, false,
                            [&](LxFunc1& counted, LxCheckpoint1* recorder) {
                              return Run(counted, recorder, start, out);
                            });
 }
 
-double LxSteepestDescentOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint,
-                                        const double* start, double* out) {
+double LxSteepestDescentOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* start,
+                                 double* out) {
   using detail::Report;
   if (out == nullptr) {
     LxThrow.Warning("memory not provided for optimized variables");

@@ -13,20 +13,15 @@ namespace LxOpt {
 LxTraceCheckpoint::LxTraceCheckpoint(LxCheckpoint1* next, bool recordPoints)
     : next_(next), recordPoints_(recordPoints) {}
 
-bool LxTraceCheckpoint::operator()(
-    unsigned int iter, unsigned int nvar, double fval, const double* vars, unsigned int state) {
+bool LxTraceCheckpoint::operator()(unsigned int iter, unsigned int nvar, double fval,
+                                   const double* vars, unsigned int state) {
   entries_.push_back({iter, fval, std::numeric_limits<double>::quiet_NaN(), state, false, {}});
   if (recordPoints_ && vars != nullptr) entries_.back().x.assign(vars, vars + nvar);
   return next_ == nullptr || (*next_)(iter, nvar, fval, vars, state);
 }
 
-bool LxTraceCheckpoint::operator()(unsigned int iter,
-                                   unsigned int nvar,
-                                   double fval,
-                                   double gnorm,
-                                   const double* vars,
-                                   const double* grad,
-                                   unsigned int state) {
+bool LxTraceCheckpoint::operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                                   const double* vars, const double* grad, unsigned int state) {
   entries_.push_back({iter, fval, gnorm, state, grad != nullptr, {}});
   if (recordPoints_ && vars != nullptr) entries_.back().x.assign(vars, vars + nvar);
   return next_ == nullptr || (*next_)(iter, nvar, fval, gnorm, vars, grad, state);

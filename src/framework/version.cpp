@@ -17,13 +17,27 @@ const RegisterAtLoad registerAtLoad;
 
 }  // namespace
 
-unsigned int LxOptGetVersion() { return kBuildNumber; }
-const char* LxOptGetRelease() { return kRelease; }
-const char* LxOptGetNonDebugRelease() { return kRelease; }
-const char* LxOptGetDebugRelease() { return kDebugRelease; }
-const char* LxOptGetArch() { return kArch; }
-const char* LxOptGetPlatform() { return kPlatform; }
+unsigned int LxOptGetVersion() {
+  return kBuildNumber;
+}
+const char* LxOptGetRelease() {
+  return kRelease;
+}
+const char* LxOptGetNonDebugRelease() {
+  return kRelease;
+}
+const char* LxOptGetDebugRelease() {
+  return kDebugRelease;
+}
+const char* LxOptGetArch() {
+  return kArch;
+}
+const char* LxOptGetPlatform() {
+  return kPlatform;
+}
 
-LxVersionRecord LxOptVersion() { return {"lxsuite", "LxOpt", kRelease}; }
+LxVersionRecord LxOptVersion() {
+  return {"lxsuite", "LxOpt", kRelease};
+}
 
 }  // namespace LxOpt

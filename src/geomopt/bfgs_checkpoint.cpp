@@ -22,8 +22,7 @@ void LxBFGSCheckpoint::SetParams(const char* name, double* ref, unsigned int nva
   lastRmsGradient_ = 0.0;
 }
 
-const double* LxBFGSCheckpoint::Coordinates(const double* var,
-                                            std::vector<double>& scratch) const {
+const double* LxBFGSCheckpoint::Coordinates(const double* var, std::vector<double>& scratch) const {
   if (adaptor_ == nullptr) return var;
   scratch.assign(nvar_, 0.0);
   (*adaptor_)(var, scratch.data());
@@ -43,14 +42,14 @@ double LxBFGSCheckpoint::maxdisp(const double* var) const {
   double largest = 0.0;  // squared; one root at the end
   for (unsigned int atom = 0; atom < nvar_ / 3; ++atom) {
     double d2 = 0.0;
-    for (unsigned int k = 3 * atom; k < 3 * atom + 3; ++k) d2 += (c[k] - ref_[k]) * (c[k] - ref_[k]);
+    for (unsigned int k = 3 * atom; k < 3 * atom + 3; ++k)
+      d2 += (c[k] - ref_[k]) * (c[k] - ref_[k]);
     if (d2 > largest) largest = d2;
   }
   return std::sqrt(largest);
 }
 
-bool LxBFGSCheckpoint::operator()(unsigned int, unsigned int, double, const double*,
-                                  unsigned int) {
+bool LxBFGSCheckpoint::operator()(unsigned int, unsigned int, double, const double*, unsigned int) {
   // The argument list is cut short at its end ("unsigned in)"); intended, the
   // text is part of the interface.
   LxThrow.Fatal("operator() %s, can't be used with LxBFGSOptimizer",
@@ -59,8 +58,8 @@ bool LxBFGSCheckpoint::operator()(unsigned int, unsigned int, double, const doub
 
 void LxBFGSCheckpoint::CycleLine(unsigned int iter, double gnorm, double fval,
                                  const double* var) const {
-  LxThrow.Info("cycle %5d gnorm = %11.4e %s = %11.4f rmsd = %9.4f", static_cast<int>(iter),
-               gnorm, Name(), fval, rmsd(var));
+  LxThrow.Info("cycle %5d gnorm = %11.4e %s = %11.4f rmsd = %9.4f", static_cast<int>(iter), gnorm,
+               Name(), fval, rmsd(var));
 }
 
 void LxBFGSCheckpoint::WriteLine(const char* format, ...) {
@@ -94,9 +93,8 @@ bool LxBFGSCheckpoint::SummaryOrStatistics(unsigned int iter, unsigned int nvar,
   return Statistics(iter, nvar, gnorm, var, state);
 }
 
-bool LxBFGSCheckpoint::operator()(unsigned int iter, unsigned int nvar, double fval,
-                                  double gnorm, const double* var, const double*,
-                                  unsigned int state) {
+bool LxBFGSCheckpoint::operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                                  const double* var, const double*, unsigned int state) {
   const bool v = verbose_;
   switch (state) {
     case kLxCont:
@@ -120,8 +118,7 @@ bool LxBFGSCheckpoint::operator()(unsigned int iter, unsigned int nvar, double f
       if (v) {
         LxThrow.Info("Gradient test not passed but further calculations not justified:");
         // The number printed is the RMSD, not the value decrease; intended.
-        LxThrow.Info("In 5 attempts to reduce %s decrease was less than %12.5f", Name(),
-                     rmsd(var));
+        LxThrow.Info("In 5 attempts to reduce %s decrease was less than %12.5f", Name(), rmsd(var));
       }
       return SummaryOrStatistics(iter, nvar, gnorm, var, state);
     case kLxExhaust:

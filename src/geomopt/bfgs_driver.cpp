@@ -5,8 +5,8 @@
 #include <cstring>
 #include <typeinfo>
 
-#include "framework/run_record.h"
 #include "framework/internal.h"
+#include "framework/run_record.h"
 #include "geomopt/geom_internal.h"
 #include "geomopt/surrogate_step.h"
 #include "lxopt/geomopt.h"
@@ -51,7 +51,9 @@ double AccuracyFor(double valueChange) {
   return 0.01;
 }
 
-double Norm(const double* v, unsigned int n) { return std::sqrt(detail::SquaredNorm(v, n)); }
+double Norm(const double* v, unsigned int n) {
+  return std::sqrt(detail::SquaredNorm(v, n));
+}
 
 bool ComponentsWithin(const double* g, unsigned int n, double tolerance) {
   for (unsigned int i = 0; i < n; ++i)
@@ -78,7 +80,9 @@ enum class Ending { kFinalState, kAlreadyReported };
 
 }  // namespace
 
-LxBFGSOptimizer::LxBFGSOptimizer() { setup(); }
+LxBFGSOptimizer::LxBFGSOptimizer() {
+  setup();
+}
 
 LxBFGSOptimizer::~LxBFGSOptimizer() = default;
 
@@ -123,21 +127,19 @@ bool LxBFGSOptimizer::GetInverseHessian(double* out, unsigned int n) const {
 }
 
 double LxBFGSOptimizer::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
-                                  double* out) {
-  return detail::RecordRun(lastRun_, func, checkpoint, false,
-                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-                             return Run(counted, recorder, in, out);
-                           });
+                                   double* out) {
+  return detail::RecordRun(
+      lastRun_, func, checkpoint, false,
+      [&](LxFunc1& counted, LxCheckpoint1* recorder) { return Run(counted, recorder, in, out); });
 }
 
 double LxBFGSOptimizer::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
-                                   double* out) {
+                            double* out) {
   n_ = func.NumVar();
   const std::size_t n = n_;
   historyLength_ = n_ <= kShortHistoryVariables ? n_ / 2 : kLongHistory;
   historyCount_ = 0;
-  const std::size_t historySize =
-      historyEnabled_ ? 2 * n * historyLength_ + historyLength_ : 0;
+  const std::size_t historySize = historyEnabled_ ? 2 * n * historyLength_ + historyLength_ : 0;
   run_.assign(2 * n + historySize, 0.0);
   double* const x = run_.data();
   double* const g = x + n;
@@ -174,10 +176,15 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
                     static_cast<int>(sizeof(double) * scratchSize));
     return;
   }
-  geom::History history{g + n, g + n + std::size_t(n) * historyLength_,
-                        g + n + 2 * std::size_t(n) * historyLength_, historyLength_, n, 0, 0};
+  geom::History history{g + n,
+                        g + n + std::size_t(n) * historyLength_,
+                        g + n + 2 * std::size_t(n) * historyLength_,
+                        historyLength_,
+                        n,
+                        0,
+                        0};
   geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr,
-                        cartesian_);
+                       cartesian_);
   if (maxAtomStep_ > 0.0 && std::isfinite(maxAtomStep_)) step.CapAtomStep(maxAtomStep_);
   LxMallocaPtr surrogateBlock;
   double* const surrogateScratch =

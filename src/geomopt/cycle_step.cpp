@@ -30,7 +30,9 @@ double Distance(const double* a, const double* b, unsigned int n) {
 // changes are kept to be replayed on a rebuilt model.
 constexpr unsigned int kModelPairs = 200;
 
-unsigned int ModelPairs(unsigned int n) { return std::min(n, kModelPairs); }
+unsigned int ModelPairs(unsigned int n) {
+  return std::min(n, kModelPairs);
+}
 
 // Model minima tried per cycle before the line search takes over; after
 // kSurrogateMisses cycles in a row where none was lower the model is given up
@@ -124,8 +126,7 @@ LineResult CycleStep::Search(double accuracy) {
   const double first = fresh_ ? CappedStep(dir_, n_, kFirstMove) : 1.0;
   const double limit = CappedStep(dir_, n_, radius_);
   const Line line{func_, n_, x_, g_, f_, dir_};
-  const LineResult found =
-      LineMinimize(line, LineWork{xt_, gt_, gBest_}, first, limit, accuracy);
+  const LineResult found = LineMinimize(line, LineWork{xt_, gt_, gBest_}, first, limit, accuracy);
   radius_ = NextRadius(radius_, found.found && found.capped);
   if (radiusLimit_ > 0.0) radius_ = std::min(radius_, radiusLimit_);
   return found;

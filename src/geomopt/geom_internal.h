@@ -16,7 +16,9 @@ class Surrogate;
 // ------------------------------------------------ packed inverse Hessian
 // Lower triangle by rows: element (i, j), j <= i, at i (i + 1) / 2 + j.
 
-inline std::size_t PackedSize(std::size_t n) { return n * (n + 1) / 2; }
+inline std::size_t PackedSize(std::size_t n) {
+  return n * (n + 1) / 2;
+}
 
 // h = scale * I
 void ResetInverseHessian(double* h, unsigned int n, double scale);
@@ -102,8 +104,8 @@ struct LineResult {
 // down steeply is accepted there. accuracy: the search stops refining once
 // the bracket is narrower than accuracy times its upper end, and then takes
 // the lowest point found. At most 20 trials.
-LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep,
-                        double maxStep, double accuracy);
+LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep, double maxStep,
+                        double accuracy);
 
 // ------------------------------------------------ history steps
 
@@ -129,8 +131,8 @@ inline void ClearHistory(History& history) {
 // fewer than 3 entries are stored, the system is singular, a coefficient is
 // implausibly large or the point lies more than maxStep (per coordinate) away
 // from x.
-bool DiisPoint(History& history, const double* h, const double* x, double* xTrial,
-               double* work, double maxStep);
+bool DiisPoint(History& history, const double* h, const double* x, double* xTrial, double* work,
+               double maxStep);
 
 // Quasi-Newton step in the span of the displacements S = x - x_i of the
 // stored points: with Y = g - g_i, solve sym(S^T Y) c = -S^T g and write

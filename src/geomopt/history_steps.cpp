@@ -31,7 +31,9 @@ using SmallMatrix =
     Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::ColMajor, kMaxSystem, kMaxSystem>;
 using SmallVector = Eigen::Matrix<double, Eigen::Dynamic, 1, Eigen::ColMajor, kMaxSystem, 1>;
 
-const double* Point(const History& h, unsigned int slot) { return h.points + std::size_t(slot) * h.n; }
+const double* Point(const History& h, unsigned int slot) {
+  return h.points + std::size_t(slot) * h.n;
+}
 const double* Gradient(const History& h, unsigned int slot) {
   return h.gradients + std::size_t(slot) * h.n;
 }
@@ -58,8 +60,8 @@ void PushHistory(History& history, const double* x, const double* g) {
   if (history.count < history.m) ++history.count;
 }
 
-bool DiisPoint(History& history, const double* h, const double* x, double* xTrial,
-               double* work, double maxStep) {
+bool DiisPoint(History& history, const double* h, const double* x, double* xTrial, double* work,
+               double maxStep) {
   const unsigned int k = history.count;
   const unsigned int n = history.n;
   if (k < kMinEntries) return false;

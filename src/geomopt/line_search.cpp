@@ -84,8 +84,7 @@ double SafeguardedStep(Sample& x, Sample& y, const Sample& t, bool& bracketed, d
     // if it is closer to x than the quadratic (value-based) one, else their
     // midpoint.
     const double cubic = CubicMinimizer(x, t, false);
-    const double quad =
-        x.a + ((x.d / ((x.f - t.f) / (t.a - x.a) + x.d)) / 2.0) * (t.a - x.a);
+    const double quad = x.a + ((x.d / ((x.f - t.f) / (t.a - x.a) + x.d)) / 2.0) * (t.a - x.a);
     next = std::fabs(cubic - x.a) < std::fabs(quad - x.a) ? cubic : cubic + (quad - cubic) / 2.0;
     bracketed = true;
   } else if (sgnd < 0.0) {
@@ -100,8 +99,7 @@ double SafeguardedStep(Sample& x, Sample& y, const Sample& t, bool& bracketed, d
     // cubic is used only if it tends to infinity in the search direction.
     const double theta = 3.0 * (x.f - t.f) / (t.a - x.a) + x.d + t.d;
     const double s = std::max({std::fabs(theta), std::fabs(x.d), std::fabs(t.d)});
-    double gamma =
-        s * std::sqrt(std::max(0.0, (theta / s) * (theta / s) - (x.d / s) * (t.d / s)));
+    double gamma = s * std::sqrt(std::max(0.0, (theta / s) * (theta / s) - (x.d / s) * (t.d / s)));
     if (t.a > x.a) gamma = -gamma;
     const double p = (gamma - t.d) + theta;
     const double q = (gamma + (x.d - t.d)) + gamma;
@@ -154,8 +152,8 @@ Sample Evaluate(const Line& line, const LineWork& work, double a) {
 
 }  // namespace
 
-LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep,
-                        double maxStep, double accuracy) {
+LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep, double maxStep,
+                        double accuracy) {
   const unsigned int n = line.n;
   const Sample origin{0.0, line.f, detail::Dot(line.g, line.dir, n)};
   const double slopeTest = kC1 * origin.d;

@@ -11,7 +11,9 @@ namespace geom {
 
 // Doubles of scratch the model of n coordinates needs (dense n x n factor
 // and one vector).
-inline std::size_t PairModelSize(unsigned int n) { return std::size_t(n) * n + n; }
+inline std::size_t PairModelSize(unsigned int n) {
+  return std::size_t(n) * n + n;
+}
 
 // Builds the model Hessian P at the coordinates x (n a multiple of 3) in
 // model (dense, column-major n x n) and factors it in place (Cholesky, L in

@@ -50,11 +50,11 @@ class Surrogate {
   double prior_ = 0.0;
   double noise_ = 0.0;
   bool usable_ = false;
-  double* points_ = nullptr;   // capacity n, scaled by 1 / length_
-  double* values_ = nullptr;   // capacity (n + 1): f, then g (raw)
-  double* chol_ = nullptr;     // N x N row-major lower factor, N = capacity (n + 1)
-  double* alpha_ = nullptr;    // N
-  double* work_ = nullptr;     // inner minimisation: 6 n + 2 kInnerMemory n + 2 kInnerMemory
+  double* points_ = nullptr;  // capacity n, scaled by 1 / length_
+  double* values_ = nullptr;  // capacity (n + 1): f, then g (raw)
+  double* chol_ = nullptr;    // N x N row-major lower factor, N = capacity (n + 1)
+  double* alpha_ = nullptr;   // N
+  double* work_ = nullptr;    // inner minimisation: 6 n + 2 kInnerMemory n + 2 kInnerMemory
 };
 
 }  // namespace geom

@@ -62,10 +62,14 @@ void Deliver(LxMessageLevel level, const char* format, va_list args) {
 
 const char* LxMessageLevelName(LxMessageLevel level) {
   switch (level) {
-    case LxMessageLevel::Info: return "info";
-    case LxMessageLevel::Warning: return "warning";
-    case LxMessageLevel::Error: return "error";
-    case LxMessageLevel::Fatal: return "fatal";
+    case LxMessageLevel::Info:
+      return "info";
+    case LxMessageLevel::Warning:
+      return "warning";
+    case LxMessageLevel::Error:
+      return "error";
+    case LxMessageLevel::Fatal:
+      return "fatal";
   }
   return "";
 }

@@ -31,19 +31,48 @@ lxostream& lxostream::operator<<(const char* text) {
   if (text != nullptr) Out() << text;
   return *this;
 }
-lxostream& lxostream::operator<<(const std::string& text) { Out() << text; return *this; }
-lxostream& lxostream::operator<<(char c) { Out() << c; return *this; }
-lxostream& lxostream::operator<<(int value) { Out() << value; return *this; }
-lxostream& lxostream::operator<<(unsigned int value) { Out() << value; return *this; }
-lxostream& lxostream::operator<<(long value) { Out() << value; return *this; }
-lxostream& lxostream::operator<<(unsigned long value) { Out() << value; return *this; }
-lxostream& lxostream::operator<<(long long value) { Out() << value; return *this; }
-lxostream& lxostream::operator<<(unsigned long long value) { Out() << value; return *this; }
-lxostream& lxostream::operator<<(double value) { Out() << value; return *this; }
+lxostream& lxostream::operator<<(const std::string& text) {
+  Out() << text;
+  return *this;
+}
+lxostream& lxostream::operator<<(char c) {
+  Out() << c;
+  return *this;
+}
+lxostream& lxostream::operator<<(int value) {
+  Out() << value;
+  return *this;
+}
+lxostream& lxostream::operator<<(unsigned int value) {
+  Out() << value;
+  return *this;
+}
+lxostream& lxostream::operator<<(long value) {
+  Out() << value;
+  return *this;
+}
+lxostream& lxostream::operator<<(unsigned long value) {
+  Out() << value;
+  return *this;
+}
+lxostream& lxostream::operator<<(long long value) {
+  Out() << value;
+  return *this;
+}
+lxostream& lxostream::operator<<(unsigned long long value) {
+  Out() << value;
+  return *this;
+}
+lxostream& lxostream::operator<<(double value) {
+  Out() << value;
+  return *this;
+}
 lxostream& lxostream::operator<<(lxostream& (*manipulator)(lxostream&)) {
   return manipulator(*this);
 }
-void lxostream::flush() { Out().flush(); }
+void lxostream::flush() {
+  Out().flush();
+}
 
 lxostream& lxendl(lxostream& stream) {
   stream << '\n';

@@ -6,7 +6,9 @@
 
 namespace LxOpt {
 
-std::size_t LxGetAllocaThreshold() { return kLxAllocaThreshold; }
+std::size_t LxGetAllocaThreshold() {
+  return kLxAllocaThreshold;
+}
 
 void* LxMallocaPtr::Allocate(std::size_t bytes) {
   Release();

@@ -18,11 +18,13 @@ constexpr double kFirstTrialCurvature = 1e-10;
 
 }  // namespace
 
-LxLineMinimize* LxCGLineMinimize::CreateCopy() const { return new LxCGLineMinimize(); }
+LxLineMinimize* LxCGLineMinimize::CreateCopy() const {
+  return new LxCGLineMinimize();
+}
 
-bool LxCGLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
-                                  double* grad0, double* gradOut, double* fval,
-                                  double* step, LxFunc1& func) const {
+bool LxCGLineMinimize::operator()(unsigned int n, const double* x0, double* dir, double* grad0,
+                                  double* gradOut, double* fval, double* step,
+                                  LxFunc1& func) const {
   const double f0 = *fval;
   detail::CubicSearch search(n, f0, std::fmax(kMinStep, *step));
   if (search.xt == nullptr) return false;

@@ -25,9 +25,7 @@ struct CubicSearch {
   // Evaluates the trial at a. The first call also forms slope0 from grad0 and
   // makes (0, f0, slope0) the origin and the previous point; later calls
   // ignore grad0.
-  const LineSample& Sample(LxFunc1& func,
-                           const double* x0,
-                           const double* dir,
+  const LineSample& Sample(LxFunc1& func, const double* x0, const double* dir,
                            const double* grad0) {
     const bool first = !sampled;
     trial = SampleLine(func, n, x0, dir, a, xt, xt + n, first ? grad0 : nullptr, &slope0);

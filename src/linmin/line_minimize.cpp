@@ -5,6 +5,8 @@ namespace LxOpt {
 
 LxLineMinimize::~LxLineMinimize() = default;
 
-bool LxLineMinimize::SetMaxStep(unsigned int /*n*/, double* /*maxstep*/) { return false; }
+bool LxLineMinimize::SetMaxStep(unsigned int /*n*/, double* /*maxstep*/) {
+  return false;
+}
 
 }  // namespace LxOpt

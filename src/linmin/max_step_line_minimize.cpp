@@ -35,7 +35,8 @@ LxMaxStepLineMinimize::LxMaxStepLineMinimize(double* maxstep, unsigned int n)
 }
 
 LxMaxStepLineMinimize::LxMaxStepLineMinimize(const LxMaxStepLineMinimize& other)
-    : LxLineMinimize(other), limits_(CopyLimits(other.count_, other.limits_)),
+    : LxLineMinimize(other),
+      limits_(CopyLimits(other.count_, other.limits_)),
       inner_(other.inner_) {
   count_ = limits_ != nullptr ? other.count_ : 0;
 }
@@ -50,7 +51,9 @@ LxMaxStepLineMinimize& LxMaxStepLineMinimize::operator=(const LxMaxStepLineMinim
   return *this;
 }
 
-LxMaxStepLineMinimize::~LxMaxStepLineMinimize() { std::free(limits_); }
+LxMaxStepLineMinimize::~LxMaxStepLineMinimize() {
+  std::free(limits_);
+}
 
 bool LxMaxStepLineMinimize::SetMaxStep(unsigned int n, double* maxstep) {
   if (n == 0) return false;
@@ -64,9 +67,9 @@ LxLineMinimize* LxMaxStepLineMinimize::CreateCopy() const {
   return new LxMaxStepLineMinimize(*this);
 }
 
-bool LxMaxStepLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
-                                       double* grad0, double* gradOut, double* fval,
-                                       double* step, LxFunc1& func) const {
+bool LxMaxStepLineMinimize::operator()(unsigned int n, const double* x0, double* dir, double* grad0,
+                                       double* gradOut, double* fval, double* step,
+                                       LxFunc1& func) const {
   // The largest a with |a dir[i]| <= limits[i] for every limited variable; the
   // test uses the already reduced a, so the smallest ratio wins.
   const unsigned int m = n < count_ ? n : count_;

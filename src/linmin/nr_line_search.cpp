@@ -30,14 +30,12 @@ double RelativeLength(unsigned int n, const double* x0, const double* dir) {
 // The next step after a rejected trial alam with value f (alam2, f2: the trial
 // before it). From the full step the quadratic through f(0), f'(0) and f(1);
 // otherwise the cubic through f(0), f'(0) and the last two trials.
-double BacktrackStep(double alam, double f, double alam2, double f2, double fold,
-                     double slope) {
+double BacktrackStep(double alam, double f, double alam2, double f2, double fold, double slope) {
   if (alam == 1.0) return -slope / (2.0 * (f - fold - slope));
   const double rhs1 = f - fold - alam * slope;
   const double rhs2 = f2 - fold - alam2 * slope;
   const double a = (rhs1 / (alam * alam) - rhs2 / (alam2 * alam2)) / (alam - alam2);
-  const double b =
-      (-alam2 * rhs1 / (alam * alam) + alam * rhs2 / (alam2 * alam2)) / (alam - alam2);
+  const double b = (-alam2 * rhs1 / (alam * alam) + alam * rhs2 / (alam2 * alam2)) / (alam - alam2);
   double tmplam;
   if (a == 0.0) {
     tmplam = -slope / (2.0 * b);
@@ -73,9 +71,8 @@ LxLineMinimize* LxNRLineSearch::CreateCopy() const {
   return new LxNRLineSearch(initialStepMode_);
 }
 
-bool LxNRLineSearch::operator()(unsigned int n, const double* x0, double* dir,
-                                double* grad0, double* gradOut, double* fval,
-                                double* step, LxFunc1& func) const {
+bool LxNRLineSearch::operator()(unsigned int n, const double* x0, double* dir, double* grad0,
+                                double* gradOut, double* fval, double* step, LxFunc1& func) const {
   const double fold = *fval;
   double slope = 0.0, alamin = HUGE_VAL;
   if (n > 0) {

@@ -10,19 +10,22 @@ namespace LxOpt {
 namespace {
 
 // True when a and b are equal or not comparable (a NaN among them).
-bool SameOrUnordered(double a, double b) { return !(a < b || a > b); }
+bool SameOrUnordered(double a, double b) {
+  return !(a < b || a > b);
+}
 
 }  // namespace
 
-LxQNLineMinimize::LxQNLineMinimize(unsigned int maxTrials, double c1, double c2,
-                                   double minStep)
+LxQNLineMinimize::LxQNLineMinimize(unsigned int maxTrials, double c1, double c2, double minStep)
     : c1_(c1), c2_(c2), minStep_(minStep), maxTrials_(maxTrials) {}
 
-LxLineMinimize* LxQNLineMinimize::CreateCopy() const { return new LxQNLineMinimize(*this); }
+LxLineMinimize* LxQNLineMinimize::CreateCopy() const {
+  return new LxQNLineMinimize(*this);
+}
 
-bool LxQNLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
-                                  double* grad0, double* gradOut, double* fval,
-                                  double* step, LxFunc1& func) const {
+bool LxQNLineMinimize::operator()(unsigned int n, const double* x0, double* dir, double* grad0,
+                                  double* gradOut, double* fval, double* step,
+                                  LxFunc1& func) const {
   const double f0 = *fval;
   detail::CubicSearch search(n, f0, std::fmax(minStep_, *step));
   if (search.xt == nullptr) return false;

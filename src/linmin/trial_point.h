@@ -28,9 +28,9 @@ inline void FormTrialPoint(std::size_t n, const double* x0, const double* dir, d
 // gradient there and returns the value with the slope dir . gt: one
 // evaluation. When grad0 is given, the same pass also stores grad0 . dir, the
 // slope at x0, in *slope0 (the first trial of a search).
-inline LineSample SampleLine(LxFunc1& func, std::size_t n, const double* x0,
-                             const double* dir, double a, double* xt, double* gt,
-                             const double* grad0 = nullptr, double* slope0 = nullptr) {
+inline LineSample SampleLine(LxFunc1& func, std::size_t n, const double* x0, const double* dir,
+                             double a, double* xt, double* gt, const double* grad0 = nullptr,
+                             double* slope0 = nullptr) {
   if (grad0 != nullptr) {
     double s0 = 0.0;
     for (std::size_t i = 0; i < n; ++i) {

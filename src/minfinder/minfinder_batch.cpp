@@ -79,7 +79,8 @@ unsigned long LxMinfinderImpl::FillSamplesInBatches(Workspace& w, bool& ok) {
       }
       ++draws;
       // As IsItValidPointVer2: a point in an ellipsoid is refused unevaluated.
-      if (!minima_.IsItInAnyEllipsoid(w.x.data())) batchX_.insert(batchX_.end(), w.x.begin(), w.x.end());
+      if (!minima_.IsItInAnyEllipsoid(w.x.data()))
+        batchX_.insert(batchX_.end(), w.x.begin(), w.x.end());
     }
     const std::size_t count = n == 0 ? 0 : batchX_.size() / n;
     batchF_.resize(count);
@@ -92,7 +93,8 @@ unsigned long LxMinfinderImpl::FillSamplesInBatches(Workspace& w, bool& ok) {
       std::copy_n(batchX_.data() + j * n, n, w.x.begin());
       std::copy_n(batchG_.data() + j * n, n, w.g.begin());
       const double f = batchF_[j];
-      if (fvalSampleMin_ < f && f < fvalSampleMax_ && GradientToSamplesCriterion(w.x.data(), w.g.data()))
+      if (fvalSampleMin_ < f && f < fvalSampleMax_ &&
+          GradientToSamplesCriterion(w.x.data(), w.g.data()))
         samples_.addPoint(w.x, f, w.g, lower_, upper_);
     }
     if (generatorFailed) {

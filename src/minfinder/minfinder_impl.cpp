@@ -137,7 +137,8 @@ unsigned long LxMinfinderImpl::FillSamples(Workspace& w, bool& ok) {
     }
     ++draws;
     double f;
-    if (IsItValidPointVer2(w.g.data(), f, w.x.data())) samples_.addPoint(w.x, f, w.g, lower_, upper_);
+    if (IsItValidPointVer2(w.g.data(), f, w.x.data()))
+      samples_.addPoint(w.x, f, w.g, lower_, upper_);
   }
   return draws;
 }

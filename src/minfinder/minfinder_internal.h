@@ -28,8 +28,7 @@ inline bool RmsGradientAbove(const double* g, std::size_t n, double limit) {
 
 // max(10, 2n) neighbours.
 inline unsigned int NeighbourCount(std::size_t n) {
-  return static_cast<unsigned int>(
-      std::max<std::size_t>(LxMinfinderImpl::kMinNeighbours, 2 * n));
+  return static_cast<unsigned int>(std::max<std::size_t>(LxMinfinderImpl::kMinNeighbours, 2 * n));
 }
 
 // x_i + (u - 0.5) 0.01 for a uniform draw u in [0, 1).

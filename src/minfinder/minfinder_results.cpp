@@ -13,8 +13,9 @@ using IndexedValue = std::pair<unsigned long, double>;
 
 // Ascending by value; equal values keep their stored order.
 void SortByValues(std::vector<IndexedValue>& pairs) {
-  std::stable_sort(pairs.begin(), pairs.end(),
-                   [](const IndexedValue& a, const IndexedValue& b) { return a.second < b.second; });
+  std::stable_sort(pairs.begin(), pairs.end(), [](const IndexedValue& a, const IndexedValue& b) {
+    return a.second < b.second;
+  });
 }
 
 bool NoResult(const char* notice, std::vector<double>& coords, std::vector<double>& values) {
@@ -35,7 +36,8 @@ bool LxMinfinderImpl::GetMinimums(std::vector<double>& coords, std::vector<doubl
     minima_.getY(sorted[i].second, i);
   }
   SortByValues(sorted);
-  if (fvalMinimaWindow_ <= 0.0) return NoResult("No minimums within the given window!", coords, values);
+  if (fvalMinimaWindow_ <= 0.0)
+    return NoResult("No minimums within the given window!", coords, values);
 
   const double lowest = sorted.front().second;
   std::size_t k = 0;

@@ -158,8 +158,7 @@ bool MinfinderSamplePoints::haveItAlready(unsigned long& index, const std::vecto
     bool same = true;
     if (byCoordinates) {
       const double* p = PointData(i);
-      for (unsigned int d = 0; d < n_ && same; ++d)
-        same = std::fabs(x[d] - p[d]) <= tolerance_[d];
+      for (unsigned int d = 0; d < n_ && same; ++d) same = std::fabs(x[d] - p[d]) <= tolerance_[d];
     } else {
       same = std::fabs(value - values_[i]) <= kSameValueTolerance;
     }
@@ -208,8 +207,7 @@ void MinfinderSamplePoints::GrowMinimaRecords() {
 }
 
 bool MinfinderSamplePoints::updateMinima(const std::vector<double>& start,
-                                         const std::vector<double>& minimum,
-                                         unsigned long which) {
+                                         const std::vector<double>& minimum, unsigned long which) {
   if (numPoints_ == 0) return false;
   if (which >= numPoints_) {
     std::cerr << "whichOne=" << which << "\n";
@@ -273,9 +271,13 @@ void MinfinderSamplePoints::PrintSorted(bool bounded, double bound) const {
   }
 }
 
-void MinfinderSamplePoints::PrintSortedPoints() const { PrintSorted(false, 0.0); }
+void MinfinderSamplePoints::PrintSortedPoints() const {
+  PrintSorted(false, 0.0);
+}
 
-void MinfinderSamplePoints::PrintSortedPoints(double bound) const { PrintSorted(true, bound); }
+void MinfinderSamplePoints::PrintSortedPoints(double bound) const {
+  PrintSorted(true, bound);
+}
 
 }  // namespace LxMinfinder
 }  // namespace LxOpt

@@ -15,7 +15,9 @@ constexpr std::chrono::microseconds kPollInterval{100};
 
 }  // namespace
 
-void Pause() { std::this_thread::sleep_for(kPollInterval); }
+void Pause() {
+  std::this_thread::sleep_for(kPollInterval);
+}
 
 namespace {
 
@@ -119,7 +121,8 @@ void GatherItems(const std::vector<double>& mine, std::size_t count, std::size_t
   all.resize(count * width);
   for (int r = 0; r < size; ++r) {
     const double* from = received.data() + offsets[r];
-    for (std::size_t i = static_cast<std::size_t>(r); i < count; i += static_cast<std::size_t>(size)) {
+    for (std::size_t i = static_cast<std::size_t>(r); i < count;
+         i += static_cast<std::size_t>(size)) {
       std::copy(from, from + width, all.begin() + static_cast<std::ptrdiff_t>(i * width));
       from += width;
     }

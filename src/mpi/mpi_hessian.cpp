@@ -39,8 +39,7 @@ std::vector<GradDiff> UnpackRecords(const std::vector<double>& items, std::size_
 
 }  // namespace
 
-bool LxMpiNumericHessian(LxFunc1& func, const double* x, double* hessian, double h,
-                         MPI_Comm comm) {
+bool LxMpiNumericHessian(LxFunc1& func, const double* x, double* hessian, double h, MPI_Comm comm) {
   const unsigned int n = func.NumVar();
   // Non-short-circuit &: every rank must take part in both collectives.
   const bool sameN = mpi::SameEverywhere(n, comm);
@@ -65,7 +64,8 @@ bool LxMpiNumericHessian(LxFunc1& func, const double* x, double* hessian, double
   const double step = point[n];
 
   std::vector<double> mine;
-  for (unsigned int i = static_cast<unsigned int>(rank); i < n; i += static_cast<unsigned int>(size))
+  for (unsigned int i = static_cast<unsigned int>(rank); i < n;
+       i += static_cast<unsigned int>(size))
     PackRecord(DifferentialGradients(func, point.data(), i, step), n, mine);
   std::vector<double> items;
   mpi::GatherItems(mine, n, 1 + 2 * static_cast<std::size_t>(n), items, comm);

@@ -86,7 +86,8 @@ class MpiBatch : public LxMinfinderBatch {
         continue;
       }
       if (kind == Dealer::kLocal)
-        AnswerOne(local, kOptimize, points_.data() + static_cast<std::size_t>(code) * n_, n_, answer.data());
+        AnswerOne(local, kOptimize, points_.data() + static_cast<std::size_t>(code) * n_, n_,
+                  answer.data());
       else
         Neighbours(local, planner, NeighbourOf(code), neighbours, answer.data());
       dealer.Record(code, neighbours, answer.data());

@@ -8,9 +8,12 @@ namespace dealing {
 // Doubles per answer: Evaluate f, g; Optimize f, fz, z, gz; Values f.
 std::size_t AnswerWidth(long long order, std::size_t n) {
   switch (order) {
-    case kEvaluate: return 1 + n;
-    case kOptimize: return 2 + 2 * n;
-    default: return 1;
+    case kEvaluate:
+      return 1 + n;
+    case kOptimize:
+      return 2 + 2 * n;
+    default:
+      return 1;
   }
 }
 
@@ -30,7 +33,8 @@ std::vector<double> AnswerShare(LxMinfinderLocalBatch& local, long long order, c
   const std::size_t rank = static_cast<std::size_t>(mpi::Rank(comm));
   const std::size_t size = static_cast<std::size_t>(mpi::Size(comm));
   const std::size_t width = AnswerWidth(order, n);
-  std::vector<double> answers(mpi::OwnedCount(count, static_cast<int>(rank), static_cast<int>(size)) * width);
+  std::vector<double> answers(
+      mpi::OwnedCount(count, static_cast<int>(rank), static_cast<int>(size)) * width);
   double* answer = answers.data();
   for (std::size_t i = rank; i < count; i += size, answer += width)
     AnswerOne(local, order, x + i * n, n, answer);

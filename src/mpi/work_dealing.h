@@ -53,8 +53,12 @@ constexpr int kTagItem = 2;
 constexpr double kNone = -1.0;
 constexpr std::size_t kNeighboursPerItem = 4;
 
-inline double NeighbourCode(std::size_t v) { return -2.0 - static_cast<double>(v); }
-inline std::size_t NeighbourOf(double code) { return static_cast<std::size_t>(-2.0 - code); }
+inline double NeighbourCode(std::size_t v) {
+  return -2.0 - static_cast<double>(v);
+}
+inline std::size_t NeighbourOf(double code) {
+  return static_cast<std::size_t>(-2.0 - code);
+}
 
 class Dealer {
  public:
@@ -62,9 +66,19 @@ class Dealer {
 
   Dealer(std::size_t count, std::size_t n, double* z, double* f, double* fz, double* gz,
          LxMinfinderPlanner& planner, MPI_Comm comm)
-      : count_(count), n_(n), width_(AnswerWidth(kOptimize, n)), z_(z), f_(f), fz_(fz), gz_(gz),
-        planner_(planner), comm_(comm), open_(mpi::Size(comm) - 1), complete_(count, 0),
-        message_(1 + std::max(width_, kNeighboursPerItem)), reply_(2 + kNeighboursPerItem * n) {}
+      : count_(count),
+        n_(n),
+        width_(AnswerWidth(kOptimize, n)),
+        z_(z),
+        f_(f),
+        fz_(fz),
+        gz_(gz),
+        planner_(planner),
+        comm_(comm),
+        open_(mpi::Size(comm) - 1),
+        complete_(count, 0),
+        message_(1 + std::max(width_, kNeighboursPerItem)),
+        reply_(2 + kNeighboursPerItem * n) {}
 
   // The next item for rank 0 itself: its code in `code`, for neighbours
   // their number in `count`.
@@ -101,7 +115,8 @@ class Dealer {
                kTagAnswer, comm_, &received);
       int length = 0;
       MPI_Get_count(&received, MPI_DOUBLE, &length);
-      if (message_[0] != kNone) Record(message_[0], static_cast<std::size_t>(length - 1), message_.data() + 1);
+      if (message_[0] != kNone)
+        Record(message_[0], static_cast<std::size_t>(length - 1), message_.data() + 1);
       waiting_.push_back(status.MPI_SOURCE);
       MPI_Iprobe(MPI_ANY_SOURCE, kTagAnswer, comm_, &arrived, &status);
     }

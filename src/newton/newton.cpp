@@ -8,8 +8,8 @@
 #include <cstring>
 #include <new>
 
-#include "framework/run_record.h"
 #include "framework/internal.h"
+#include "framework/run_record.h"
 #include "lxopt/host.h"
 #include "lxopt/newton.h"
 #include "lxopt/steepest.h"
@@ -55,8 +55,8 @@ double LxNewtonOptImpl::PreconditionWSteepestDescent(LxFunc2& func, const double
   return descent(static_cast<LxFunc1&>(func), start, result);
 }
 
-double LxNewtonOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
-                                   const double* start, double* result) {
+double LxNewtonOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
+                                   double* result) {
   if (result == nullptr) {
     LxThrow.Warning("memory not provided for optimized variables");
     return 0.0;
@@ -79,8 +79,7 @@ double LxNewtonOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
 }
 
 double LxNewtonOptImpl::RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint,
-                                        const double* start, double* x,
-                                        detail::NewtonStep& step,
+                                        const double* start, double* x, detail::NewtonStep& step,
                                         detail::NewtonWorkspace& work) {
   using detail::Report;
   const unsigned int n = func.NumVar();
@@ -173,10 +172,18 @@ LxNewtonOpt& LxNewtonOpt::operator=(const LxNewtonOpt& other) {
 }
 LxNewtonOpt::~LxNewtonOpt() = default;
 
-void LxNewtonOpt::SetIterLimit(unsigned int limit) { impl_->SetIterLimit(limit); }
-void LxNewtonOpt::SetTolerance(double tolerance) { impl_->SetTolerance(tolerance); }
-unsigned int LxNewtonOpt::GetIterLimit() const { return impl_->GetIterLimit(); }
-double LxNewtonOpt::GetTolerance() const { return impl_->GetTolerance(); }
+void LxNewtonOpt::SetIterLimit(unsigned int limit) {
+  impl_->SetIterLimit(limit);
+}
+void LxNewtonOpt::SetTolerance(double tolerance) {
+  impl_->SetTolerance(tolerance);
+}
+unsigned int LxNewtonOpt::GetIterLimit() const {
+  return impl_->GetIterLimit();
+}
+double LxNewtonOpt::GetTolerance() const {
+  return impl_->GetTolerance();
+}
 
 double LxNewtonOpt::operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
                                double* result) {

@@ -49,9 +49,13 @@ double RmsGradient(const double* g, unsigned int n) {
   return std::sqrt(sum / n);
 }
 
-bool DampingSchedule::AtMaximum() const { return std::fabs(lambda_ - max_) < kAtMaximumGap; }
+bool DampingSchedule::AtMaximum() const {
+  return std::fabs(lambda_ - max_) < kAtMaximumGap;
+}
 
-void DampingSchedule::Raise() { lambda_ = std::min(lambda_ * increase_, max_); }
+void DampingSchedule::Raise() {
+  lambda_ = std::min(lambda_ * increase_, max_);
+}
 
 void DampingSchedule::AfterAcceptedStep(bool repaired) {
   if (repaired) {

@@ -26,14 +26,22 @@ constexpr double kDefaultInitialDamping = 10.0;
 // before the loop.
 struct Workspace {
   Workspace(Eigen::Index n, Eigen::Index m)
-      : solvedGradient(Eigen::VectorXd::Zero(n)), lagrangianGradient(Eigen::VectorXd::Zero(n)),
-        trialConstraintGradient(Eigen::VectorXd::Zero(n)), curvatureColumn(Eigen::VectorXd::Zero(n)),
+      : solvedGradient(Eigen::VectorXd::Zero(n)),
+        lagrangianGradient(Eigen::VectorXd::Zero(n)),
+        trialConstraintGradient(Eigen::VectorXd::Zero(n)),
+        curvatureColumn(Eigen::VectorXd::Zero(n)),
         combinedGradient(Eigen::VectorXd::Zero(n)),
-        jacobianT(Eigen::MatrixXd::Zero(n, m)), solvedJacobianT(Eigen::MatrixXd::Zero(n, m)),
-        values(Eigen::VectorXd::Zero(m)), trialValues(Eigen::VectorXd::Zero(m)),
-        multipliers(Eigen::VectorXd::Zero(m)), leastSquares(Eigen::VectorXd::Zero(m)),
-        rhs(Eigen::VectorXd::Zero(m)), schur(Eigen::MatrixXd::Zero(m, m)),
-        gram(Eigen::MatrixXd::Zero(m, m)), schurLdlt(m), gramLdlt(m) {}
+        jacobianT(Eigen::MatrixXd::Zero(n, m)),
+        solvedJacobianT(Eigen::MatrixXd::Zero(n, m)),
+        values(Eigen::VectorXd::Zero(m)),
+        trialValues(Eigen::VectorXd::Zero(m)),
+        multipliers(Eigen::VectorXd::Zero(m)),
+        leastSquares(Eigen::VectorXd::Zero(m)),
+        rhs(Eigen::VectorXd::Zero(m)),
+        schur(Eigen::MatrixXd::Zero(m, m)),
+        gram(Eigen::MatrixXd::Zero(m, m)),
+        schurLdlt(m),
+        gramLdlt(m) {}
   Eigen::VectorXd solvedGradient;           // u = A'^{-1} g
   Eigen::VectorXd lagrangianGradient;       // g - J^T nu
   Eigen::VectorXd trialConstraintGradient;  // a constraint gradient away from x
@@ -59,7 +67,9 @@ class ConstrainedStep final : public detail::NewtonStep {
  public:
   ConstrainedStep(const std::vector<LxConstrFunc*>& constraints, Workspace& w, double tolerance,
                   double valueChangeTolerance)
-      : constraints_(constraints), w_(w), tolerance_(tolerance),
+      : constraints_(constraints),
+        w_(w),
+        tolerance_(tolerance),
         valueChangeTolerance_(valueChangeTolerance) {}
 
   double Evaluated(double* x, const ConstVectorMap& g, double* packed) override {
@@ -76,11 +86,11 @@ class ConstrainedStep final : public detail::NewtonStep {
              Eigen::VectorXd& step) override {
     const Eigen::MatrixXd& jt = w_.jacobianT;
     factor.Solve(g, w_.solvedGradient);
-    for (Eigen::Index k = 0; k < jt.cols(); ++k)
-      factor.Solve(jt.col(k), w_.solvedJacobianT.col(k));
+    for (Eigen::Index k = 0; k < jt.cols(); ++k) factor.Solve(jt.col(k), w_.solvedJacobianT.col(k));
     for (Eigen::Index i = 0; i < jt.cols(); ++i) {
       w_.rhs(i) = jt.col(i).dot(w_.solvedGradient) - w_.values(i);
-      for (Eigen::Index j = 0; j <= i; ++j) w_.schur(i, j) = jt.col(i).dot(w_.solvedJacobianT.col(j));
+      for (Eigen::Index j = 0; j <= i; ++j)
+        w_.schur(i, j) = jt.col(i).dot(w_.solvedJacobianT.col(j));
     }
     w_.schurLdlt.compute(w_.schur);
     w_.multipliers = w_.schurLdlt.solve(w_.rhs);
@@ -136,8 +146,7 @@ class ConstrainedStep final : public detail::NewtonStep {
     w_.leastSquares = w_.gramLdlt.solve(w_.rhs);
     w_.lagrangianGradient = g;
     w_.lagrangianGradient.noalias() -= jt * w_.leastSquares;
-    return detail::RmsGradient(w_.lagrangianGradient.data(),
-                               static_cast<unsigned int>(g.size()));
+    return detail::RmsGradient(w_.lagrangianGradient.data(), static_cast<unsigned int>(g.size()));
   }
 
   // Subtracts sum_k nu_k grad^2 c_k from the packed Hessian, so that it
@@ -155,12 +164,13 @@ class ConstrainedStep final : public detail::NewtonStep {
       for (std::size_t k = 0; k < constraints_.size(); ++k) {
         w_.trialConstraintGradient.setZero();
         (*constraints_[k])(x, w_.trialConstraintGradient.data());
-        w_.curvatureColumn += w_.leastSquares(static_cast<Eigen::Index>(k)) *
-                              w_.trialConstraintGradient;
+        w_.curvatureColumn +=
+            w_.leastSquares(static_cast<Eigen::Index>(k)) * w_.trialConstraintGradient;
       }
       x[i] = xi;
       w_.curvatureColumn = (w_.curvatureColumn - w_.combinedGradient) / h;
-      for (Eigen::Index r = 0; r < i; ++r) packed[i * (i + 1) / 2 + r] -= 0.5 * w_.curvatureColumn(r);
+      for (Eigen::Index r = 0; r < i; ++r)
+        packed[i * (i + 1) / 2 + r] -= 0.5 * w_.curvatureColumn(r);
       for (Eigen::Index r = i + 1; r < n; ++r)
         packed[r * (r + 1) / 2 + i] -= 0.5 * w_.curvatureColumn(r);
       packed[i * (i + 1) / 2 + i] -= w_.curvatureColumn(i);
@@ -241,21 +251,33 @@ LxNewtonConstrOpt& LxNewtonConstrOpt::operator=(const LxNewtonConstrOpt& other) 
 }
 LxNewtonConstrOpt::~LxNewtonConstrOpt() = default;
 
-void LxNewtonConstrOpt::SetIterLimit(unsigned int limit) { impl_->SetIterLimit(limit); }
-void LxNewtonConstrOpt::SetTolerance(double tolerance) { impl_->SetTolerance(tolerance); }
-unsigned int LxNewtonConstrOpt::GetIterLimit() const { return impl_->GetIterLimit(); }
-double LxNewtonConstrOpt::GetTolerance() const { return impl_->GetTolerance(); }
+void LxNewtonConstrOpt::SetIterLimit(unsigned int limit) {
+  impl_->SetIterLimit(limit);
+}
+void LxNewtonConstrOpt::SetTolerance(double tolerance) {
+  impl_->SetTolerance(tolerance);
+}
+unsigned int LxNewtonConstrOpt::GetIterLimit() const {
+  return impl_->GetIterLimit();
+}
+double LxNewtonConstrOpt::GetTolerance() const {
+  return impl_->GetTolerance();
+}
 
-double LxNewtonConstrOpt::operator()(LxFunc2& func, LxCheckpoint1* checkpoint,
-                                     const double* start, double* result) {
+double LxNewtonConstrOpt::operator()(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start,
+                                     double* result) {
   return detail::RecordRun(lastRun_, func, checkpoint, false,
                            [&](LxFunc2& counted, LxCheckpoint1* recorder) {
                              return (*impl_)(counted, recorder, start, result);
                            });
 }
 
-bool LxNewtonConstrOpt::Add(LxConstrFunc& c) { return impl_->Add(c); }
-bool LxNewtonConstrOpt::Remove(LxConstrFunc& c) { return impl_->Remove(c); }
+bool LxNewtonConstrOpt::Add(LxConstrFunc& c) {
+  return impl_->Add(c);
+}
+bool LxNewtonConstrOpt::Remove(LxConstrFunc& c) {
+  return impl_->Remove(c);
+}
 
 LxConstrFunc::~LxConstrFunc() = default;
 

@@ -29,10 +29,8 @@ double RmsGradient(const double* g, unsigned int n);
 // The Levenberg-Marquardt damping factor of one run.
 class DampingSchedule {
  public:
-  DampingSchedule(double initial, double minimum, double maximum, double decrease,
-                  double increase)
-      : lambda_(initial), min_(minimum), max_(maximum), decrease_(decrease),
-        increase_(increase) {}
+  DampingSchedule(double initial, double minimum, double maximum, double decrease, double increase)
+      : lambda_(initial), min_(minimum), max_(maximum), decrease_(decrease), increase_(increase) {}
   double lambda() const { return lambda_; }
   // |lambda - maximum| < 1e-10: a failing step now ends the run.
   bool AtMaximum() const;

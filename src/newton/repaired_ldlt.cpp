@@ -28,8 +28,11 @@ constexpr Eigen::Index kTile = 64;
 }  // namespace
 
 RepairedLdlt::RepairedLdlt(Eigen::Index n)
-    : ldlt_(n), repairedMatrix_(Eigen::MatrixXd::Zero(n, n)),
-      scratch_(Eigen::MatrixXd::Zero(n, n)), repairedPivots_(n), rowOf_(n),
+    : ldlt_(n),
+      repairedMatrix_(Eigen::MatrixXd::Zero(n, n)),
+      scratch_(Eigen::MatrixXd::Zero(n, n)),
+      repairedPivots_(n),
+      rowOf_(n),
       permuted_(Eigen::VectorXd::Zero(n)) {}
 
 bool RepairedLdlt::Factorize(const Eigen::MatrixXd& a) {

@@ -82,7 +82,9 @@ LxBFGSOpt& LxBFGSOpt::operator=(const LxBFGSOpt& other) {
   return *this;
 }
 
-LxBFGSOpt::~LxBFGSOpt() { FreeStored(); }
+LxBFGSOpt::~LxBFGSOpt() {
+  FreeStored();
+}
 
 void LxBFGSOpt::FreeStored() {
   std::free(storedHessian_);
@@ -128,11 +130,10 @@ double LxBFGSOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const dou
   const unsigned int n = func.NumVar();
   SetHessianDimension(n);
   KeptMatrix matrix(*this);
-  return detail::RecordRun(lastRun_, func, checkpoint, true,
-                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-                             return detail::RunQuasiNewton(settings_, matrix, n, counted,
-                                                           recorder, in, out);
-                           });
+  return detail::RecordRun(
+      lastRun_, func, checkpoint, true, [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+        return detail::RunQuasiNewton(settings_, matrix, n, counted, recorder, in, out);
+      });
 }
 
 }  // namespace LxOpt

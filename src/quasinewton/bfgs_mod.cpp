@@ -89,7 +89,9 @@ LxBFGSModOpt& LxBFGSModOpt::operator=(const LxBFGSModOpt& other) {
   return *this;
 }
 
-LxBFGSModOpt::~LxBFGSModOpt() { FreePersistent(); }
+LxBFGSModOpt::~LxBFGSModOpt() {
+  FreePersistent();
+}
 
 void LxBFGSModOpt::FreePersistent() {
   std::free(persistent_);
@@ -115,11 +117,10 @@ double LxBFGSModOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const 
   const unsigned int n = func.NumVar();
   SetHessianDimension(n);
   CarriedMatrix matrix(*this);
-  return detail::RecordRun(lastRun_, func, checkpoint, true,
-                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-                             return detail::RunQuasiNewton(Settings(), matrix, n, counted,
-                                                           recorder, in, out);
-                           });
+  return detail::RecordRun(
+      lastRun_, func, checkpoint, true, [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+        return detail::RunQuasiNewton(Settings(), matrix, n, counted, recorder, in, out);
+      });
 }
 
 }  // namespace LxOpt

@@ -50,11 +50,10 @@ bool LxDFPOpt::SetLineMinimize(const LxLineMinimize& lm) {
 double LxDFPOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                             double* out) {
   DFPMatrix matrix;
-  return detail::RecordRun(lastRun_, func, checkpoint, true,
-                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-                             return detail::RunQuasiNewton(settings_, matrix, func.NumVar(),
-                                                           counted, recorder, in, out);
-                           });
+  return detail::RecordRun(
+      lastRun_, func, checkpoint, true, [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+        return detail::RunQuasiNewton(settings_, matrix, func.NumVar(), counted, recorder, in, out);
+      });
 }
 
 }  // namespace LxOpt

@@ -23,7 +23,9 @@ namespace detail {
 namespace {
 
 // Offset of row i of the packed triangle.
-inline std::size_t RowStart(unsigned int i) { return static_cast<std::size_t>(i) * (i + 1) / 2; }
+inline std::size_t RowStart(unsigned int i) {
+  return static_cast<std::size_t>(i) * (i + 1) / 2;
+}
 
 // The product kernels take the rows in pairs (i, i + 1): the two rows share
 // every load of v and of out, and each row keeps two partial sums, so four
@@ -55,11 +57,11 @@ inline PairSums DotPairAndAxpy(const double* __restrict r0, const double* __rest
 }
 
 // The same after updating both rows: rk[j] += fsk s[j] + fpk p[j].
-inline PairSums UpdatePairDotAndAxpy(double* __restrict r0, double* __restrict r1,
-                                     std::size_t len, const double* __restrict s,
-                                     const double* __restrict p, double fs0, double fp0,
-                                     double fs1, double fp1, const double* __restrict v,
-                                     double w0, double w1, double* __restrict out) {
+inline PairSums UpdatePairDotAndAxpy(double* __restrict r0, double* __restrict r1, std::size_t len,
+                                     const double* __restrict s, const double* __restrict p,
+                                     double fs0, double fp0, double fs1, double fp1,
+                                     const double* __restrict v, double w0, double w1,
+                                     double* __restrict out) {
   double a0 = 0.0, a1 = 0.0, b0 = 0.0, b1 = 0.0;
   std::size_t j = 0;
   for (; j + 2 <= len; j += 2) {

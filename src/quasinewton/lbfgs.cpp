@@ -9,8 +9,8 @@
 #include <cstring>
 #include <vector>
 
-#include "framework/run_record.h"
 #include "framework/internal.h"
+#include "framework/run_record.h"
 #include "geomopt/pair_model.h"
 #include "lxopt/host.h"
 #include "lxopt/quasinewton.h"
@@ -30,8 +30,8 @@ constexpr double kUnitStep = 1.0;
 constexpr double kFirstMoveShare = 1.0;
 
 // Doubles in the run's block, (2m + 3) n + 2m, plus the pair model's n n + n
-// and the point it was built at (n) for Cartesian variables, or SIZE_MAX when that overflows (the allocation
-// then fails).
+// and the point it was built at (n) for Cartesian variables, or SIZE_MAX when that overflows (the
+// allocation then fails).
 std::size_t ScratchCount(unsigned int m, unsigned int n, bool cartesian) {
   const std::size_t perVariable = 2 * static_cast<std::size_t>(m) + kWorkVectors;
   if (n != 0 && perVariable > (SIZE_MAX - 2 * static_cast<std::size_t>(m)) / n) return SIZE_MAX;
@@ -47,9 +47,14 @@ class PairRing {
   // model: room for the pair model (H0 = gamma P^-1; n n + n doubles) and
   // the point it was built at (n), or null for H0 = gamma I.
   PairRing(double* block, unsigned int m, unsigned int n, double* model)
-      : s_(block), y_(block + static_cast<std::size_t>(m) * n),
-        rho_(y_ + static_cast<std::size_t>(m) * n), alpha_(rho_ + m), m_(m), n_(n),
-        model_(model), modelWork_(model != nullptr ? model + std::size_t(n) * n : nullptr),
+      : s_(block),
+        y_(block + static_cast<std::size_t>(m) * n),
+        rho_(y_ + static_cast<std::size_t>(m) * n),
+        alpha_(rho_ + m),
+        m_(m),
+        n_(n),
+        model_(model),
+        modelWork_(model != nullptr ? model + std::size_t(n) * n : nullptr),
         xModel_(model != nullptr ? modelWork_ + n : nullptr) {}
 
   // Builds the model at x when there is none yet (false when it cannot be
@@ -147,8 +152,9 @@ class PairRing {
       dot = AxpyThenDot(-alpha_[i], Y(i), d, S(older));
       i = older;
     }
-    dot = model_ != nullptr ? AxpySolveScaleThenDot(-alpha_[i], Y(i), d, Y(i))
-                            : AxpyScaleThenDot(-alpha_[i], Y(i), gamma_, d, Y(i));  // i is the oldest
+    dot = model_ != nullptr
+              ? AxpySolveScaleThenDot(-alpha_[i], Y(i), d, Y(i))
+              : AxpyScaleThenDot(-alpha_[i], Y(i), gamma_, d, Y(i));  // i is the oldest
     for (unsigned int j = 0;; ++j) {
       const double beta = rho_[i] * dot;
       if (j + 1 == count_) return AxpyThenDot(alpha_[i] - beta, S(i), d, g);
@@ -232,8 +238,7 @@ bool LxLBFGSOpt::SetLineMinimize(const LxLineMinimize& lm) {
   return true;
 }
 
-bool LxLBFGSOpt::GetFinalPairs(double* s, double* y, unsigned int n,
-                               unsigned int capacity) const {
+bool LxLBFGSOpt::GetFinalPairs(double* s, double* y, unsigned int n, unsigned int capacity) const {
   if (!kept_) {
     LxThrow.Warning("L-BFGS pairs can't be extracted because they were not kept");
     return false;
@@ -253,15 +258,13 @@ bool LxLBFGSOpt::GetFinalPairs(double* s, double* y, unsigned int n,
 }
 
 double LxLBFGSOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
-                             double* out) {
-  return detail::RecordRun(lastRun_, func, checkpoint, true,
-                           [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-                             return Run(counted, recorder, in, out);
-                           });
+                              double* out) {
+  return detail::RecordRun(
+      lastRun_, func, checkpoint, true,
+      [&](LxFunc1& counted, LxCheckpoint1* recorder) { return Run(counted, recorder, in, out); });
 }
 
-double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
-                              double* out) {
+double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in, double* out) {
   kept_ = false;
   keptCount_ = 0;
   const unsigned int n = func.NumVar();

@@ -28,8 +28,8 @@ void Negate(const double* from, double* to, unsigned int n) {
 }
 
 // Moves to the accepted point: s = step d, x += s, y = w - g, g = w.
-void AcceptStep(unsigned int n, double step, const double* d, const double* w, double* x,
-                double* g, double* s, double* y) {
+void AcceptStep(unsigned int n, double step, const double* d, const double* w, double* x, double* g,
+                double* s, double* y) {
   for (unsigned int i = 0; i < n; ++i) {
     s[i] = step * d[i];
     x[i] += s[i];
@@ -46,9 +46,13 @@ int ByteCountForMessage(std::size_t bytes) {
 
 QuasiNewtonMatrix::~QuasiNewtonMatrix() = default;
 
-double QuasiNewtonMatrix::FirstStep(double gg) const { return std::sqrt(1.0 / gg); }
+double QuasiNewtonMatrix::FirstStep(double gg) const {
+  return std::sqrt(1.0 / gg);
+}
 
-void QuasiNewtonMatrix::Restart(double* h, unsigned int n) { SetIdentityPacked(h, n); }
+void QuasiNewtonMatrix::Restart(double* h, unsigned int n) {
+  SetIdentityPacked(h, n);
+}
 
 void QuasiNewtonMatrix::Keep(const double*, unsigned int, double) {}
 

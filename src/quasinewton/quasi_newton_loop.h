@@ -15,7 +15,7 @@ namespace detail {
 enum class QuasiNewtonUpdate {
   kBFGS,  // H += a s s' + b Hy Hy' + yHy u u', u = a s + b Hy
   kDFP,   // H += a s s' + b Hy Hy'
-};         // a = 1/s.y, b = -1/yHy
+};        // a = 1/s.y, b = -1/yHy
 
 class QuasiNewtonMatrix {
  public:

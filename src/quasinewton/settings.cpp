@@ -16,8 +16,8 @@ constexpr double kSearchMinStep = 1e-10;
 LxQNSettings::LxQNSettings()
     : iterLimit(kDefaultIterLimit),
       tolerance(kDefaultTolerance),
-      lineMinimize(new LxQNLineMinimize(kSearchTrials, kSearchDecrease, kSearchCurvature,
-                                        kSearchMinStep)) {}
+      lineMinimize(
+          new LxQNLineMinimize(kSearchTrials, kSearchDecrease, kSearchCurvature, kSearchMinStep)) {}
 
 LxQNSettings::LxQNSettings(const LxQNSettings& other)
     : iterLimit(other.iterLimit),

@@ -42,7 +42,8 @@ struct Wells : LxFunc1 {
 
 struct Capture {
   Capture() {
-    previous = LxSetMessageSink([this](LxMessageLevel, const std::string& t) { texts.push_back(t); });
+    previous =
+        LxSetMessageSink([this](LxMessageLevel, const std::string& t) { texts.push_back(t); });
   }
   ~Capture() { LxSetMessageSink(previous); }
   Texts texts;
@@ -78,9 +79,10 @@ void MalformedSetups() {
   const bool last = rank == size - 1;
   ExpectRefused("different NumVar", last ? 3 : 2, Vec(2, -2.0), Vec(2, 2.0), {kShape});
   ExpectRefused("bounds too long on one rank", 2, Vec(last ? 3 : 2, -2.0), Vec(2, 2.0), {kShape});
-  ExpectRefused("lower above upper on one rank", 2, Vec{-2.0, last ? 3.0 : -2.0}, Vec(2, 2.0),
-                {last ? "The values of lower bounds should be obviously lower than the upper bounds!"
-                      : "LxMpiMinfinder: Setup failed on another rank!"});
+  ExpectRefused(
+      "lower above upper on one rank", 2, Vec{-2.0, last ? 3.0 : -2.0}, Vec(2, 2.0),
+      {last ? "The values of lower bounds should be obviously lower than the upper bounds!"
+            : "LxMpiMinfinder: Setup failed on another rank!"});
 }
 
 void MalformedHessians() {
@@ -90,7 +92,8 @@ void MalformedHessians() {
     Wells func(last ? 3 : 2);
     Capture capture;
     Check(!LxMpiNumericHessian(func, x.data(), hessian.data()), "Hessian, different NumVar");
-    Check(capture.texts == Texts{"LxMpiNumericHessian: the ranks disagree on the number of variables!"},
+    Check(capture.texts ==
+              Texts{"LxMpiNumericHessian: the ranks disagree on the number of variables!"},
           "Hessian, different NumVar: message");
   }
   {
@@ -128,7 +131,8 @@ void WellFormedCallsMatchOneProcess() {
   Check(coords == refCoords && values == refValues, "minima equal the one-process minima");
 
   std::vector<GradDiff> records;
-  for (unsigned int i = 0; i < 3; ++i) records.push_back(DifferentialGradients(func, coords.data(), i));
+  for (unsigned int i = 0; i < 3; ++i)
+    records.push_back(DifferentialGradients(func, coords.data(), i));
   Vec hessian(6, 1.0), reference(6, 1.0);
   NumericHessian(records, reference.data());
   Check(LxMpiNumericHessian(func, coords.data(), hessian.data()), "Hessian");
@@ -145,6 +149,7 @@ int main(int argc, char** argv) {
   MalformedHessians();
   WellFormedCallsMatchOneProcess();
   MPI_Finalize();
-  if (failures == 0 && rank == 0) std::printf("malformed calls: all checks held on %d ranks\n", size);
+  if (failures == 0 && rank == 0)
+    std::printf("malformed calls: all checks held on %d ranks\n", size);
   return failures == 0 ? 0 : 1;
 }

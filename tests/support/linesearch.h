@@ -65,9 +65,8 @@ class FailOnDemand : public LxOpt::LxLineMinimize {
  public:
   explicit FailOnDemand(std::set<int> failOn = {})
       : failOn_(std::move(failOn)), log_(std::make_shared<Log>()) {}
-  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0,
-                  double* gradOut, double* fval, double* step,
-                  LxOpt::LxFunc1& func) const override {
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
+                  double* fval, double* step, LxOpt::LxFunc1& func) const override {
     log_->steps.push_back(*step);
     log_->dirs.emplace_back(dir, dir + n);
     log_->grads.emplace_back(grad0, grad0 + n);

@@ -109,8 +109,14 @@ class Counting : public LxOpt::LxFunc2 {
   using LxOpt::LxFunc2::operator();
   explicit Counting(LxOpt::LxFunc2& inner) : inner_(inner) {}
   unsigned int NumVar() const override { return inner_.NumVar(); }
-  double operator()(const double* x) override { ++values; return inner_(x); }
-  double operator()(const double* x, double* g) override { ++gradients; return inner_(x, g); }
+  double operator()(const double* x) override {
+    ++values;
+    return inner_(x);
+  }
+  double operator()(const double* x, double* g) override {
+    ++gradients;
+    return inner_(x, g);
+  }
   bool operator()(const double* x, double* h, double* g) override {
     ++hessians;
     return inner_(x, h, g);
@@ -171,9 +177,10 @@ class MessageCapture {
     std::string text;
   };
   MessageCapture() {
-    previous_ = LxOpt::LxSetMessageSink([this](LxOpt::LxMessageLevel level, const std::string& text) {
-      messages.push_back({level, text});
-    });
+    previous_ =
+        LxOpt::LxSetMessageSink([this](LxOpt::LxMessageLevel level, const std::string& text) {
+          messages.push_back({level, text});
+        });
   }
   ~MessageCapture() { LxOpt::LxSetMessageSink(previous_); }
   MessageCapture(const MessageCapture&) = delete;

@@ -53,11 +53,12 @@ void AnnealEggCrate(const Options&) {
   const double fGlobal = sa(f, start.data(), global.data());
   LxOpt::lxout.flush();
   LxOpt::LxSetMessageSink(previous);
-  std::printf("  start (%g, %g): BFGS alone f = %.6f at (%.4f, %.4f)\n", start[0], start[1],
-              fLocal, local[0], local[1]);
-  std::printf("  annealing then BFGS:  f = %.6f at (%.4f, %.4f) (global minimum 0 at the "
-              "origin)\n",
-              fGlobal, global[0], global[1]);
+  std::printf("  start (%g, %g): BFGS alone f = %.6f at (%.4f, %.4f)\n", start[0], start[1], fLocal,
+              local[0], local[1]);
+  std::printf(
+      "  annealing then BFGS:  f = %.6f at (%.4f, %.4f) (global minimum 0 at the "
+      "origin)\n",
+      fGlobal, global[0], global[1]);
 }
 
 const Register section(Section{70, "annealing", AnnealEggCrate});

@@ -15,20 +15,22 @@ Opt Configured() {
   return opt;
 }
 
-const Register conjGrad(Optimizer{20, "ConjGrad", false, RunWith(Configured<LxOpt::LxConjGradOpt>())});
-const Register fletcherReeves(
-    Optimizer{21, "FletcherReeves", false, RunWith(Configured<LxOpt::LxFletcherReevesOpt>())});
-const Register ribierePolak(
-    Optimizer{22, "RibierePolak", false, RunWith(Configured<LxOpt::LxRibierePolakOpt>())});
-const Register hestenesStiefel(
-    Optimizer{23, "HestenesStiefel", false, RunWith(Configured<LxOpt::LxHestenesStiefelOpt>())});
+const Register conjGrad(Optimizer{20, "ConjGrad", false,
+                                  RunWith(Configured<LxOpt::LxConjGradOpt>())});
+const Register fletcherReeves(Optimizer{21, "FletcherReeves", false,
+                                        RunWith(Configured<LxOpt::LxFletcherReevesOpt>())});
+const Register ribierePolak(Optimizer{22, "RibierePolak", false,
+                                      RunWith(Configured<LxOpt::LxRibierePolakOpt>())});
+const Register hestenesStiefel(Optimizer{23, "HestenesStiefel", false,
+                                         RunWith(Configured<LxOpt::LxHestenesStiefelOpt>())});
 
 LxOpt::LxConjGradOpt WithQuasiNewtonSearch() {
   LxOpt::LxConjGradOpt opt = Configured<LxOpt::LxConjGradOpt>();
   opt.SetLineMinimize(LxOpt::LxQNLineMinimize());
   return opt;
 }
-const Register conjGradQN(Optimizer{24, "ConjGrad+QNSearch", false, RunWith(WithQuasiNewtonSearch())});
+const Register conjGradQN(Optimizer{24, "ConjGrad+QNSearch", false,
+                                    RunWith(WithQuasiNewtonSearch())});
 
 // Swapping the line minimizer: SetLineMinimize keeps its own copy. ConjGrad
 // on the curved valley with each of the four.

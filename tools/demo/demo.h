@@ -28,9 +28,8 @@ struct Problem {
 };
 
 // One run; returns the optimizer's summary of it.
-using RunFunction =
-    std::function<LxOpt::LxRunSummary(LxOpt::LxFunc2& func, LxOpt::LxCheckpoint1* checkpoint,
-                                      const double* start, double* out)>;
+using RunFunction = std::function<LxOpt::LxRunSummary(
+    LxOpt::LxFunc2& func, LxOpt::LxCheckpoint1* checkpoint, const double* start, double* out)>;
 
 struct Optimizer {
   int order;
@@ -74,11 +73,11 @@ struct Register {
 // Runs any LxOptimizer1 (copied per run) through the registry's signature.
 template <class Opt>
 RunFunction RunWith(Opt opt) {
-  return [opt](LxOpt::LxFunc2& f, LxOpt::LxCheckpoint1* cp, const double* start,
-               double* out) mutable {
-    opt(f, cp, start, out);
-    return opt.LastRun();
-  };
+  return
+      [opt](LxOpt::LxFunc2& f, LxOpt::LxCheckpoint1* cp, const double* start, double* out) mutable {
+        opt(f, cp, start, out);
+        return opt.LastRun();
+      };
 }
 
 }  // namespace demo

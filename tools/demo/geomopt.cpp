@@ -19,23 +19,23 @@ void RelaxCluster(const Options&) {
   std::vector<double> ref = start, out(start.size());
 
   // The checkpoint's lines are informational messages: show them here.
-  LxOpt::LxMessageSink previous = LxOpt::LxSetMessageSink(
-      [](LxOpt::LxMessageLevel level, const std::string& text) {
-        std::printf("  %s%s\n", level == LxOpt::LxMessageLevel::Info ? "" : "warning: ",
-                    text.c_str());
-      });
+  LxOpt::LxMessageSink previous = LxOpt::LxSetMessageSink([](LxOpt::LxMessageLevel level,
+                                                             const std::string& text) {
+    std::printf("  %s%s\n", level == LxOpt::LxMessageLevel::Info ? "" : "warning: ", text.c_str());
+  });
   LxOpt::LxBFGSCheckpoint checkpoint;
-  checkpoint.SetParams("Energy", ref.data(), static_cast<unsigned int>(ref.size()), nullptr,
-                       true, &LxOpt::lxout);
+  checkpoint.SetParams("Energy", ref.data(), static_cast<unsigned int>(ref.size()), nullptr, true,
+                       &LxOpt::lxout);
   LxOpt::LxBFGSOptimizer opt;
   opt.SetTolerance(1e-4);
   std::fflush(stdout);
   const double e = opt(cluster, &checkpoint, start.data(), out.data());
   LxOpt::lxout.flush();
   LxOpt::LxSetMessageSink(previous);
-  std::printf("  LJ13 from a perturbed icosahedron: E = %.6f (known minimum %.6f), "
-              "state %s\n",
-              e, cluster.FStar(), LxOpt::LxGetStateName(opt.LastRun().state));
+  std::printf(
+      "  LJ13 from a perturbed icosahedron: E = %.6f (known minimum %.6f), "
+      "state %s\n",
+      e, cluster.FStar(), LxOpt::LxGetStateName(opt.LastRun().state));
 }
 
 LxOpt::LxBFGSOptimizer Configured() {

@@ -159,10 +159,7 @@ double XPosition(double iter, unsigned int maxIter) {
   return kPanelLeft + kPanelWidth * std::log10(1.0 + iter) / std::log10(2.0 + maxIter);
 }
 
-void WritePanel(std::FILE* svg,
-                int panel,
-                const std::vector<Series>& series,
-                double lowest,
+void WritePanel(std::FILE* svg, int panel, const std::vector<Series>& series, double lowest,
                 unsigned int maxIter) {
   double lo = HUGE_VAL, hi = -HUGE_VAL;
   for (const Series& s : series)

@@ -31,8 +31,8 @@ class Himmelblau : public Objective {
 struct Known {
   double x, y;
 };
-const Known kKnown[] = {{3.0, 2.0}, {-2.805118, 3.131312}, {-3.779310, -3.283186},
-                        {3.584428, -1.848126}};
+const Known kKnown[] = {
+    {3.0, 2.0}, {-2.805118, 3.131312}, {-3.779310, -3.283186}, {3.584428, -1.848126}};
 
 // The known minimum nearest to (x, y) and its distance.
 int NearestKnown(double x, double y, double& distance) {
@@ -67,8 +67,8 @@ void GlobalSearch(const Options&) {
   for (std::size_t j = 0; j < values.size(); ++j) {
     double distance = 0.0;
     const Known& k = kKnown[NearestKnown(coords[2 * j], coords[2 * j + 1], distance)];
-    std::printf("  %-3zu (%9.6f, %9.6f)   %-14.3e (%9.6f, %9.6f)   %.1e\n", j + 1,
-                coords[2 * j], coords[2 * j + 1], values[j], k.x, k.y, distance);
+    std::printf("  %-3zu (%9.6f, %9.6f)   %-14.3e (%9.6f, %9.6f)   %.1e\n", j + 1, coords[2 * j],
+                coords[2 * j + 1], values[j], k.x, k.y, distance);
   }
 }
 

@@ -1,9 +1,9 @@
 // Newton in the demo table (it runs on the problems that supply a Hessian),
 // and the constrained Newton section: nearest points on a sphere, a plane and
 // their intersection circle, each printed beside its known answer.
+#include <array>
 #include <cmath>
 #include <cstdio>
-#include <array>
 
 #include "demo/demo.h"
 
@@ -71,12 +71,20 @@ class TraceReports : public LxOpt::LxCheckpoint1 {
   }
 };
 
-Vec3 Scaled(const Vec3& v, double s) { return {v[0] * s, v[1] * s, v[2] * s}; }
-Vec3 Plus(const Vec3& a, const Vec3& b) { return {a[0] + b[0], a[1] + b[1], a[2] + b[2]}; }
-double Norm(const Vec3& v) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
+Vec3 Scaled(const Vec3& v, double s) {
+  return {v[0] * s, v[1] * s, v[2] * s};
+}
+Vec3 Plus(const Vec3& a, const Vec3& b) {
+  return {a[0] + b[0], a[1] + b[1], a[2] + b[2]};
+}
+double Norm(const Vec3& v) {
+  return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+}
 
 // The nearest point of the plane x + y + z = 1 to p.
-Vec3 OntoPlane(const Vec3& p) { return Plus(p, Scaled({1, 1, 1}, (1.0 - p[0] - p[1] - p[2]) / 3.0)); }
+Vec3 OntoPlane(const Vec3& p) {
+  return Plus(p, Scaled({1, 1, 1}, (1.0 - p[0] - p[1] - p[2]) / 3.0));
+}
 
 void RunCase(const char* name, const Vec3& p, std::vector<LxOpt::LxConstrFunc*> constraints,
              const Vec3& known, const Options& options) {
@@ -91,7 +99,8 @@ void RunCase(const char* name, const Vec3& p, std::vector<LxOpt::LxConstrFunc*> 
   const LxOpt::LxRunSummary& last = opt.LastRun();
   double worst = 0.0;
   std::vector<double> grad(3);
-  for (LxOpt::LxConstrFunc* c : constraints) worst = std::fmax(worst, std::fabs((*c)(x.data(), grad.data())));
+  for (LxOpt::LxConstrFunc* c : constraints)
+    worst = std::fmax(worst, std::fabs((*c)(x.data(), grad.data())));
   std::printf("%-34s found (%+.9f, %+.9f, %+.9f)  f = %.9f  max|c| = %.1e  %s after %u\n", name,
               x[0], x[1], x[2], value, worst, LxOpt::LxGetStateName(last.state), last.iterations);
   std::printf("%-34s known (%+.9f, %+.9f, %+.9f)  f = %.9f\n", "", known[0], known[1], known[2],

@@ -36,8 +36,13 @@ class IllConditionedQuadratic : public Objective {
   std::vector<double> d_;
 };
 
-const Register valley(Problem{10, "curved valley", [] { return std::make_unique<lxbench::LeastSquares<lxbench::mgh::Rosenbrock>>(); },
-                              {-1.2, 1.0}, true, 0.0});
+const Register valley(Problem{
+    10,
+    "curved valley",
+    [] { return std::make_unique<lxbench::LeastSquares<lxbench::mgh::Rosenbrock>>(); },
+    {-1.2, 1.0},
+    true,
+    0.0});
 const Register quadratic(Problem{20, "ill-cond. quadratic",
                                  [] { return std::make_unique<IllConditionedQuadratic>(100); },
                                  std::vector<double>(100, 0.0), true, 0.0});

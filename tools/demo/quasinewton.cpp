@@ -44,8 +44,7 @@ Opt Configured(const LxOpt::LxLineMinimize& search) {
 // where that stopped, starting from the matrix and step the first run left.
 RunFunction TwoRuns(const LxOpt::LxLineMinimize& search) {
   std::shared_ptr<LxOpt::LxLineMinimize> kept(search.CreateCopy());
-  return [kept](LxOpt::LxFunc2& f, LxOpt::LxCheckpoint1* cp, const double* start,
-                double* out) {
+  return [kept](LxOpt::LxFunc2& f, LxOpt::LxCheckpoint1* cp, const double* start, double* out) {
     LxOpt::LxBFGSModOpt opt = Configured<LxOpt::LxBFGSModOpt>(*kept);
     opt.SetIterLimit(20);
     opt(f, cp, start, out);
@@ -63,11 +62,11 @@ bool RegisterAll() {
   for (const Search& s : Searches()) {
     const std::unique_ptr<LxOpt::LxLineMinimize> search = s.make();
     const std::string suffix = s.suffix;
-    Register(Optimizer{order, "BFGS" + suffix, false,
-                       RunWith(Configured<LxOpt::LxBFGSOpt>(*search))});
+    Register(
+        Optimizer{order, "BFGS" + suffix, false, RunWith(Configured<LxOpt::LxBFGSOpt>(*search))});
     Register(Optimizer{order + 4, "BFGSMod2Runs" + suffix, false, TwoRuns(*search)});
-    Register(Optimizer{order + 8, "DFP" + suffix, false,
-                       RunWith(Configured<LxOpt::LxDFPOpt>(*search))});
+    Register(
+        Optimizer{order + 8, "DFP" + suffix, false, RunWith(Configured<LxOpt::LxDFPOpt>(*search))});
     Register(Optimizer{order + 12, "LBFGS" + suffix, false,
                        RunWith(Configured<LxOpt::LxLBFGSOpt>(*search))});
     ++order;
@@ -114,7 +113,8 @@ void KeptInverse(const Options&) {
   std::printf("  BFGS on 1/2 x'Ax - b'x: f = %.10g at (%.6f, %.6f, %.6f), %u matrix entries\n",
               value, x[0], x[1], x[2], opt.GetHessianDimension());
   std::printf("  kept inverse Hessian (packed)  true inverse\n");
-  for (int k = 0; k < 6; ++k) std::printf("  %+.6f                     %+.6f\n", packed[k], exact[k]);
+  for (int k = 0; k < 6; ++k)
+    std::printf("  %+.6f                     %+.6f\n", packed[k], exact[k]);
 }
 
 const Register keptInverse(Section{30, "kept-inverse-hessian", KeptInverse});
