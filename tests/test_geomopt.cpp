@@ -757,4 +757,98 @@ TEST(GeometryDriver, ExtractionCopiesOnlyTheValuesForTheLatestN) {
   EXPECT_EQ(capture.Texts().back(), "Can't extract Hessian: Wrong number of variables");
 }
 
+// Harmonic springs between atoms, E = sum k/2 (r - r0)^2: a methane-like
+// molecule (C-H bonds 1.09, H-H as in a regular tetrahedron) whose minimum is 0.
+class SpringMolecule : public lxtest::Objective {
+ public:
+  using Objective::operator();
+  struct Spring {
+    unsigned int a, b;
+    double r0, k;
+  };
+  explicit SpringMolecule(std::vector<Spring> springs, unsigned int atoms)
+      : springs_(std::move(springs)), atoms_(atoms) {}
+  unsigned int NumVar() const override { return 3 * atoms_; }
+  double operator()(const double* x) override {
+    std::vector<double> g(NumVar());
+    return (*this)(x, g.data());
+  }
+  double operator()(const double* x, double* g) override {
+    std::fill(g, g + NumVar(), 0.0);
+    double e = 0.0;
+    for (const Spring& s : springs_) {
+      double d[3], r = 0.0;
+      for (int k = 0; k < 3; ++k) {
+        d[k] = x[3 * s.a + k] - x[3 * s.b + k];
+        r += d[k] * d[k];
+      }
+      r = std::sqrt(r);
+      e += 0.5 * s.k * (r - s.r0) * (r - s.r0);
+      for (int k = 0; k < 3; ++k) {
+        g[3 * s.a + k] += s.k * (r - s.r0) * d[k] / r;
+        g[3 * s.b + k] -= s.k * (r - s.r0) * d[k] / r;
+      }
+    }
+    return e;
+  }
+
+ private:
+  std::vector<Spring> springs_;
+  unsigned int atoms_;
+};
+
+// The elements change the model only where they can be used: with the
+// Cartesian model, one known element per atom. Elsewhere the run is the same
+// report for report as without them.
+TEST(GeometryStep, AtomicNumbersShapeTheModelOnlyWhereTheyApply) {
+  std::vector<SpringMolecule::Spring> springs;
+  for (unsigned int h = 1; h <= 4; ++h) springs.push_back({0, h, 1.09, 5.0});
+  for (unsigned int h = 1; h <= 4; ++h)
+    for (unsigned int j = h + 1; j <= 4; ++j)
+      springs.push_back({h, j, 1.09 * std::sqrt(8.0 / 3.0), 0.5});
+  SpringMolecule methane(springs, 5);
+  const std::vector<double> start = {0.05, -0.02, 0.0,  0.7,  0.6, 0.55,  -0.6, -0.7,
+                                     0.6,  -0.5,  0.65, -0.7, 0.6, -0.55, -0.6};
+  auto run = [&](bool cartesian, const std::vector<int>& numbers, double* value) {
+    LxBFGSOptimizer opt;
+    opt.SetCartesian(cartesian);
+    opt.SetAtomicNumbers(numbers.data(), static_cast<unsigned int>(numbers.size()));
+    EXPECT_EQ(opt.GetAtomicNumbers(), numbers);
+    opt.SetTolerance(1e-8);
+    Recorder rec;
+    std::vector<double> out(15);
+    *value = opt(methane, &rec, start.data(), out.data());
+    return Trace(rec);
+  };
+  double plain = 0.0, value = 0.0;
+  const std::string cartesianTrace = run(true, {}, &plain);
+  const std::string withElements = run(true, {6, 1, 1, 1, 1}, &value);
+  EXPECT_NE(withElements, cartesianTrace);
+  EXPECT_LT(value, 1e-12);
+  EXPECT_LT(plain, 1e-12);
+
+  struct Ignored {
+    const char* why;
+    bool cartesian;
+    std::vector<int> numbers;
+  };
+  const std::vector<Ignored> ignored = {
+      {"an unknown element", true, {6, 1, 1, 1, 0}},
+      {"an element past the table", true, {97, 1, 1, 1, 1}},
+      {"fewer numbers than atoms", true, {6, 1, 1, 1}},
+      {"no Cartesian model", false, {6, 1, 1, 1, 1}},
+  };
+  const std::string noModelTrace = run(false, {}, &plain);
+  for (const Ignored& c : ignored) {
+    SCOPED_TRACE(c.why);
+    EXPECT_EQ(run(c.cartesian, c.numbers, &value), c.cartesian ? cartesianTrace : noModelTrace);
+  }
+
+  LxBFGSOptimizer cleared;
+  const int numbers[] = {6, 1};
+  cleared.SetAtomicNumbers(numbers, 2);
+  cleared.SetAtomicNumbers(nullptr, 2);
+  EXPECT_TRUE(cleared.GetAtomicNumbers().empty());
+}
+
 }  // namespace

@@ -57,6 +57,12 @@ class CycleCounter : public LxOpt::LxCheckpoint1 {
   unsigned int cycles = 0;
 };
 
+// Atomic numbers for runs with "elements=1", set by lxm_set_atomic_numbers.
+std::vector<int>& Elements() {
+  static std::vector<int> numbers;
+  return numbers;
+}
+
 CycleCounter& LastRun() {
   static CycleCounter counter;
   return counter;
@@ -67,12 +73,14 @@ CycleCounter& LastRun() {
 extern "C" {
 // Cycles (iterations) of the last run, as its checkpoint last saw them.
 int lxm_last_cycles();
+void lxm_set_atomic_numbers(const int* numbers, int atoms);
 double lxm_minimize(int method, int n, const double* x0, double* out, LxmCallback fg,
                     const char* settings);
 }
 
 // method 0: LxBFGSOptimizer, 1: LxLBFGSOpt. settings: "tolerance=1e-10
-// iterlimit=100000 memory=8 cartesian=1 surrogate=1 ...". Writes the final point to out
+// iterlimit=100000 memory=8 cartesian=1 surrogate=1 elements=1 ..." (elements: the
+// atomic numbers of lxm_set_atomic_numbers). Writes the final point to out
 // and returns the final value.
 extern "C" double lxm_minimize(int method, int n, const double* x0, double* out, LxmCallback fg,
                                const char* settings) {
@@ -86,6 +94,8 @@ extern "C" double lxm_minimize(int method, int n, const double* x0, double* out,
     opt.SetIterLimit(limit);
     opt.SetCartesian(Setting(settings, "cartesian", 0) != 0);
     opt.SetSurrogate(Setting(settings, "surrogate", 0) != 0);
+    if (Setting(settings, "elements", 0) != 0)
+      opt.SetAtomicNumbers(Elements().data(), static_cast<unsigned int>(Elements().size()));
     return opt(func, &LastRun(), x0, out);
   }
   LxOpt::LxLBFGSOpt opt;
@@ -94,6 +104,10 @@ extern "C" double lxm_minimize(int method, int n, const double* x0, double* out,
   opt.SetMemory(static_cast<unsigned int>(Setting(settings, "memory", 8)));
   opt.SetCartesian(Setting(settings, "cartesian", 0) != 0);
   return opt(func, &LastRun(), x0, out);
+}
+
+extern "C" void lxm_set_atomic_numbers(const int* numbers, int atoms) {
+  Elements().assign(numbers, numbers + (atoms > 0 ? atoms : 0));
 }
 
 extern "C" int lxm_last_cycles() {

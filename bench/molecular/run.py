@@ -128,6 +128,7 @@ class LxOpt:
                                           ctypes.POINTER(ctypes.c_double),
                                           ctypes.POINTER(ctypes.c_double), self.CALLBACK,
                                           ctypes.c_char_p]
+        self.lib.lxm_set_atomic_numbers.argtypes = [ctypes.POINTER(ctypes.c_int), ctypes.c_int]
 
     def runner(self, method, settings=""):
         def run(case, counter):
@@ -145,6 +146,10 @@ class LxOpt:
                     g[:] = 0.0
                     return counter.final
             cb = self.CALLBACK(fg)
+            if "elements=1" in settings:
+                z = np.ascontiguousarray(case.atoms.numbers[case.free], dtype=np.intc)
+                self.lib.lxm_set_atomic_numbers(z.ctypes.data_as(ctypes.POINTER(ctypes.c_int)),
+                                                z.size)
             x0 = np.ascontiguousarray(case.x0, dtype=float)
             out = np.zeros(n)
             ptr = ctypes.POINTER(ctypes.c_double)
@@ -325,7 +330,7 @@ def in_ev(case):
         f, g = inner(x)
         return f * KCAL_IN_EV, g * KCAL_IN_EV
     return Case(case.name, case.x0, fg, lambda g: max_atom_force(g) < 0.01 * KCAL_IN_EV,
-                case.budget)
+                case.budget, atoms=case.atoms, free=case.free)
 
 
 def unit_check(lx, cases):
@@ -371,8 +376,10 @@ OURS = ["LxOpt geometry", "LxOpt L-BFGS", "LxOpt geometry (plain)", "LxOpt L-BFG
 
 
 def entries(lx, suite):
-    ours = {"LxOpt geometry": lx.runner(0, "cartesian=1"),
-            "LxOpt L-BFGS": lx.runner(1, "cartesian=1"),
+    # On molecules the runs are told the elements too, as lxopt.rdkit does.
+    model = "cartesian=1 elements=1" if suite == "mmff" else "cartesian=1"
+    ours = {"LxOpt geometry": lx.runner(0, model),
+            "LxOpt L-BFGS": lx.runner(1, model),
             "LxOpt geometry (plain)": lx.runner(0), "LxOpt L-BFGS (plain)": lx.runner(1),
             "LxOpt geometry (surrogate)": lx.runner(0, "cartesian=1 surrogate=1")}
     if suite == "ase":

@@ -730,6 +730,12 @@ PYBIND11_MODULE(_lxopt, m) {
   geometry.def_property("history", &LxBFGSOptimizer::GetHistory, &LxBFGSOptimizer::SetHistory);
   geometry.def_property("cartesian", &LxBFGSOptimizer::GetCartesian, &LxBFGSOptimizer::SetCartesian,
                         "Variables are x, y, z per atom: start from a model Hessian.");
+  geometry.def_property(
+      "atomic_numbers", &LxBFGSOptimizer::GetAtomicNumbers,
+      [](LxBFGSOptimizer& o, const std::vector<int>& z) {
+        o.SetAtomicNumbers(z.data(), static_cast<unsigned int>(z.size()));
+      },
+      "Elements of the atoms for the cartesian model (empty: none).");
   geometry.def_property("max_atom_step", &LxBFGSOptimizer::GetMaxAtomStep,
                         &LxBFGSOptimizer::SetMaxAtomStep,
                         "Hard limit on any atom's move per trial (0: none).");

@@ -137,6 +137,10 @@ class LXOPT_API LxBFGSCheckpoint : public LxCheckpoint1 {
 //               current point, scaled by s.y / y.P^-1 y of the last step,
 //               and the last min(n, 200) steps are replayed on it with the
 //               BFGS update.
+//               With SetAtomicNumbers a pair's reference length is the sum
+//               of its covalent radii (Cordero et al., Dalton Trans. (2008)
+//               2832) times the mean ratio of nearest-neighbour distances to
+//               those sums, in place of r_nn.
 //   step cap    no trial moves any atom (consecutive x, y, z triple; each
 //               coordinate when n is not a multiple of 3) farther than a
 //               trust radius, 1.0 at the start of a run and four times larger
@@ -277,6 +281,17 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   // The Cartesian flag as last set.
   bool GetCartesian() const { return cartesian_; }
 
+  // The elements of the atoms (atomic numbers, one per x, y, z triple) for
+  // the model of SetCartesian: a pair's reference length is then the sum of
+  // the two atoms' covalent radii (rescaled to the geometry, so no unit of
+  // length is assumed) rather than the mean nearest-neighbour distance, and
+  // bonds between different elements are weighted alike. Used only with
+  // SetCartesian(true), for runs with 3 * atoms variables, and when every
+  // number is in 1..96. The numbers are copied; null or 0 atoms clears them.
+  void SetAtomicNumbers(const int* numbers, unsigned int atoms);
+  // The atomic numbers as last set (empty when cleared).
+  const std::vector<int>& GetAtomicNumbers() const { return atomicNumbers_; }
+
   // Hard limit on how far any atom (x, y, z triple; each coordinate when the
   // number of variables is not a multiple of 3) moves from the current point
   // in any trial of a cycle. 0 (the default) or a value that is not a
@@ -320,6 +335,7 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
   std::vector<double> keptHessian_;
   bool keepHessian_ = false;
   bool cartesian_ = false;
+  std::vector<int> atomicNumbers_;
   double maxAtomStep_ = 0.0;
   bool surrogate_ = false;
 };

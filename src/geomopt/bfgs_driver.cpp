@@ -92,6 +92,11 @@ void LxBFGSOptimizer::setup() {
   tolerance_ = kDefaultTolerance;
 }
 
+void LxBFGSOptimizer::SetAtomicNumbers(const int* numbers, unsigned int atoms) {
+  if (numbers == nullptr) atoms = 0;
+  atomicNumbers_.assign(numbers, numbers + atoms);
+}
+
 void LxBFGSOptimizer::store(double f, double& fsave, double g, double& gsave, const double* x,
                             double* xsave, double s, double& ssave, std::size_t n) {
   fsave = f;
@@ -183,8 +188,9 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
                         n,
                         0,
                         0};
-  geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr,
-                       cartesian_);
+  const bool elements = !atomicNumbers_.empty() && 3 * atomicNumbers_.size() == n;
+  geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr, cartesian_,
+                       elements ? atomicNumbers_.data() : nullptr);
   if (maxAtomStep_ > 0.0 && std::isfinite(maxAtomStep_)) step.CapAtomStep(maxAtomStep_);
   LxMallocaPtr surrogateBlock;
   double* const surrogateScratch =

@@ -46,11 +46,11 @@ constexpr unsigned int kSurrogateMisses = 5;
 
 std::size_t CycleStep::ScratchSize(unsigned int n, bool cartesian) {
   return PackedSize(n) + 12 * std::size_t(n) +
-         (cartesian ? PairModelSize(n) + (1 + 2 * std::size_t(ModelPairs(n))) * n : 0);
+         (cartesian ? PairModelSize(n) + (1 + 2 * std::size_t(ModelPairs(n))) * n + n / 3 : 0);
 }
 
 CycleStep::CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double& f,
-                     double* scratch, History* history, bool cartesian)
+                     double* scratch, History* history, bool cartesian, const int* atomicNumbers)
     : func_(func), n_(n), x_(x), g_(g), f_(f), history_(history) {
   h_ = scratch;
   double* next = scratch + PackedSize(n);
@@ -64,11 +64,15 @@ CycleStep::CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double
   pairCapacity_ = cartesian ? ModelPairs(n) : 0;
   pairS_ = cartesian ? xModel_ + n : nullptr;
   pairY_ = cartesian ? pairS_ + std::size_t(pairCapacity_) * n : nullptr;
+  if (cartesian && atomicNumbers != nullptr) {
+    double* const radii = pairY_ + std::size_t(pairCapacity_) * n;
+    if (CovalentRadii(atomicNumbers, n / 3, radii)) radii_ = radii;
+  }
   Restart();
 }
 
 void CycleStep::Restart() {
-  if (model_ != nullptr && FactorPairModel(x_, n_, model_, &modelNearest_)) {
+  if (model_ != nullptr && FactorPairModel(x_, n_, model_, &modelNearest_, radii_)) {
     PackedPairModelInverse(model_, n_, h_, hy_);
     detail::Copy(x_, xModel_, n_);
   } else {
@@ -164,7 +168,7 @@ void CycleStep::RefreshModel() {
   if (!PairModelIsStale(x_, xModel_, n_, modelNearest_)) return;
   double nearest = 0.0;
   // The model is rebuilt in scratch first: a failed factorisation leaves H.
-  if (!FactorPairModel(x_, n_, model_, &nearest)) {
+  if (!FactorPairModel(x_, n_, model_, &nearest, radii_)) {
     detail::Copy(x_, xModel_, n_);
     return;
   }

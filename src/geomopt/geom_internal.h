@@ -161,9 +161,11 @@ class CycleStep {
   // scratch: ScratchSize(n, cartesian) doubles. history: null when history is
   // off. cartesian: H starts (and restarts) from the inverse of the pair
   // model Hessian at the current point (pair_model.h) instead of the
-  // identity, when n is a multiple of 3.
+  // identity, when n is a multiple of 3. atomicNumbers: null, or one per
+  // atom (n / 3) for the model's reference lengths; ignored when one is not
+  // a known element.
   CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double& f, double* scratch,
-            History* history, bool cartesian);
+            History* history, bool cartesian, const int* atomicNumbers = nullptr);
 
   // With a surrogate (surrogate_step.h), each cycle first tries the minimum
   // of the model fitted to the points seen, and falls back to the line
@@ -225,11 +227,12 @@ class CycleStep {
   double* xt_;
   double* gt_;
   double* gBest_;
-  double* historyWork_;  // 2 n
-  double* model_;        // pair model factor (n n + n), null unless cartesian
-  double* xModel_;       // point the model was built at (n), with model_
-  double* pairS_;        // the last kModelPairs steps s (m n), with model_
-  double* pairY_;        // and their gradient changes y (m n)
+  double* historyWork_;      // 2 n
+  double* model_;            // pair model factor (n n + n), null unless cartesian
+  double* xModel_;           // point the model was built at (n), with model_
+  double* pairS_;            // the last kModelPairs steps s (m n), with model_
+  double* pairY_;            // and their gradient changes y (m n)
+  double* radii_ = nullptr;  // covalent radius per atom (n / 3), null without elements
   unsigned int pairCapacity_ = 0;
   unsigned int pairCount_ = 0;
   unsigned int pairNext_ = 0;

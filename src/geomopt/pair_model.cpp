@@ -11,7 +11,11 @@
 // with distance. A small multiple of the identity keeps P positive definite
 // (rigid translations and rotations cost nothing in the springs). The model
 // uses lengths only as ratios, so it does not depend on the units of length;
-// its energy scale is left to the caller.
+// its energy scale is left to the caller. Given the elements, a pair's
+// reference length is the sum of the atoms' covalent radii (B. Cordero et
+// al., Dalton Trans. (2008) 2832), so that a C-C bond is as stiff in the
+// model as a C-H bond, as in Lindh's model; the radii are rescaled to the
+// geometry, so units of length still do not matter.
 #include "geomopt/pair_model.h"
 
 #include <algorithm>
@@ -90,9 +94,50 @@ bool Cholesky(double* p, unsigned int n) {
   return true;
 }
 
+// Covalent radii for atomic numbers 1..96.
+constexpr double kCovalentRadius[] = {
+    0.31, 0.28, 1.28, 0.96, 0.84, 0.76, 0.71, 0.66, 0.57, 0.58, 1.66, 1.41, 1.21, 1.11, 1.07, 1.05,
+    1.02, 1.06, 2.03, 1.76, 1.70, 1.60, 1.53, 1.39, 1.39, 1.32, 1.26, 1.24, 1.32, 1.22, 1.22, 1.20,
+    1.19, 1.20, 1.20, 1.16, 2.20, 1.95, 1.90, 1.75, 1.64, 1.54, 1.47, 1.46, 1.42, 1.39, 1.45, 1.44,
+    1.42, 1.39, 1.39, 1.38, 1.39, 1.40, 2.44, 2.15, 2.07, 2.04, 2.03, 2.01, 1.99, 1.98, 1.98, 1.96,
+    1.94, 1.92, 1.92, 1.89, 1.90, 1.87, 1.87, 1.75, 1.70, 1.62, 1.51, 1.44, 1.41, 1.36, 1.36, 1.32,
+    1.45, 1.46, 1.48, 1.40, 1.50, 1.50, 2.60, 2.21, 2.15, 2.06, 2.00, 1.96, 1.90, 1.87, 1.80, 1.69,
+};
+constexpr int kElements = sizeof(kCovalentRadius) / sizeof(kCovalentRadius[0]);
+
+// Factor from radius sums to lengths at x: the mean over atoms of
+// r(a, nearest) / (R_a + R_nearest), so that nearest neighbours sit, on
+// average, at their reference length.
+double RadiusScale(const double* x, unsigned int atoms, const double* radii) {
+  double sum = 0.0;
+  for (unsigned int a = 0; a < atoms; ++a) {
+    double nearest = std::numeric_limits<double>::infinity();
+    unsigned int b = a;
+    for (unsigned int c = 0; c < atoms; ++c) {
+      if (c == a) continue;
+      const double r2 = PairDistance2(x, a, c);
+      if (r2 < nearest) {
+        nearest = r2;
+        b = c;
+      }
+    }
+    sum += std::sqrt(nearest) / (radii[a] + radii[b]);
+  }
+  return sum / atoms;
+}
+
 }  // namespace
 
-bool FactorPairModel(const double* x, unsigned int n, double* model, double* nearest) {
+bool CovalentRadii(const int* z, unsigned int atoms, double* radii) {
+  for (unsigned int a = 0; a < atoms; ++a) {
+    if (z[a] < 1 || z[a] > kElements) return false;
+    radii[a] = kCovalentRadius[z[a] - 1];
+  }
+  return true;
+}
+
+bool FactorPairModel(const double* x, unsigned int n, double* model, double* nearest,
+                     const double* radii) {
   if (n == 0 || n % 3 != 0) return false;
   const unsigned int atoms = n / 3;
   detail::Zero(model, std::size_t(n) * n);
@@ -101,12 +146,14 @@ bool FactorPairModel(const double* x, unsigned int n, double* model, double* nea
     const double rnn = NearestNeighbourDistance(x, atoms);
     if (!(rnn > 0.0) || !std::isfinite(rnn)) return false;
     if (nearest != nullptr) *nearest = rnn;
-    const double cutoff2 = kCutoffRatio * kCutoffRatio * rnn * rnn;
+    const double scale = radii != nullptr ? RadiusScale(x, atoms, radii) : 0.0;
+    if (radii != nullptr && !(scale > 0.0 && std::isfinite(scale))) return false;
     for (unsigned int a = 0; a < atoms; ++a) {
       for (unsigned int b = a + 1; b < atoms; ++b) {
         const double r2 = PairDistance2(x, a, b);
-        if (r2 > cutoff2 || !(r2 > 0.0)) continue;
-        AddSpring(x, a, b, std::exp(-kDecay * (std::sqrt(r2) / rnn - 1.0)), model, n);
+        const double reference = radii != nullptr ? scale * (radii[a] + radii[b]) : rnn;
+        if (r2 > kCutoffRatio * kCutoffRatio * reference * reference || !(r2 > 0.0)) continue;
+        AddSpring(x, a, b, std::exp(-kDecay * (std::sqrt(r2) / reference - 1.0)), model, n);
       }
     }
   }

@@ -21,8 +21,17 @@ inline std::size_t PairModelSize(unsigned int n) {
 // step measures. False when n is not a multiple of 3 or P is not positive
 // definite to working precision.
 // nearest: when not null, receives the mean nearest-neighbour distance the
-// model was built with.
-bool FactorPairModel(const double* x, unsigned int n, double* model, double* nearest = nullptr);
+// model was built with. radii: null, or one radius per atom (CovalentRadii):
+// each pair's reference length is then the sum of its radii, rescaled so
+// that nearest neighbours keep their mean ratio to it, instead of the mean
+// nearest-neighbour distance.
+bool FactorPairModel(const double* x, unsigned int n, double* model, double* nearest = nullptr,
+                     const double* radii = nullptr);
+
+// Covalent radius (in Angstrom; only their ratios are used) of each of the
+// atoms with atomic numbers z into radii. False, radii undefined, when an
+// atomic number is outside 1..96.
+bool CovalentRadii(const int* z, unsigned int atoms, double* radii);
 
 // True when an atom of x has moved from where the model was built (xModel)
 // by more than a share of the nearest-neighbour distance it was built with:

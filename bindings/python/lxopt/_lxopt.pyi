@@ -53,6 +53,7 @@ class Geometry(_Optimizer):
     keep_hessian: bool
     history: bool
     cartesian: bool
+    atomic_numbers: List[int]
     max_atom_step: float
     surrogate: bool
     def inverse_hessian(self, n: int) -> Optional[Vector]: ...

@@ -8,8 +8,9 @@ A conformer is converged when the largest atomic force is below forceTol
 (kcal/mol/Å) at a point no higher than any evaluated before. maxIters counts
 the driver's cycles (one line search each), as RDKit counts its iterations.
 The optimized positions are written back to the conformer. The driver
-starts from a model Hessian built from the interatomic distances
-(lxopt.Geometry.cartesian), which saves force-field calls.
+starts from a model Hessian built from the interatomic distances and the
+elements (lxopt.Geometry.cartesian, lxopt.Geometry.atomic_numbers), which
+saves force-field calls.
 """
 import numpy as np
 from rdkit.Chem import AllChem
@@ -41,11 +42,15 @@ def _force_field_factory(mol, forcefield, nonBondedThresh, ignoreInterfragIntera
         ignoreInterfragInteractions=ignoreInterfragInteractions)
 
 
+def _atomic_numbers(mol):
+    return [a.GetAtomicNum() for a in mol.GetAtoms()]
+
+
 def _largest_force(g):
     return float(np.sqrt((g.reshape(-1, 3) ** 2).sum(axis=1).max(initial=0.0)))
 
 
-def _relax(ff, maxIters, forceTol):
+def _relax(ff, maxIters, forceTol, numbers):
     """Minimizes the force field from its positions: (not_converged, energy,
     positions). Runs that end on their own before convergence are started
     again from their final point while cycles remain and the energy falls."""
@@ -57,6 +62,7 @@ def _relax(ff, maxIters, forceTol):
         opt = _lxopt.Geometry()
         opt.tolerance = 0.0  # the force test below decides
         opt.cartesian = True  # x, y, z per atom: start from the distance model
+        opt.atomic_numbers = numbers
         opt.iter_limit = maxIters - cycles
         run = _lxopt.AskTell(opt, best_x)
         start_e = best_e
@@ -99,7 +105,7 @@ def optimize_molecule(mol, forcefield="MMFF94", confId=-1, maxIters=200, forceTo
     ff = factory(confId) if factory is not None else None
     if ff is None:
         return -1
-    status, _, x = _relax(ff, maxIters, forceTol)
+    status, _, x = _relax(ff, maxIters, forceTol, _atomic_numbers(mol))
     _write_positions(mol.GetConformer(confId), x)
     return status
 
@@ -118,7 +124,7 @@ def optimize_molecule_confs(mol, forcefield="MMFF94", maxIters=200, forceTol=1e-
         if ff is None:
             results.append((-1, -1.0))
             continue
-        status, energy, x = _relax(ff, maxIters, forceTol)
+        status, energy, x = _relax(ff, maxIters, forceTol, _atomic_numbers(mol))
         _write_positions(conf, x)
         results.append((status, energy))
     return results

@@ -89,9 +89,9 @@ def test_force_field_that_cannot_be_set_up():
 
 
 def test_the_distance_model_halves_the_force_field_calls(monkeypatch):
-    """optimize_molecule starts from the distance model: measured on
-    ibuprofen 114 energy calls against 208 with the model off, at the same
-    final energy."""
+    """optimize_molecule starts from the distance model with the elements:
+    measured on ibuprofen 98 energy calls against 208 with the model off, at
+    the same final energy."""
     import lxopt
     import lxopt.rdkit
 
@@ -113,10 +113,28 @@ def test_the_distance_model_halves_the_force_field_calls(monkeypatch):
 
         geometry = lxopt.Geometry if model else NoModel
         monkeypatch.setattr(lxopt.rdkit._lxopt, "Geometry", geometry)
-        status, energy, _ = lxopt.rdkit._relax(Counted(), 1000, FORCE_TOL)
+        numbers = lxopt.rdkit._atomic_numbers(mol) if model else []
+        status, energy, _ = lxopt.rdkit._relax(Counted(), 1000, FORCE_TOL, numbers)
         assert status == 0
         return len(calls), energy
 
     with_model, without = relax(True), relax(False)
     assert with_model[0] < 0.7 * without[0]
     assert with_model[1] == pytest.approx(without[1], abs=1e-4)
+
+
+def test_relax_tells_the_driver_the_elements(monkeypatch):
+    import lxopt
+    import lxopt.rdkit
+
+    seen = []
+
+    class Spy(lxopt.Geometry):
+        def __init__(self):
+            super().__init__()
+            seen.append(self)
+
+    monkeypatch.setattr(lxopt.rdkit._lxopt, "Geometry", Spy)
+    mol = embedded("OCC#N")
+    assert optimize_molecule(mol) == 0
+    assert seen and all(o.atomic_numbers == [8, 6, 6, 7, 1, 1, 1] and o.cartesian for o in seen)
