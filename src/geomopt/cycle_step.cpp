@@ -17,8 +17,13 @@ namespace geom {
 namespace {
 
 // After a restart -g carries no length information: the first trial moves
-// the farthest atom (or coordinate) by this much.
+// the farthest atom (or coordinate) by this much, or with the pair model by
+// this share of the mean nearest-neighbour distance, so that the run does not
+// depend on the unit of length.
 constexpr double kFirstMove = 0.1;
+// With the pair model the trust radius starts at this many nearest-neighbour
+// distances instead of kInitialRadius.
+constexpr double kInitialRadiusShare = 1.0;
 
 double Distance(const double* a, const double* b, unsigned int n) {
   double sum = 0.0;
@@ -69,6 +74,7 @@ CycleStep::CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double
     if (CovalentRadii(atomicNumbers, n / 3, radii)) radii_ = radii;
   }
   Restart();
+  if (modelNearest_ > 0.0) radius_ = kInitialRadiusShare * modelNearest_;
 }
 
 void CycleStep::Restart() {
@@ -127,7 +133,8 @@ StepStatus CycleStep::Take(double accuracy, double& displacement) {
 LineResult CycleStep::Search(double accuracy) {
   // The first trial is the full quasi-Newton step, or after a restart the
   // move of kFirstMove; no trial moves an atom farther than the radius.
-  const double first = fresh_ ? CappedStep(dir_, n_, kFirstMove) : 1.0;
+  const double firstMove = modelNearest_ > 0.0 ? kFirstMove * modelNearest_ : kFirstMove;
+  const double first = fresh_ ? CappedStep(dir_, n_, firstMove) : 1.0;
   const double limit = CappedStep(dir_, n_, radius_);
   const Line line{func_, n_, x_, g_, f_, dir_};
   const LineResult found = LineMinimize(line, LineWork{xt_, gt_, gBest_}, first, limit, accuracy);
