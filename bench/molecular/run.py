@@ -30,6 +30,7 @@ import numpy as np
 warnings.filterwarnings("ignore")
 
 KCAL_IN_EV = 0.0433641043  # 1 kcal/mol in eV
+BOHR_PER_ANGSTROM = 1.8897261246  # 1 Angstrom in bohr
 LJ_STARTS = 100
 LJ_SEED = 20261124
 LJ_RADIUS = 3.0     # start atoms uniform in a sphere of this radius (sigma)...
@@ -333,20 +334,31 @@ def in_ev(case):
                 case.budget, atoms=case.atoms, free=case.free)
 
 
+def in_bohr(case):
+    """The same case with lengths in bohr instead of Angstrom."""
+    def fg(x, inner=case.fg):
+        f, g = inner(x / BOHR_PER_ANGSTROM)
+        return f, g / BOHR_PER_ANGSTROM
+    return Case(case.name, case.x0 * BOHR_PER_ANGSTROM, fg,
+                lambda g, passes=case.passes: passes(g * BOHR_PER_ANGSTROM), case.budget,
+                atoms=case.atoms, free=case.free)
+
+
 def unit_check(lx, cases):
-    """Per molecule, force calls in kcal/mol and in eV of the LxOpt entries:
-    {name: (kcal totals, eV totals, largest relative difference of a case)}."""
+    """Per molecule, force calls in kcal/mol and Angstrom, in eV, and in bohr
+    of the LxOpt entries: {name: (totals in each unit system, largest relative
+    difference of a case from the first)}."""
     rows = {}
     for name, runner in entries(lx, "mmff").items():
         if name not in OURS:
             continue
-        kcal = [run_case(runner, c, False)["calls"] for c in cases]
-        ev = [run_case(runner, in_ev(c), False)["calls"] for c in cases]
-        if None in kcal or None in ev:
-            rows[name] = (None, None, None)
+        calls = [[run_case(runner, convert(c), False)["calls"] for c in cases]
+                 for convert in (lambda c: c, in_ev, in_bohr)]
+        if any(None in column for column in calls):
+            rows[name] = (None, None)
             continue
-        worst = max(abs(a - b) / a for a, b in zip(kcal, ev))
-        rows[name] = (sum(kcal), sum(ev), worst)
+        worst = max(abs(a - b) / a for other in calls[1:] for a, b in zip(calls[0], other))
+        rows[name] = (tuple(sum(column) for column in calls), worst)
     return rows
 
 
@@ -474,11 +486,12 @@ def ase_goals(res, ours, label):
 def goals(data, units=None):
     """(goal, measured, met) rows for the suites that were run."""
     rows = []
-    if units and units.get("LxOpt geometry", (None,))[0] is not None:
-        kcal, ev, worst = units["LxOpt geometry"]
-        rows.append(("MMFF in kcal/mol and in eV: geometry calls within 10 % on every molecule",
-                     f"totals {kcal} and {ev}; largest difference {100 * worst:.1f} %",
-                     worst <= 0.10))
+    for entry, label in (("LxOpt geometry", "geometry"), ("LxOpt L-BFGS", "L-BFGS")):
+        if units and units.get(entry, (None,))[0] is not None:
+            totals, worst = units[entry]
+            rows.append((f"MMFF in kcal/mol, in eV and in bohr: {label} calls within 10 % on "
+                         "every molecule", "totals " + ", ".join(map(str, totals)) +
+                         f"; largest difference {100 * worst:.1f} %", worst <= 0.10))
     if "ase" in data:
         cases, res = data["ase"]
         for entry, label in (("LxOpt geometry", "geometry"),
@@ -571,7 +584,8 @@ def report(data, rdkit_rows, doc, seconds, command, units=None):
         "energies in eV, the others the objective in its own units. LxOpt entries run "
         "with tolerance 1e-10 (so the wrapper decides); `LxOpt geometry` and `LxOpt L-BFGS` "
         "are told that the variables are Cartesian coordinates (`SetCartesian(true)`: "
-        "model Hessian from interatomic distances), the `(plain)` entries run with no "
+        "model Hessian from interatomic distances), on the MMFF94 molecules also the elements "
+        "(`SetAtomicNumbers`, as `lxopt.rdkit` does), the `(plain)` entries run with no "
         "settings at all, `LxOpt geometry (surrogate)` adds `SetSurrogate(true)` (each cycle "
         "first tries the minimum of a Gaussian-process model of the points seen).",
         "",
@@ -616,13 +630,15 @@ def report(data, rdkit_rows, doc, seconds, command, units=None):
                              f"| {name} | {sec:.3f} | {e:.4f} | {fmax:.4f} | - |")
             lines.append("")
         if units:
-            lines += ["The same molecules with energies in eV (the test scaled alike): force "
-                      "calls of the LxOpt entries in both units.", "",
-                      "| optimizer | kcal/mol | eV | largest difference of a molecule |",
-                      "|---|---|---|---|"]
-            for name, (kcal, ev, worst) in units.items():
-                lines.append(f"| {name} | {kcal} | {ev} | {100 * worst:.1f} % |"
-                             if kcal is not None else f"| {name} | - | - | - |")
+            lines += ["The same molecules with energies in eV, and with lengths in bohr (the "
+                      "test scaled alike): force calls of the LxOpt entries in each unit.", "",
+                      "| optimizer | kcal/mol, A | eV, A | kcal/mol, bohr | "
+                      "largest difference of a molecule |",
+                      "|---|---|---|---|---|"]
+            for name, (totals, worst) in units.items():
+                lines.append(f"| {name} | " + " | ".join(map(str, totals)) +
+                             f" | {100 * worst:.1f} % |" if totals is not None else
+                             f"| {name} | - | - | - | - |")
             lines.append("")
     with open(doc, "w") as fh:
         fh.write("\n".join(lines))
