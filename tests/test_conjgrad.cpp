@@ -15,7 +15,8 @@ namespace {
 
 using namespace LxOpt;
 using lxtest::DiagonalQuadratic;
-using lxtest::Recorder;
+using lxtest::ScriptedSearch;
+using lxtest::StopAfter;
 using Points = std::vector<double>;
 
 // make(nullptr) builds a fresh optimizer, make(&o) a copy of o. family: the
@@ -48,9 +49,9 @@ DiagonalQuadratic Bowl() {
 const Points kOrigin(3, 0.0);
 
 // The reports as "iteration state" items, e.g. "1 Cont, 2 Done".
-std::string Trace(const Recorder& rec) {
+std::string Trace(const LxTraceCheckpoint& rec) {
   std::string s;
-  for (const lxtest::Call& c : rec.calls)
+  for (const LxTraceEntry& c : rec.Entries())
     s += (s.empty() ? "" : ", ") + std::to_string(c.iter) + " " + LxGetStateName(c.state);
   return s;
 }
@@ -59,17 +60,19 @@ std::string Trace(const Recorder& rec) {
 // failOn. Every exit returns the value and leaves the point of the last report.
 struct BowlRun {
   DiagonalQuadratic q = Bowl();
-  lxtest::Counting counted{q};
-  lxtest::FailOnDemand lm;
-  Recorder rec;
+  LxCountingFunc counted{q};
+  ScriptedSearch lm;
+  StopAfter stop;
+  LxTraceCheckpoint rec{&stop, true};
+  const std::vector<LxTraceEntry>& calls = rec.Entries();
+  const ScriptedSearch::Log& log = lm.log();
   Points x = Points(3);
   double f;
   BowlRun(LxConjGradBase& opt, std::set<int> failOn, unsigned long continueFor = ~0ul)
-      : lm(std::move(failOn)) {
+      : lm(std::move(failOn)), stop(continueFor) {
     opt.SetLineMinimize(lm);
-    rec.continueFor = continueFor;
     f = opt(counted, &rec, kOrigin.data(), x.data());
-    EXPECT_TRUE(rec.calls.empty() || (rec.calls.back().vars == x && rec.calls.back().fval == f));
+    EXPECT_TRUE(calls.empty() || (calls.back().x == x && calls.back().fval == f));
   }
 };
 Points GradientAt(const Points& x) {
@@ -95,25 +98,25 @@ TEST_P(AllFour, SharedExits) {
     opt->SetTolerance(tolerance);  // |g|^2 = 1364 at the start
     BowlRun r(*opt, {}, continueFor);
     ASSERT_EQ(Trace(r.rec), trace);
-    for (const lxtest::Call& c : r.rec.calls)
-      EXPECT_EQ(c.gradNull, GetParam().family && (c.state == kLxCont || c.state == kLxDone));
-    const size_t n = r.rec.calls.size();
-    const lxtest::Call &last = r.rec.calls[n - 1], &prev = r.rec.calls[n > 1 ? n - 2 : 0];
+    for (const LxTraceEntry& c : r.calls)
+      EXPECT_EQ(!c.hasGradient, GetParam().family && (c.state == kLxCont || c.state == kLxDone));
+    const size_t n = r.calls.size();
+    const LxTraceEntry &last = r.calls[n - 1], &prev = r.calls[n > 1 ? n - 2 : 0];
     EXPECT_EQ(std::make_tuple(r.f, last.fval, last.gnorm),
               std::make_tuple(r.q(r.x.data()), prev.fval, prev.gnorm));
-    EXPECT_EQ(r.counted.gradients == 1, n == 1);  // the start alone evaluated
+    EXPECT_EQ(r.counted.Gradients() == 1, n == 1);  // the start alone evaluated
   }
 }
 
 TEST_P(AllFour, BadInput) {
   auto opt = GetParam().make(nullptr);
   DiagonalQuadratic q = Bowl(), empty({}, {});
-  lxtest::Counting counted(q);
+  LxCountingFunc counted(q);
   lxtest::MessageCapture msg;
-  Recorder rec;
+  LxTraceCheckpoint rec;
   EXPECT_EQ((*opt)(counted, &rec, kOrigin.data(), nullptr), 0.0);
   EXPECT_EQ(msg.Texts(), std::vector<std::string>{"memory not provided for optimized variables"});
-  EXPECT_EQ(counted.gradients + rec.calls.size(), 0u);
+  EXPECT_EQ(counted.Gradients() + rec.Entries().size(), 0u);
   (*opt)(empty, &rec, kOrigin.data(), Points(1).data());  // no variables: converged at once
   EXPECT_EQ(Trace(rec), "0 NoOpt");
 }
@@ -126,12 +129,12 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
   *assigned = *opt;
   auto copied = GetParam().make(opt.get());
   opt->SetLineMinimize(LxCGLineMinimize());
-  const size_t searches = before.lm.steps().size();
+  const size_t searches = before.log.steps.size();
   ASSERT_GT(searches, 0u);
-  EXPECT_DOUBLE_EQ(before.lm.steps()[0], 1.0 / Norm(GradientAt(kOrigin)));
+  EXPECT_DOUBLE_EQ(before.log.steps[0], 1.0 / Norm(GradientAt(kOrigin)));
   for (LxConjGradBase* o : {opt.get(), assigned.get(), copied.get()})
     (*o)(before.q, kOrigin.data(), before.x.data());
-  EXPECT_EQ(before.lm.steps().size(), 3 * searches);  // none through the original
+  EXPECT_EQ(before.log.steps.size(), 3 * searches);  // none through the original
 }
 
 // Failed searches (by call number). ConjGrad retries once from the last success
@@ -151,24 +154,24 @@ TEST_P(AllFour, FailedSearches) {
              "1 Cont, 2 Cont"}}) {
     auto opt = GetParam().make(nullptr);
     BowlRun r(*opt, failOn);
-    const std::vector<lxtest::Call>& calls = r.rec.calls;
-    const std::vector<Points>& dirs = r.lm.dirs();
-    const Points& steps = r.lm.steps();
+    const std::vector<LxTraceEntry>& calls = r.calls;
+    const std::vector<Points>& dirs = r.log.dirs;
+    const Points& steps = r.log.steps;
     if (GetParam().family) {
       ASSERT_EQ(Trace(r.rec), family);
       if (calls.size() < 2) continue;
-      const Points g = GradientAt(calls[0].vars);
+      const Points g = GradientAt(calls[0].x);
       for (int i = 0; i < 3; ++i) {
-        EXPECT_DOUBLE_EQ(calls[1].vars[i], calls[0].vars[i] + steps[1] * dirs[1][i]);
+        EXPECT_DOUBLE_EQ(calls[1].x[i], calls[0].x[i] + steps[1] * dirs[1][i]);
         EXPECT_DOUBLE_EQ(dirs[2][i], -g[i]);
       }
       EXPECT_EQ(std::make_tuple(steps[2], calls[1].fval, calls[1].gnorm),
                 std::make_tuple(steps[1], calls[0].fval, calls[0].gnorm));
     } else {
       ASSERT_EQ(Trace(r.rec), conjGrad);
-      EXPECT_EQ(r.counted.gradients, gradients);
+      EXPECT_EQ(r.counted.Gradients(), static_cast<std::uint64_t>(gradients));
       const size_t retry = *failOn.begin();  // index of the search after the failure
-      const Points at = retry > 1 ? calls[0].vars : kOrigin, g = GradientAt(at);
+      const Points at = retry > 1 ? calls[0].x : kOrigin, g = GradientAt(at);
       EXPECT_EQ(dirs[retry], (Points{-g[0], -g[1], -g[2]}));
       EXPECT_DOUBLE_EQ(steps[retry], 1.0 / Norm(g));
       EXPECT_TRUE(retry == 1 || steps[1] == 1.0);  // 1.0 after the first (restart) step
@@ -193,13 +196,13 @@ TEST_P(AllFour, Converges) {
         Problem{&valley, {-1.2, 1.0}, {1.0, 1.0}, family ? 1000u : 200u}}) {
     auto opt = GetParam().make(nullptr);
     opt->SetTolerance(1e-16);
-    Recorder rec;
+    LxTraceCheckpoint rec(nullptr, true);
     Points x(start.size());
     (*opt)(*f, &rec, start.data(), x.data());
     for (size_t i = 0; i < x.size(); ++i) EXPECT_NEAR(x[i], minimizer[i], 1e-6);
-    ASSERT_LE(rec.calls.size(), maxReports);
-    const lxtest::Call &last = rec.calls.back(), &prev = rec.calls.end()[-2];
-    EXPECT_TRUE(last.vars == x && last.state == (family ? kLxCont : kLxGrad));
+    ASSERT_LE(rec.Entries().size(), maxReports);
+    const LxTraceEntry &last = rec.Entries().back(), &prev = rec.Entries().end()[-2];
+    EXPECT_TRUE(last.x == x && last.state == (family ? kLxCont : kLxGrad));
     EXPECT_TRUE(family || (last.fval == prev.fval && last.gnorm == prev.gnorm));
   }
 }
@@ -210,13 +213,13 @@ INSTANTIATE_TEST_SUITE_P(Optimizers, AllFour, ::testing::ValuesIn(kAll),
 // Beale restarts: at least every n-th search after the first starts with step 1.0.
 TEST(ConjGrad, RestartAtLeastEveryNIterations) {
   lxtest::Rosenbrock valley;
-  lxtest::FailOnDemand lm;
+  ScriptedSearch lm;
   LxConjGradOpt opt;
   opt.SetLineMinimize(lm);
   opt.SetTolerance(1e-20);
   opt.SetIterLimit(40);
   opt(valley, Points{-1.2, 1.0}.data(), Points(2).data());
-  const Points& s = lm.steps();
+  const Points& s = lm.log().steps;
   ASSERT_TRUE(s.size() >= 6 && s[1] == 1.0);
   for (size_t i = 2; i < s.size(); ++i) EXPECT_TRUE(s[i] == 1.0 || s[i - 1] == 1.0) << i;
 }
@@ -245,73 +248,56 @@ TEST(ConjGrad, TrialStepRatioKeepsItsReferenceAcrossRestartsAndRecoveries) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.search);
     DiagonalQuadratic q({1.0, 2.0, 5.0, 11.0}, {1.0, 1.0, 2.0, 2.0});
-    lxtest::FailOnDemand lm(c.failOn);
+    ScriptedSearch lm(c.failOn);
+    const ScriptedSearch::Log& log = lm.log();
     LxConjGradOpt opt;
     opt.SetLineMinimize(lm);
     opt.SetTolerance(1e-20);
     opt.SetIterLimit(6);
     Points x(4);
     opt(q, Points(4, 0.0).data(), x.data());
-    ASSERT_GE(lm.steps().size(), c.search);
-    const double gg = dot(lm.grads()[0], lm.grads()[0]);
+    ASSERT_GE(log.steps.size(), c.search);
+    const double gg = dot(log.grads[0], log.grads[0]);
     ASSERT_EQ(gg, 2356.0);
-    EXPECT_EQ(lm.steps()[0], 1.0 / std::sqrt(gg));
-    if (c.failOn.count(2)) {
-      const Points& g = lm.grads()[2];
-      EXPECT_EQ(lm.steps()[2], std::sqrt(1.0 / dot(g, g)));
-    }
-    const auto slope = [&](size_t i) { return dot(lm.grads()[i - 1], lm.dirs()[i - 1]); };
-    EXPECT_DOUBLE_EQ(lm.steps()[c.search - 1],
-                     lm.left()[c.search - 2] * slope(c.reference) / slope(c.search));
+    EXPECT_EQ(log.steps[0], 1.0 / std::sqrt(gg));
+    const double gg2 = log.steps.size() > 2 ? dot(log.grads[2], log.grads[2]) : 1.0;
+    EXPECT_TRUE(!c.failOn.count(2) || log.steps[2] == std::sqrt(1.0 / gg2));
+    const auto slope = [&](size_t i) { return dot(log.grads[i - 1], log.dirs[i - 1]); };
+    EXPECT_DOUBLE_EQ(log.steps[c.search - 1],
+                     log.left[c.search - 2] * slope(c.reference) / slope(c.search));
   }
 }
 
 // Powell's test: a restart comes before the n-th search exactly when the new
 // gradient is far from orthogonal to the old one, |g'.g| > 0.2 g'.g'. A
 // restart shows as the entry step 1.0 (ConjGrad) or the direction -g (family).
-class RestartLog : public LxLineMinimize {
- public:
-  struct Entry {
-    Points g;
-    bool restart;
-  };
-  explicit RestartLog(bool family, std::shared_ptr<std::vector<Entry>> log)
-      : family_(family), log_(std::move(log)) {}
-  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
-                  double* fval, double* step, LxFunc1& func) const override {
-    bool steepest = true;
-    for (unsigned int i = 0; i < n; ++i) steepest = steepest && dir[i] == -grad0[i];
-    log_->push_back({Points(grad0, grad0 + n), family_ ? steepest : *step == 1.0});
-    return LxCGLineMinimize()(n, x0, dir, grad0, gradOut, fval, step, func);
-  }
-  LxLineMinimize* CreateCopy() const override { return new RestartLog(*this); }
-
- private:
-  bool family_;
-  std::shared_ptr<std::vector<Entry>> log_;
-};
-
 TEST_P(AllFour, PowellRestartTest) {
   LxTestF f(12);
-  auto log = std::make_shared<std::vector<RestartLog::Entry>>();
+  ScriptedSearch lm;
+  const ScriptedSearch::Log& log = lm.log();
   auto opt = GetParam().make(nullptr);
-  opt->SetLineMinimize(RestartLog(GetParam().family, log));
+  opt->SetLineMinimize(lm);
   opt->SetIterLimit(60);
   opt->SetTolerance(1e-20);
   Points x(12);
   for (size_t i = 0; i < x.size(); ++i) x[i] = 0.3 + 0.1 * static_cast<double>(i % 5);
   (*opt)(f, x.data(), x.data());
+  const auto restarted = [&](size_t i) {
+    bool steepest = true;
+    for (size_t j = 0; j < x.size(); ++j) steepest = steepest && log.dirs[i][j] == -log.grads[i][j];
+    return GetParam().family ? steepest : log.steps[i] == 1.0;
+  };
   int byPowell = 0, kept = 0;
-  for (size_t i = 2, since = 1; i < log->size(); ++i) {
-    const Points &g = (*log)[i].g, &gPrev = (*log)[i - 1].g;
+  for (size_t i = 2, since = 1; i < log.grads.size(); ++i) {
+    const Points &g = log.grads[i], &gPrev = log.grads[i - 1];
     double gg = 0.0, gPrevG = 0.0;
     for (size_t j = 0; j < g.size(); ++j) gg += g[j] * g[j], gPrevG += g[j] * gPrev[j];
     const bool powell = std::fabs(gPrevG) / gg > 0.2;
     if (since < g.size()) {
-      EXPECT_EQ((*log)[i].restart, powell) << "search " << i;
+      EXPECT_EQ(restarted(i), powell) << "search " << i;
       (powell ? byPowell : kept) += 1;
     }
-    since = (*log)[i].restart ? 1 : since + 1;
+    since = restarted(i) ? 1 : since + 1;
   }
   EXPECT_TRUE(byPowell > 0 && kept > 0) << byPowell << " " << kept;
 }
