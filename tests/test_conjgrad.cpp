@@ -84,29 +84,46 @@ double Norm(const Points& v) {
 }
 
 class AllFour : public ::testing::TestWithParam<Named> {};
+// "<optimizer>_<case>" for the parameterised cases below.
+template <class Param>
+std::string CaseName(const ::testing::TestParamInfo<Param>& info) {
+  return std::string(std::get<0>(info.param).name) + "_" + std::get<1>(info.param).name;
+}
+
+struct ExitCase {
+  const char* name;
+  unsigned int limit;
+  double tolerance;  // |g|^2 = 1364 at the start
+  unsigned long continueFor;
+  std::string trace;
+};
+const ExitCase kExits[] = {{"NoOpt", 1000, 1365.0, ~0ul, "0 NoOpt"},
+                           {"Limit0", 0, 0.1, ~0ul, "1 Exhaust"},
+                           {"Limit1", 1, 0.1, ~0ul, "1 Exhaust"},
+                           {"Limit2", 2, 0.1, ~0ul, "1 Cont, 2 Exhaust"},
+                           {"StopAsked", 1000, 0.1, 1, "1 Cont, 2 Cont, 2 Done"}};
+class SharedExits : public ::testing::TestWithParam<std::tuple<Named, ExitCase>> {};
 
 // The exits all four share, as the whole sequence of reports; after a search
 // the exit repeats the figures of the report before it.
-TEST_P(AllFour, SharedExits) {
-  using Exit = std::tuple<unsigned int, double, unsigned long, std::string>;
-  for (const auto& [limit, tolerance, continueFor, trace] :
-       {Exit{1000, 1365.0, ~0ul, "0 NoOpt"}, Exit{0, 0.1, ~0ul, "1 Exhaust"},
-        Exit{1, 0.1, ~0ul, "1 Exhaust"}, Exit{2, 0.1, ~0ul, "1 Cont, 2 Exhaust"},
-        Exit{1000, 0.1, 1, "1 Cont, 2 Cont, 2 Done"}}) {
-    auto opt = GetParam().make(nullptr);
-    opt->SetIterLimit(limit);
-    opt->SetTolerance(tolerance);  // |g|^2 = 1364 at the start
-    BowlRun r(*opt, {}, continueFor);
-    ASSERT_EQ(Trace(r.rec), trace);
-    for (const LxTraceEntry& c : r.calls)
-      EXPECT_EQ(!c.hasGradient, GetParam().family && (c.state == kLxCont || c.state == kLxDone));
-    const size_t n = r.calls.size();
-    const LxTraceEntry &last = r.calls[n - 1], &prev = r.calls[n > 1 ? n - 2 : 0];
-    EXPECT_EQ(std::make_tuple(r.f, last.fval, last.gnorm),
-              std::make_tuple(r.q(r.x.data()), prev.fval, prev.gnorm));
-    EXPECT_EQ(r.counted.Gradients() == 1, n == 1);  // the start alone evaluated
-  }
+TEST_P(SharedExits, ReportSequence) {
+  const auto& [o, c] = GetParam();
+  auto opt = o.make(nullptr);
+  opt->SetIterLimit(c.limit);
+  opt->SetTolerance(c.tolerance);
+  BowlRun r(*opt, {}, c.continueFor);
+  ASSERT_EQ(Trace(r.rec), c.trace);
+  for (const LxTraceEntry& e : r.calls)
+    EXPECT_EQ(!e.hasGradient, o.family && (e.state == kLxCont || e.state == kLxDone));
+  const size_t n = r.calls.size();
+  const LxTraceEntry &last = r.calls[n - 1], &prev = r.calls[n > 1 ? n - 2 : 0];
+  EXPECT_EQ(std::make_tuple(r.f, last.fval, last.gnorm),
+            std::make_tuple(r.q(r.x.data()), prev.fval, prev.gnorm));
+  EXPECT_EQ(r.counted.Gradients() == 1, n == 1);  // the start alone evaluated
 }
+INSTANTIATE_TEST_SUITE_P(Optimizers, SharedExits,
+                         ::testing::Combine(::testing::ValuesIn(kAll), ::testing::ValuesIn(kExits)),
+                         CaseName<SharedExits::ParamType>);
 
 TEST_P(AllFour, BadInput) {
   auto opt = GetParam().make(nullptr);
@@ -121,8 +138,9 @@ TEST_P(AllFour, BadInput) {
   EXPECT_EQ(Trace(rec), "0 NoOpt");
 }
 
-// SetLineMinimize stores a clone; copies and assignment clone it again. The
-// first search starts with a unit displacement, 1/|g|.
+// SetLineMinimize stores a clone; copies and assignment clone it again and
+// take the limit and tolerance. The first search starts with a unit
+// displacement, 1/|g|.
 TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
   auto opt = GetParam().make(nullptr), assigned = GetParam().make(nullptr);
   BowlRun before(*opt, {});
@@ -135,6 +153,12 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
   for (LxConjGradBase* o : {opt.get(), assigned.get(), copied.get()})
     (*o)(before.q, kOrigin.data(), before.x.data());
   EXPECT_EQ(before.log.steps.size(), 3 * searches);  // none through the original
+  opt->SetIterLimit(9);  // the settings travel with copies and assignment
+  opt->SetTolerance(0.5);
+  *assigned = *opt;
+  EXPECT_EQ(std::make_pair(assigned->GetIterLimit(), assigned->GetTolerance()),
+            std::make_pair(9u, 0.5));
+  EXPECT_EQ(GetParam().make(opt.get())->GetTolerance(), 0.5);
 }
 
 // Failed searches (by call number). ConjGrad retries once from the last success
@@ -143,44 +167,55 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
 // silently when a steepest-descent search fails; a failed conjugate search
 // still moves by the old step, reports the old value and |g|, and restarts
 // along minus that stale gradient with the same step, unscaled.
-TEST_P(AllFour, FailedSearches) {
-  using Case = std::tuple<std::set<int>, std::string, int, std::string>;
-  for (const auto& [failOn, conjGrad, gradients, family] :
-       {Case{{1, 2}, "2 NotFound", 1 + 1, ""},
-        Case{{2, 3}, "1 Cont, 3 NotFound", 1 + 2 + 1, "1 Cont, 2 Cont"},
-        Case{{2, 4},
-             "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad",
-             1 + 5 * 2 + 2,
-             "1 Cont, 2 Cont"}}) {
-    auto opt = GetParam().make(nullptr);
-    BowlRun r(*opt, failOn);
-    const std::vector<LxTraceEntry>& calls = r.calls;
-    const std::vector<Points>& dirs = r.log.dirs;
-    const Points& steps = r.log.steps;
-    if (GetParam().family) {
-      ASSERT_EQ(Trace(r.rec), family);
-      if (calls.size() < 2) continue;
-      const Points g = GradientAt(calls[0].x);
-      for (int i = 0; i < 3; ++i) {
-        EXPECT_DOUBLE_EQ(calls[1].x[i], calls[0].x[i] + steps[1] * dirs[1][i]);
-        EXPECT_DOUBLE_EQ(dirs[2][i], -g[i]);
-      }
-      EXPECT_EQ(std::make_tuple(steps[2], calls[1].fval, calls[1].gnorm),
-                std::make_tuple(steps[1], calls[0].fval, calls[0].gnorm));
-    } else {
-      ASSERT_EQ(Trace(r.rec), conjGrad);
-      EXPECT_EQ(r.counted.Gradients(), static_cast<std::uint64_t>(gradients));
-      const size_t retry = *failOn.begin();  // index of the search after the failure
-      const Points at = retry > 1 ? calls[0].x : kOrigin, g = GradientAt(at);
-      EXPECT_EQ(dirs[retry], (Points{-g[0], -g[1], -g[2]}));
-      EXPECT_DOUBLE_EQ(steps[retry], 1.0 / Norm(g));
-      EXPECT_TRUE(retry == 1 || steps[1] == 1.0);  // 1.0 after the first (restart) step
-      if (calls.back().state != kLxNotFound) continue;
-      EXPECT_EQ(r.x, at);
-      EXPECT_DOUBLE_EQ(calls.back().gnorm, Norm(g));
+struct FailCase {
+  const char* name;
+  std::set<int> failOn;
+  std::string conjGrad;
+  std::uint64_t gradients;  // ConjGrad's
+  std::string family;
+};
+const FailCase kFails[] = {{"First2", {1, 2}, "2 NotFound", 1 + 1, ""},
+                           {"Second3", {2, 3}, "1 Cont, 3 NotFound", 1 + 2 + 1, "1 Cont, 2 Cont"},
+                           {"Second4",
+                            {2, 4},
+                            "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad",
+                            1 + 5 * 2 + 2,
+                            "1 Cont, 2 Cont"}};
+class FailedSearches : public ::testing::TestWithParam<std::tuple<Named, FailCase>> {};
+
+TEST_P(FailedSearches, RetryOrEnd) {
+  const auto& [o, c] = GetParam();
+  auto opt = o.make(nullptr);
+  BowlRun r(*opt, c.failOn);
+  const std::vector<LxTraceEntry>& calls = r.calls;
+  const std::vector<Points>& dirs = r.log.dirs;
+  const Points& steps = r.log.steps;
+  if (o.family) {
+    ASSERT_EQ(Trace(r.rec), c.family);
+    if (calls.size() < 2) return;
+    const Points g = GradientAt(calls[0].x);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_DOUBLE_EQ(calls[1].x[i], calls[0].x[i] + steps[1] * dirs[1][i]);
+      EXPECT_DOUBLE_EQ(dirs[2][i], -g[i]);
     }
+    EXPECT_EQ(std::make_tuple(steps[2], calls[1].fval, calls[1].gnorm),
+              std::make_tuple(steps[1], calls[0].fval, calls[0].gnorm));
+    return;
   }
+  ASSERT_EQ(Trace(r.rec), c.conjGrad);
+  EXPECT_EQ(r.counted.Gradients(), c.gradients);
+  const size_t retry = *c.failOn.begin();  // index of the search after the failure
+  const Points at = retry > 1 ? calls[0].x : kOrigin, g = GradientAt(at);
+  EXPECT_EQ(dirs[retry], (Points{-g[0], -g[1], -g[2]}));
+  EXPECT_DOUBLE_EQ(steps[retry], 1.0 / Norm(g));
+  EXPECT_TRUE(retry == 1 || steps[1] == 1.0);  // 1.0 after the first (restart) step
+  if (calls.back().state != kLxNotFound) return;
+  EXPECT_EQ(r.x, at);
+  EXPECT_DOUBLE_EQ(calls.back().gnorm, Norm(g));
 }
+INSTANTIATE_TEST_SUITE_P(Optimizers, FailedSearches,
+                         ::testing::Combine(::testing::ValuesIn(kAll), ::testing::ValuesIn(kFails)),
+                         CaseName<FailedSearches::ParamType>);
 
 // About n iterations on a 10-variable quadratic (ConjGrad up to 2n: its
 // trial-step ratio keeps the reference slope of before a restart, so the
@@ -209,20 +244,6 @@ TEST_P(AllFour, Converges) {
 
 INSTANTIATE_TEST_SUITE_P(Optimizers, AllFour, ::testing::ValuesIn(kAll),
                          ::testing::PrintToStringParamName());
-
-// Beale restarts: at least every n-th search after the first starts with step 1.0.
-TEST(ConjGrad, RestartAtLeastEveryNIterations) {
-  lxtest::Rosenbrock valley;
-  ScriptedSearch lm;
-  LxConjGradOpt opt;
-  opt.SetLineMinimize(lm);
-  opt.SetTolerance(1e-20);
-  opt.SetIterLimit(40);
-  opt(valley, Points{-1.2, 1.0}.data(), Points(2).data());
-  const Points& s = lm.log().steps;
-  ASSERT_TRUE(s.size() >= 6 && s[1] == 1.0);
-  for (size_t i = 2; i < s.size(); ++i) EXPECT_TRUE(s[i] == 1.0 || s[i - 1] == 1.0) << i;
-}
 
 // The reference slope of the trial-step ratio is -g.g at the start and is
 // replaced only by the slope of each direction formed between restarts; a
@@ -268,38 +289,46 @@ TEST(ConjGrad, TrialStepRatioKeepsItsReferenceAcrossRestartsAndRecoveries) {
   }
 }
 
-// Powell's test: a restart comes before the n-th search exactly when the new
-// gradient is far from orthogonal to the old one, |g'.g| > 0.2 g'.g'. A
-// restart shows as the entry step 1.0 (ConjGrad) or the direction -g (family).
-TEST_P(AllFour, PowellRestartTest) {
-  LxTestF f(12);
-  ScriptedSearch lm;
-  const ScriptedSearch::Log& log = lm.log();
-  auto opt = GetParam().make(nullptr);
-  opt->SetLineMinimize(lm);
-  opt->SetIterLimit(60);
-  opt->SetTolerance(1e-20);
+// Restarts: before the n-th search since the last one exactly when the new
+// gradient is far from orthogonal to the old one (Powell's test,
+// |g'.g| > 0.2 g'.g'), and at the latest with the n-th (Beale). A restart
+// shows as the entry step 1.0 (ConjGrad, which also restarts after its first
+// search) or the direction -g (family). On a 12-variable problem and on the
+// curved valley (n = 2).
+TEST_P(AllFour, Restarts) {
+  LxTestF testF(12);
+  lxtest::Rosenbrock valley;
   Points x(12);
   for (size_t i = 0; i < x.size(); ++i) x[i] = 0.3 + 0.1 * static_cast<double>(i % 5);
-  (*opt)(f, x.data(), x.data());
-  const auto restarted = [&](size_t i) {
-    bool steepest = true;
-    for (size_t j = 0; j < x.size(); ++j) steepest = steepest && log.dirs[i][j] == -log.grads[i][j];
-    return GetParam().family ? steepest : log.steps[i] == 1.0;
-  };
-  int byPowell = 0, kept = 0;
-  for (size_t i = 2, since = 1; i < log.grads.size(); ++i) {
-    const Points &g = log.grads[i], &gPrev = log.grads[i - 1];
-    double gg = 0.0, gPrevG = 0.0;
-    for (size_t j = 0; j < g.size(); ++j) gg += g[j] * g[j], gPrevG += g[j] * gPrev[j];
-    const bool powell = std::fabs(gPrevG) / gg > 0.2;
-    if (since < g.size()) {
-      EXPECT_EQ(restarted(i), powell) << "search " << i;
-      (powell ? byPowell : kept) += 1;
+  for (auto [f, limit] : {std::pair<LxFunc1*, unsigned int>{&testF, 60}, {&valley, 40}}) {
+    ScriptedSearch lm;
+    const ScriptedSearch::Log& log = lm.log();
+    auto opt = GetParam().make(nullptr);
+    opt->SetLineMinimize(lm);
+    opt->SetIterLimit(limit);
+    opt->SetTolerance(1e-20);
+    const unsigned int n = f->NumVar();
+    Points start = n == 2 ? Points{-1.2, 1.0} : x;
+    (*opt)(*f, start.data(), start.data());
+    const auto restarted = [&](size_t i) {
+      bool steepest = true;
+      for (size_t j = 0; j < n; ++j) steepest = steepest && log.dirs[i][j] == -log.grads[i][j];
+      return GetParam().family ? steepest : log.steps[i] == 1.0;
+    };
+    ASSERT_GE(log.grads.size(), 6u);
+    EXPECT_TRUE(GetParam().family || restarted(1));
+    int byPowell = 0, kept = 0;
+    for (size_t i = 2, since = 1; i < log.grads.size(); ++i) {
+      const Points &g = log.grads[i], &gPrev = log.grads[i - 1];
+      double gg = 0.0, gPrevG = 0.0;
+      for (size_t j = 0; j < n; ++j) gg += g[j] * g[j], gPrevG += g[j] * gPrev[j];
+      const bool powell = std::fabs(gPrevG) / gg > 0.2;
+      EXPECT_EQ(restarted(i), powell || since >= n) << "search " << i;
+      if (since < n) (powell ? byPowell : kept) += 1;
+      since = restarted(i) ? 1 : since + 1;
     }
-    since = restarted(i) ? 1 : since + 1;
+    EXPECT_TRUE(n == 2 || (byPowell > 0 && kept > 0)) << byPowell << " " << kept;
   }
-  EXPECT_TRUE(byPowell > 0 && kept > 0) << byPowell << " " << kept;
 }
 
 // Polak-Ribiere's beta, negative where g_new has turned back towards g, is
