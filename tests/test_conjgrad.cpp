@@ -20,27 +20,29 @@ using lxtest::StopAfter;
 using Points = std::vector<double>;
 
 // make(nullptr) builds a fresh optimizer, make(&o) a copy of o. family: the
-// classic family, with no gradient in its Cont and Done reports.
+// classic family (with no gradient in its Cont and Done reports) and its beta.
 using Ptr = std::unique_ptr<LxConjGradBase>;
+using Beta = LxBetaConjGradOpt::Beta;
 struct Named {
   const char* name;
   std::function<Ptr(const LxConjGradBase*)> make;
   bool family;
+  Beta beta;
 };
 void PrintTo(const Named& o, std::ostream* os) {
   *os << o.name;
 }
 template <class T>
-Named Make(const char* name, bool family) {
+Named Make(const char* name, bool family, Beta beta = Beta::kFletcherReeves) {
   return {
       name,
       [](const LxConjGradBase* o) { return Ptr(o ? new T(static_cast<const T&>(*o)) : new T()); },
-      family};
+      family, beta};
 }
 const Named kAll[] = {Make<LxConjGradOpt>("ConjGrad", false),
-                      Make<LxFletcherReevesOpt>("FletcherReeves", true),
-                      Make<LxRibierePolakOpt>("RibierePolak", true),
-                      Make<LxHestenesStiefelOpt>("HestenesStiefel", true)};
+                      Make<LxFletcherReevesOpt>("FletcherReeves", true, Beta::kFletcherReeves),
+                      Make<LxRibierePolakOpt>("RibierePolak", true, Beta::kPolakRibiere),
+                      Make<LxHestenesStiefelOpt>("HestenesStiefel", true, Beta::kHestenesStiefel)};
 
 // 1 (x - 1)^2 + 4 (y + 1)^2 + 9 (z - 2)^2; at the origin g = (-2, 8, -36).
 DiagonalQuadratic Bowl() {
@@ -245,61 +247,54 @@ TEST_P(AllFour, Converges) {
 INSTANTIATE_TEST_SUITE_P(Optimizers, AllFour, ::testing::ValuesIn(kAll),
                          ::testing::PrintToStringParamName());
 
-// The reference slope of the trial-step ratio is -g.g at the start and is
-// replaced only by the slope of each direction formed between restarts; a
-// restart (step 1.0) and a recovery (step sqrt(1 / g.g) along -g) leave it
-// as it stands. So search c starts with the step search c - 1 left times
-// slope(r) / slope(c), slope(i) = g.d of search i. The first search starts
-// with 1 / sqrt(g.g) (g.g = 2356: the two forms differ in the last bit).
-TEST(ConjGrad, TrialStepRatioKeepsItsReferenceAcrossRestartsAndRecoveries) {
-  struct Case {
-    std::set<int> failOn;
-    size_t search, reference;
-  };
-  const Case cases[] = {
-      {{}, 3, 1},   // search 1 is the start, 2 follows the first restart
-      {{}, 4, 3},   // 3 was formed between restarts
-      {{2}, 4, 1},  // 3 is the recovery from the failed 2
-  };
-  auto dot = [](const Points& a, const Points& b) {
-    double s = 0.0;
-    for (size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
-    return s;
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.search);
-    DiagonalQuadratic q({1.0, 2.0, 5.0, 11.0}, {1.0, 1.0, 2.0, 2.0});
-    ScriptedSearch lm(c.failOn);
-    const ScriptedSearch::Log& log = lm.log();
-    LxConjGradOpt opt;
-    opt.SetLineMinimize(lm);
-    opt.SetTolerance(1e-20);
-    opt.SetIterLimit(6);
-    Points x(4);
-    opt(q, Points(4, 0.0).data(), x.data());
-    ASSERT_GE(log.steps.size(), c.search);
-    const double gg = dot(log.grads[0], log.grads[0]);
-    ASSERT_EQ(gg, 2356.0);
-    EXPECT_EQ(log.steps[0], 1.0 / std::sqrt(gg));
-    const double gg2 = log.steps.size() > 2 ? dot(log.grads[2], log.grads[2]) : 1.0;
-    EXPECT_TRUE(!c.failOn.count(2) || log.steps[2] == std::sqrt(1.0 / gg2));
-    const auto slope = [&](size_t i) { return dot(log.grads[i - 1], log.dirs[i - 1]); };
-    EXPECT_DOUBLE_EQ(log.steps[c.search - 1],
-                     log.left[c.search - 2] * slope(c.reference) / slope(c.search));
-  }
+double Dot(const Points& a, const Points& b) {
+  double s = 0.0;
+  for (size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
+  return s;
 }
 
-// Restarts: before the n-th search since the last one exactly when the new
-// gradient is far from orthogonal to the old one (Powell's test,
-// |g'.g| > 0.2 g'.g'), and at the latest with the n-th (Beale). A restart
-// shows as the entry step 1.0 (ConjGrad, which also restarts after its first
-// search) or the direction -g (family). On a 12-variable problem and on the
-// curved valley (n = 2).
-TEST_P(AllFour, Restarts) {
+// ConjGrad's trial steps around a recovery: the first search starts with
+// 1 / sqrt(g.g), the retry after a failure with sqrt(1 / g.g) (g.g = 2356:
+// the two forms differ in the last bit), and the recovery leaves the
+// reference slope of the ratio as it stands: search 4 starts with the step
+// search 3 left times slope(1) / slope(4).
+TEST(ConjGrad, TrialStepsAroundARecovery) {
+  DiagonalQuadratic q({1.0, 2.0, 5.0, 11.0}, {1.0, 1.0, 2.0, 2.0});
+  ScriptedSearch lm({2});
+  const ScriptedSearch::Log& log = lm.log();
+  LxConjGradOpt opt;
+  opt.SetLineMinimize(lm);
+  opt.SetTolerance(1e-20);
+  opt.SetIterLimit(6);
+  Points x(4);
+  opt(q, Points(4, 0.0).data(), x.data());
+  ASSERT_GE(log.steps.size(), 4u);
+  const double gg = Dot(log.grads[0], log.grads[0]);
+  ASSERT_EQ(gg, 2356.0);
+  EXPECT_EQ(log.steps[0], 1.0 / std::sqrt(gg));
+  EXPECT_EQ(log.steps[2], std::sqrt(1.0 / Dot(log.grads[2], log.grads[2])));
+  const auto slope = [&](size_t i) { return Dot(log.grads[i], log.dirs[i]); };
+  EXPECT_DOUBLE_EQ(log.steps[3], log.left[2] * slope(0) / slope(3));
+}
+
+// Whole runs on a 12-variable problem and on the curved valley (n = 2),
+// search by search. Restarts come before the n-th search since the last one
+// exactly when the new gradient is far from orthogonal to the old one
+// (Powell's test, |g'.g| > 0.2 g'.g'), and at the latest with the n-th
+// (Beale). A restart shows as the entry step 1.0 (ConjGrad, which also
+// restarts after its first search) or the direction -g (family). Trial steps:
+// ConjGrad scales the step the last search left by slope(r) / slope(c),
+// slope = g.d, with r the last search formed between restarts (or the
+// first); the family keeps the step after a restart and scales it by the
+// ratio of the last two slopes otherwise. The family's direction is
+// -g' + beta d with beta formed from y = g' - g as written (not from
+// differences of separate dot products, which round otherwise).
+TEST_P(AllFour, SearchBySearch) {
   LxTestF testF(12);
   lxtest::Rosenbrock valley;
   Points x(12);
   for (size_t i = 0; i < x.size(); ++i) x[i] = 0.3 + 0.1 * static_cast<double>(i % 5);
+  const bool family = GetParam().family;
   for (auto [f, limit] : {std::pair<LxFunc1*, unsigned int>{&testF, 60}, {&valley, 40}}) {
     ScriptedSearch lm;
     const ScriptedSearch::Log& log = lm.log();
@@ -311,21 +306,40 @@ TEST_P(AllFour, Restarts) {
     Points start = n == 2 ? Points{-1.2, 1.0} : x;
     (*opt)(*f, start.data(), start.data());
     const auto restarted = [&](size_t i) {
-      bool steepest = true;
-      for (size_t j = 0; j < n; ++j) steepest = steepest && log.dirs[i][j] == -log.grads[i][j];
-      return GetParam().family ? steepest : log.steps[i] == 1.0;
+      Points minusG = log.grads[i];
+      for (double& v : minusG) v = -v;
+      return family ? log.dirs[i] == minusG : log.steps[i] == 1.0;
     };
+    const auto slope = [&](size_t i) { return Dot(log.grads[i], log.dirs[i]); };
     ASSERT_GE(log.grads.size(), 6u);
-    EXPECT_TRUE(GetParam().family || restarted(1));
+    EXPECT_TRUE(family || restarted(1));
     int byPowell = 0, kept = 0;
-    for (size_t i = 2, since = 1; i < log.grads.size(); ++i) {
-      const Points &g = log.grads[i], &gPrev = log.grads[i - 1];
-      double gg = 0.0, gPrevG = 0.0;
-      for (size_t j = 0; j < n; ++j) gg += g[j] * g[j], gPrevG += g[j] * gPrev[j];
-      const bool powell = std::fabs(gPrevG) / gg > 0.2;
-      EXPECT_EQ(restarted(i), powell || since >= n) << "search " << i;
-      if (since < n) (powell ? byPowell : kept) += 1;
-      since = restarted(i) ? 1 : since + 1;
+    for (size_t i = 1, since = 0, reference = 0; i < log.grads.size(); ++i) {
+      SCOPED_TRACE(i);
+      const Points &g = log.grads[i], &gPrev = log.grads[i - 1], &d = log.dirs[i - 1];
+      const bool powell = std::fabs(Dot(g, gPrev)) / Dot(g, g) > 0.2;
+      EXPECT_TRUE(i == 1 || restarted(i) == (powell || since >= n));
+      if (i > 1 && since < n) (powell ? byPowell : kept) += 1;
+      if (restarted(i)) {
+        EXPECT_TRUE(!family || log.steps[i] == log.left[i - 1]);
+        since = 1;
+        continue;
+      }
+      EXPECT_DOUBLE_EQ(log.steps[i],
+                       log.left[i - 1] * slope(family ? i - 1 : reference) / slope(i));
+      reference = i;
+      ++since;
+      if (!family) continue;
+      detail::BetaInputs p{0.0, 0.0, 0.0, 0.0};
+      for (size_t j = 0; j < n; ++j) {
+        const double y = g[j] - gPrev[j];
+        p = {p.gg + gPrev[j] * gPrev[j], p.ggNew + g[j] * g[j], p.gNewY + g[j] * y,
+             p.dY + d[j] * y};
+      }
+      const double beta = detail::ConjugacyCoefficient(GetParam().beta, p);
+      Points expected(n);
+      for (size_t j = 0; j < n; ++j) expected[j] = -g[j] + beta * d[j];
+      EXPECT_EQ(log.dirs[i], expected);
     }
     EXPECT_TRUE(n == 2 || (byPowell > 0 && kept > 0)) << byPowell << " " << kept;
   }
@@ -334,70 +348,10 @@ TEST_P(AllFour, Restarts) {
 // Polak-Ribiere's beta, negative where g_new has turned back towards g, is
 // used as it stands (in the loop Powell's test restarts first in such cases).
 TEST(FamilyCoefficients, PolakRibiereNotClampedAtZero) {
-  using Beta = LxBetaConjGradOpt::Beta;
   const detail::BetaInputs p{4.0, 1.0, -0.5, 3.5};  // gg, ggNew, gNew.y, d.y
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kFletcherReeves, p), 0.25);
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kPolakRibiere, p), -0.125);
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kHestenesStiefel, p), -0.5 / 3.5);
-}
-
-// Succeeds once with a set new gradient (and a lower value), then fails;
-// logs the directions it is given.
-class GivenNewGradient : public LxLineMinimize {
- public:
-  GivenNewGradient(Points gNew, std::shared_ptr<std::vector<Points>> dirs)
-      : gNew_(std::move(gNew)), dirs_(std::move(dirs)) {}
-  bool operator()(unsigned int n, const double*, double* dir, double*, double* gradOut,
-                  double* fval, double*, LxFunc1&) const override {
-    dirs_->emplace_back(dir, dir + n);
-    if (dirs_->size() > 1) return false;
-    std::copy(gNew_.begin(), gNew_.end(), gradOut);
-    *fval -= 1.0;
-    return true;
-  }
-  LxLineMinimize* CreateCopy() const override { return new GivenNewGradient(*this); }
-
- private:
-  Points gNew_;
-  std::shared_ptr<std::vector<Points>> dirs_;
-};
-
-// The coefficients are formed from y = gNew - g as written: gNew.y / g.g
-// (Polak-Ribiere) and gNew.y / d.y (Hestenes-Stiefel), not from differences
-// of separate dot products, which round otherwise (with these gradients the
-// second direction differs in its last bits); Fletcher-Reeves gNew.gNew / g.g.
-TEST(FamilyCoefficients, FormedFromTheChangeOfGradient) {
-  using Beta = LxBetaConjGradOpt::Beta;
-  DiagonalQuadratic q({1.0, 1.0, 1.0}, {1.0, 0.3, -0.7});  // g = (-2, -0.6, 1.4) at 0
-  const Points gNew{-0.567, -0.156, -0.942};               // |gNew.g| / gNew.gNew < 0.2: no restart
-  for (const Beta kind : {Beta::kFletcherReeves, Beta::kPolakRibiere, Beta::kHestenesStiefel}) {
-    SCOPED_TRACE(static_cast<int>(kind));
-    auto dirs = std::make_shared<std::vector<Points>>();
-    Ptr opt(kind == Beta::kFletcherReeves ? static_cast<LxConjGradBase*>(new LxFletcherReevesOpt)
-            : kind == Beta::kPolakRibiere ? static_cast<LxConjGradBase*>(new LxRibierePolakOpt)
-                                          : new LxHestenesStiefelOpt);
-    opt->SetLineMinimize(GivenNewGradient(gNew, dirs));
-    opt->SetTolerance(1e-30);
-    opt->SetIterLimit(3);
-    Points x(3);
-    (*opt)(q, kOrigin.data(), x.data());
-    ASSERT_EQ(dirs->size(), 2u);
-    const Points& d = (*dirs)[0];
-    double gg = 0.0, ggNew = 0.0, gNewY = 0.0, dY = 0.0;
-    for (int i = 0; i < 3; ++i) {
-      const double g = -d[i], y = gNew[i] - g;
-      gg += g * g;
-      ggNew += gNew[i] * gNew[i];
-      gNewY += gNew[i] * y;
-      dY += d[i] * y;
-    }
-    const double beta = kind == Beta::kFletcherReeves ? ggNew / gg
-                        : kind == Beta::kPolakRibiere ? gNewY / gg
-                                                      : gNewY / dY;
-    Points expected(3);
-    for (int i = 0; i < 3; ++i) expected[i] = -gNew[i] + beta * d[i];
-    EXPECT_EQ((*dirs)[1], expected);
-  }
 }
 
 }  // namespace
