@@ -329,6 +329,12 @@ TEST(CarriedHessian, SecondRunContinuesTheFirst) {
   EXPECT_EQ(log.steps[0], whole.log().steps[2]);
   EXPECT_EQ(copied.log().steps, log.steps);
   EXPECT_EQ(copied.log().dirs, log.dirs);
+  // A search that fails after an update restarts with 1/|g|, not the carried
+  // step.
+  LxBFGSModOpt again(copy);
+  const ScriptedSearch failing = Exact({2});
+  RunWith(again, failing, 3, q, mid, out);
+  EXPECT_DOUBLE_EQ(failing.log().steps[2], 1.0 / Norm(failing.log().grads[2]));
   // A new object starts from the identity and 1/|g|.
   EXPECT_DOUBLE_EQ(fresh.log().steps[0], 1.0 / Norm(fresh.log().grads[0]));
   EXPECT_GT(MaxDifference(fresh.log().dirs[1], log.dirs[1]), 1e-6);
