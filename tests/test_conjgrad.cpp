@@ -104,6 +104,9 @@ const ExitCase kExits[] = {{"NoOpt", 1000, 1365.0, ~0ul, "0 NoOpt"},
                            {"Limit1", 1, 0.1, ~0ul, "1 Exhaust"},
                            {"Limit2", 2, 0.1, ~0ul, "1 Cont, 2 Exhaust"},
                            {"StopAsked", 1000, 0.1, 1, "1 Cont, 2 Cont, 2 Done"}};
+void PrintTo(const ExitCase& c, std::ostream* os) {
+  *os << c.name;
+}
 class SharedExits : public ::testing::TestWithParam<std::tuple<Named, ExitCase>> {};
 
 // The exits all four share, as the whole sequence of reports; after a search
@@ -183,6 +186,9 @@ const FailCase kFails[] = {{"First2", {1, 2}, "2 NotFound", 1 + 1, ""},
                             "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad",
                             1 + 5 * 2 + 2,
                             "1 Cont, 2 Cont"}};
+void PrintTo(const FailCase& c, std::ostream* os) {
+  *os << c.name;
+}
 class FailedSearches : public ::testing::TestWithParam<std::tuple<Named, FailCase>> {};
 
 TEST_P(FailedSearches, RetryOrEnd) {

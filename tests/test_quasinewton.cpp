@@ -174,6 +174,9 @@ const ExitCase kExitCases[] = {
     {"Restarts", kIll30, Vec(30, 0.0), {{0, 0}, {1, 0}, {3, 0}, {4, kLxExhaust}}, 8, {3}, 4},
 };
 
+void PrintTo(const ExitCase& c, std::ostream* os) {
+  *os << c.name;
+}
 class Exits : public ::testing::TestWithParam<std::tuple<Kind, ExitCase>> {};
 
 // The whole sequence of reports, each with the value and |g| of its point.
