@@ -15,31 +15,34 @@ namespace {
 
 using namespace LxOpt;
 using lxtest::DiagonalQuadratic;
-using lxtest::Recorder;
+using lxtest::ScriptedSearch;
+using lxtest::StopAfter;
 using Points = std::vector<double>;
 
 // make(nullptr) builds a fresh optimizer, make(&o) a copy of o. family: the
-// classic family, with no gradient in its Cont and Done reports.
+// classic family (with no gradient in its Cont and Done reports) and its beta.
 using Ptr = std::unique_ptr<LxConjGradBase>;
+using Beta = LxBetaConjGradOpt::Beta;
 struct Named {
   const char* name;
   std::function<Ptr(const LxConjGradBase*)> make;
   bool family;
+  Beta beta;
 };
 void PrintTo(const Named& o, std::ostream* os) {
   *os << o.name;
 }
 template <class T>
-Named Make(const char* name, bool family) {
+Named Make(const char* name, bool family, Beta beta = Beta::kFletcherReeves) {
   return {
       name,
       [](const LxConjGradBase* o) { return Ptr(o ? new T(static_cast<const T&>(*o)) : new T()); },
-      family};
+      family, beta};
 }
 const Named kAll[] = {Make<LxConjGradOpt>("ConjGrad", false),
-                      Make<LxFletcherReevesOpt>("FletcherReeves", true),
-                      Make<LxRibierePolakOpt>("RibierePolak", true),
-                      Make<LxHestenesStiefelOpt>("HestenesStiefel", true)};
+                      Make<LxFletcherReevesOpt>("FletcherReeves", true, Beta::kFletcherReeves),
+                      Make<LxRibierePolakOpt>("RibierePolak", true, Beta::kPolakRibiere),
+                      Make<LxHestenesStiefelOpt>("HestenesStiefel", true, Beta::kHestenesStiefel)};
 
 // 1 (x - 1)^2 + 4 (y + 1)^2 + 9 (z - 2)^2; at the origin g = (-2, 8, -36).
 DiagonalQuadratic Bowl() {
@@ -48,9 +51,9 @@ DiagonalQuadratic Bowl() {
 const Points kOrigin(3, 0.0);
 
 // The reports as "iteration state" items, e.g. "1 Cont, 2 Done".
-std::string Trace(const Recorder& rec) {
+std::string Trace(const LxTraceCheckpoint& rec) {
   std::string s;
-  for (const lxtest::Call& c : rec.calls)
+  for (const LxTraceEntry& c : rec.Entries())
     s += (s.empty() ? "" : ", ") + std::to_string(c.iter) + " " + LxGetStateName(c.state);
   return s;
 }
@@ -59,17 +62,19 @@ std::string Trace(const Recorder& rec) {
 // failOn. Every exit returns the value and leaves the point of the last report.
 struct BowlRun {
   DiagonalQuadratic q = Bowl();
-  lxtest::Counting counted{q};
-  lxtest::FailOnDemand lm;
-  Recorder rec;
+  LxCountingFunc counted{q};
+  ScriptedSearch lm;
+  StopAfter stop;
+  LxTraceCheckpoint rec{&stop, true};
+  const std::vector<LxTraceEntry>& calls = rec.Entries();
+  const ScriptedSearch::Log& log = lm.log();
   Points x = Points(3);
   double f;
   BowlRun(LxConjGradBase& opt, std::set<int> failOn, unsigned long continueFor = ~0ul)
-      : lm(std::move(failOn)) {
+      : lm(std::move(failOn)), stop(continueFor) {
     opt.SetLineMinimize(lm);
-    rec.continueFor = continueFor;
     f = opt(counted, &rec, kOrigin.data(), x.data());
-    EXPECT_TRUE(rec.calls.empty() || (rec.calls.back().vars == x && rec.calls.back().fval == f));
+    EXPECT_TRUE(calls.empty() || (calls.back().x == x && calls.back().fval == f));
   }
 };
 Points GradientAt(const Points& x) {
@@ -81,57 +86,84 @@ double Norm(const Points& v) {
 }
 
 class AllFour : public ::testing::TestWithParam<Named> {};
+// "<optimizer>_<case>" for the parameterised cases below.
+template <class Param>
+std::string CaseName(const ::testing::TestParamInfo<Param>& info) {
+  return std::string(std::get<0>(info.param).name) + "_" + std::get<1>(info.param).name;
+}
+
+struct ExitCase {
+  const char* name;
+  unsigned int limit;
+  double tolerance;  // |g|^2 = 1364 at the start
+  unsigned long continueFor;
+  std::string trace;
+};
+const ExitCase kExits[] = {{"NoOpt", 1000, 1365.0, ~0ul, "0 NoOpt"},
+                           {"Limit0", 0, 0.1, ~0ul, "1 Exhaust"},
+                           {"Limit1", 1, 0.1, ~0ul, "1 Exhaust"},
+                           {"Limit2", 2, 0.1, ~0ul, "1 Cont, 2 Exhaust"},
+                           {"StopAsked", 1000, 0.1, 1, "1 Cont, 2 Cont, 2 Done"}};
+void PrintTo(const ExitCase& c, std::ostream* os) {
+  *os << c.name;
+}
+class SharedExits : public ::testing::TestWithParam<std::tuple<Named, ExitCase>> {};
 
 // The exits all four share, as the whole sequence of reports; after a search
 // the exit repeats the figures of the report before it.
-TEST_P(AllFour, SharedExits) {
-  using Exit = std::tuple<unsigned int, double, unsigned long, std::string>;
-  for (const auto& [limit, tolerance, continueFor, trace] :
-       {Exit{1000, 1365.0, ~0ul, "0 NoOpt"}, Exit{0, 0.1, ~0ul, "1 Exhaust"},
-        Exit{1, 0.1, ~0ul, "1 Exhaust"}, Exit{2, 0.1, ~0ul, "1 Cont, 2 Exhaust"},
-        Exit{1000, 0.1, 1, "1 Cont, 2 Cont, 2 Done"}}) {
-    auto opt = GetParam().make(nullptr);
-    opt->SetIterLimit(limit);
-    opt->SetTolerance(tolerance);  // |g|^2 = 1364 at the start
-    BowlRun r(*opt, {}, continueFor);
-    ASSERT_EQ(Trace(r.rec), trace);
-    for (const lxtest::Call& c : r.rec.calls)
-      EXPECT_EQ(c.gradNull, GetParam().family && (c.state == kLxCont || c.state == kLxDone));
-    const size_t n = r.rec.calls.size();
-    const lxtest::Call &last = r.rec.calls[n - 1], &prev = r.rec.calls[n > 1 ? n - 2 : 0];
-    EXPECT_EQ(std::make_tuple(r.f, last.fval, last.gnorm),
-              std::make_tuple(r.q(r.x.data()), prev.fval, prev.gnorm));
-    EXPECT_EQ(r.counted.gradients == 1, n == 1);  // the start alone evaluated
-  }
+TEST_P(SharedExits, ReportSequence) {
+  const auto& [o, c] = GetParam();
+  auto opt = o.make(nullptr);
+  opt->SetIterLimit(c.limit);
+  opt->SetTolerance(c.tolerance);
+  BowlRun r(*opt, {}, c.continueFor);
+  ASSERT_EQ(Trace(r.rec), c.trace);
+  for (const LxTraceEntry& e : r.calls)
+    EXPECT_EQ(!e.hasGradient, o.family && (e.state == kLxCont || e.state == kLxDone));
+  const size_t n = r.calls.size();
+  const LxTraceEntry &last = r.calls[n - 1], &prev = r.calls[n > 1 ? n - 2 : 0];
+  EXPECT_EQ(std::make_tuple(r.f, last.fval, last.gnorm),
+            std::make_tuple(r.q(r.x.data()), prev.fval, prev.gnorm));
+  EXPECT_EQ(r.counted.Gradients() == 1, n == 1);  // the start alone evaluated
 }
+INSTANTIATE_TEST_SUITE_P(Optimizers, SharedExits,
+                         ::testing::Combine(::testing::ValuesIn(kAll), ::testing::ValuesIn(kExits)),
+                         CaseName<SharedExits::ParamType>);
 
 TEST_P(AllFour, BadInput) {
   auto opt = GetParam().make(nullptr);
   DiagonalQuadratic q = Bowl(), empty({}, {});
-  lxtest::Counting counted(q);
+  LxCountingFunc counted(q);
   lxtest::MessageCapture msg;
-  Recorder rec;
+  LxTraceCheckpoint rec;
   EXPECT_EQ((*opt)(counted, &rec, kOrigin.data(), nullptr), 0.0);
   EXPECT_EQ(msg.Texts(), std::vector<std::string>{"memory not provided for optimized variables"});
-  EXPECT_EQ(counted.gradients + rec.calls.size(), 0u);
+  EXPECT_EQ(counted.Gradients() + rec.Entries().size(), 0u);
   (*opt)(empty, &rec, kOrigin.data(), Points(1).data());  // no variables: converged at once
   EXPECT_EQ(Trace(rec), "0 NoOpt");
 }
 
-// SetLineMinimize stores a clone; copies and assignment clone it again. The
-// first search starts with a unit displacement, 1/|g|.
+// SetLineMinimize stores a clone; copies and assignment clone it again and
+// take the limit and tolerance. The first search starts with a unit
+// displacement, 1/|g|.
 TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
   auto opt = GetParam().make(nullptr), assigned = GetParam().make(nullptr);
   BowlRun before(*opt, {});
   *assigned = *opt;
   auto copied = GetParam().make(opt.get());
   opt->SetLineMinimize(LxCGLineMinimize());
-  const size_t searches = before.lm.steps().size();
+  const size_t searches = before.log.steps.size();
   ASSERT_GT(searches, 0u);
-  EXPECT_DOUBLE_EQ(before.lm.steps()[0], 1.0 / Norm(GradientAt(kOrigin)));
+  EXPECT_DOUBLE_EQ(before.log.steps[0], 1.0 / Norm(GradientAt(kOrigin)));
   for (LxConjGradBase* o : {opt.get(), assigned.get(), copied.get()})
     (*o)(before.q, kOrigin.data(), before.x.data());
-  EXPECT_EQ(before.lm.steps().size(), 3 * searches);  // none through the original
+  EXPECT_EQ(before.log.steps.size(), 3 * searches);  // none through the original
+  opt->SetIterLimit(9);  // the settings travel with copies and assignment
+  opt->SetTolerance(0.5);
+  *assigned = *opt;
+  EXPECT_EQ(std::make_pair(assigned->GetIterLimit(), assigned->GetTolerance()),
+            std::make_pair(9u, 0.5));
+  EXPECT_EQ(GetParam().make(opt.get())->GetTolerance(), 0.5);
 }
 
 // Failed searches (by call number). ConjGrad retries once from the last success
@@ -140,44 +172,58 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
 // silently when a steepest-descent search fails; a failed conjugate search
 // still moves by the old step, reports the old value and |g|, and restarts
 // along minus that stale gradient with the same step, unscaled.
-TEST_P(AllFour, FailedSearches) {
-  using Case = std::tuple<std::set<int>, std::string, int, std::string>;
-  for (const auto& [failOn, conjGrad, gradients, family] :
-       {Case{{1, 2}, "2 NotFound", 1 + 1, ""},
-        Case{{2, 3}, "1 Cont, 3 NotFound", 1 + 2 + 1, "1 Cont, 2 Cont"},
-        Case{{2, 4},
-             "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad",
-             1 + 5 * 2 + 2,
-             "1 Cont, 2 Cont"}}) {
-    auto opt = GetParam().make(nullptr);
-    BowlRun r(*opt, failOn);
-    const std::vector<lxtest::Call>& calls = r.rec.calls;
-    const std::vector<Points>& dirs = r.lm.dirs();
-    const Points& steps = r.lm.steps();
-    if (GetParam().family) {
-      ASSERT_EQ(Trace(r.rec), family);
-      if (calls.size() < 2) continue;
-      const Points g = GradientAt(calls[0].vars);
-      for (int i = 0; i < 3; ++i) {
-        EXPECT_DOUBLE_EQ(calls[1].vars[i], calls[0].vars[i] + steps[1] * dirs[1][i]);
-        EXPECT_DOUBLE_EQ(dirs[2][i], -g[i]);
-      }
-      EXPECT_EQ(std::make_tuple(steps[2], calls[1].fval, calls[1].gnorm),
-                std::make_tuple(steps[1], calls[0].fval, calls[0].gnorm));
-    } else {
-      ASSERT_EQ(Trace(r.rec), conjGrad);
-      EXPECT_EQ(r.counted.gradients, gradients);
-      const size_t retry = *failOn.begin();  // index of the search after the failure
-      const Points at = retry > 1 ? calls[0].vars : kOrigin, g = GradientAt(at);
-      EXPECT_EQ(dirs[retry], (Points{-g[0], -g[1], -g[2]}));
-      EXPECT_DOUBLE_EQ(steps[retry], 1.0 / Norm(g));
-      EXPECT_TRUE(retry == 1 || steps[1] == 1.0);  // 1.0 after the first (restart) step
-      if (calls.back().state != kLxNotFound) continue;
-      EXPECT_EQ(r.x, at);
-      EXPECT_DOUBLE_EQ(calls.back().gnorm, Norm(g));
-    }
-  }
+struct FailCase {
+  const char* name;
+  std::set<int> failOn;
+  std::string conjGrad;
+  std::uint64_t gradients;  // ConjGrad's
+  std::string family;
+};
+const FailCase kFails[] = {{"First2", {1, 2}, "2 NotFound", 1 + 1, ""},
+                           {"Second3", {2, 3}, "1 Cont, 3 NotFound", 1 + 2 + 1, "1 Cont, 2 Cont"},
+                           {"Second4",
+                            {2, 4},
+                            "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad",
+                            1 + 5 * 2 + 2,
+                            "1 Cont, 2 Cont"}};
+void PrintTo(const FailCase& c, std::ostream* os) {
+  *os << c.name;
 }
+class FailedSearches : public ::testing::TestWithParam<std::tuple<Named, FailCase>> {};
+
+TEST_P(FailedSearches, RetryOrEnd) {
+  const auto& [o, c] = GetParam();
+  auto opt = o.make(nullptr);
+  BowlRun r(*opt, c.failOn);
+  const std::vector<LxTraceEntry>& calls = r.calls;
+  const std::vector<Points>& dirs = r.log.dirs;
+  const Points& steps = r.log.steps;
+  if (o.family) {
+    ASSERT_EQ(Trace(r.rec), c.family);
+    if (calls.size() < 2) return;
+    const Points g = GradientAt(calls[0].x);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_DOUBLE_EQ(calls[1].x[i], calls[0].x[i] + steps[1] * dirs[1][i]);
+      EXPECT_DOUBLE_EQ(dirs[2][i], -g[i]);
+    }
+    EXPECT_EQ(std::make_tuple(steps[2], calls[1].fval, calls[1].gnorm),
+              std::make_tuple(steps[1], calls[0].fval, calls[0].gnorm));
+    return;
+  }
+  ASSERT_EQ(Trace(r.rec), c.conjGrad);
+  EXPECT_EQ(r.counted.Gradients(), c.gradients);
+  const size_t retry = *c.failOn.begin();  // index of the search after the failure
+  const Points at = retry > 1 ? calls[0].x : kOrigin, g = GradientAt(at);
+  EXPECT_EQ(dirs[retry], (Points{-g[0], -g[1], -g[2]}));
+  EXPECT_DOUBLE_EQ(steps[retry], 1.0 / Norm(g));
+  EXPECT_TRUE(retry == 1 || steps[1] == 1.0);  // 1.0 after the first (restart) step
+  if (calls.back().state != kLxNotFound) return;
+  EXPECT_EQ(r.x, at);
+  EXPECT_DOUBLE_EQ(calls.back().gnorm, Norm(g));
+}
+INSTANTIATE_TEST_SUITE_P(Optimizers, FailedSearches,
+                         ::testing::Combine(::testing::ValuesIn(kAll), ::testing::ValuesIn(kFails)),
+                         CaseName<FailedSearches::ParamType>);
 
 // About n iterations on a 10-variable quadratic (ConjGrad up to 2n: its
 // trial-step ratio keeps the reference slope of before a restart, so the
@@ -193,13 +239,13 @@ TEST_P(AllFour, Converges) {
         Problem{&valley, {-1.2, 1.0}, {1.0, 1.0}, family ? 1000u : 200u}}) {
     auto opt = GetParam().make(nullptr);
     opt->SetTolerance(1e-16);
-    Recorder rec;
+    LxTraceCheckpoint rec(nullptr, true);
     Points x(start.size());
     (*opt)(*f, &rec, start.data(), x.data());
     for (size_t i = 0; i < x.size(); ++i) EXPECT_NEAR(x[i], minimizer[i], 1e-6);
-    ASSERT_LE(rec.calls.size(), maxReports);
-    const lxtest::Call &last = rec.calls.back(), &prev = rec.calls.end()[-2];
-    EXPECT_TRUE(last.vars == x && last.state == (family ? kLxCont : kLxGrad));
+    ASSERT_LE(rec.Entries().size(), maxReports);
+    const LxTraceEntry &last = rec.Entries().back(), &prev = rec.Entries().end()[-2];
+    EXPECT_TRUE(last.x == x && last.state == (family ? kLxCont : kLxGrad));
     EXPECT_TRUE(family || (last.fval == prev.fval && last.gnorm == prev.gnorm));
   }
 }
@@ -207,182 +253,111 @@ TEST_P(AllFour, Converges) {
 INSTANTIATE_TEST_SUITE_P(Optimizers, AllFour, ::testing::ValuesIn(kAll),
                          ::testing::PrintToStringParamName());
 
-// Beale restarts: at least every n-th search after the first starts with step 1.0.
-TEST(ConjGrad, RestartAtLeastEveryNIterations) {
-  lxtest::Rosenbrock valley;
-  lxtest::FailOnDemand lm;
+double Dot(const Points& a, const Points& b) {
+  double s = 0.0;
+  for (size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
+  return s;
+}
+
+// ConjGrad's trial steps around a recovery: the first search starts with
+// 1 / sqrt(g.g), the retry after a failure with sqrt(1 / g.g) (g.g = 2356:
+// the two forms differ in the last bit), and the recovery leaves the
+// reference slope of the ratio as it stands: search 4 starts with the step
+// search 3 left times slope(1) / slope(4).
+TEST(ConjGrad, TrialStepsAroundARecovery) {
+  DiagonalQuadratic q({1.0, 2.0, 5.0, 11.0}, {1.0, 1.0, 2.0, 2.0});
+  ScriptedSearch lm({2});
+  const ScriptedSearch::Log& log = lm.log();
   LxConjGradOpt opt;
   opt.SetLineMinimize(lm);
   opt.SetTolerance(1e-20);
-  opt.SetIterLimit(40);
-  opt(valley, Points{-1.2, 1.0}.data(), Points(2).data());
-  const Points& s = lm.steps();
-  ASSERT_TRUE(s.size() >= 6 && s[1] == 1.0);
-  for (size_t i = 2; i < s.size(); ++i) EXPECT_TRUE(s[i] == 1.0 || s[i - 1] == 1.0) << i;
+  opt.SetIterLimit(6);
+  Points x(4);
+  opt(q, Points(4, 0.0).data(), x.data());
+  ASSERT_GE(log.steps.size(), 4u);
+  const double gg = Dot(log.grads[0], log.grads[0]);
+  ASSERT_EQ(gg, 2356.0);
+  EXPECT_EQ(log.steps[0], 1.0 / std::sqrt(gg));
+  EXPECT_EQ(log.steps[2], std::sqrt(1.0 / Dot(log.grads[2], log.grads[2])));
+  const auto slope = [&](size_t i) { return Dot(log.grads[i], log.dirs[i]); };
+  EXPECT_DOUBLE_EQ(log.steps[3], log.left[2] * slope(0) / slope(3));
 }
 
-// The reference slope of the trial-step ratio is -g.g at the start and is
-// replaced only by the slope of each direction formed between restarts; a
-// restart (step 1.0) and a recovery (step sqrt(1 / g.g) along -g) leave it
-// as it stands. So search c starts with the step search c - 1 left times
-// slope(r) / slope(c), slope(i) = g.d of search i. The first search starts
-// with 1 / sqrt(g.g) (g.g = 2356: the two forms differ in the last bit).
-TEST(ConjGrad, TrialStepRatioKeepsItsReferenceAcrossRestartsAndRecoveries) {
-  struct Case {
-    std::set<int> failOn;
-    size_t search, reference;
-  };
-  const Case cases[] = {
-      {{}, 3, 1},   // search 1 is the start, 2 follows the first restart
-      {{}, 4, 3},   // 3 was formed between restarts
-      {{2}, 4, 1},  // 3 is the recovery from the failed 2
-  };
-  auto dot = [](const Points& a, const Points& b) {
-    double s = 0.0;
-    for (size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
-    return s;
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.search);
-    DiagonalQuadratic q({1.0, 2.0, 5.0, 11.0}, {1.0, 1.0, 2.0, 2.0});
-    lxtest::FailOnDemand lm(c.failOn);
-    LxConjGradOpt opt;
-    opt.SetLineMinimize(lm);
-    opt.SetTolerance(1e-20);
-    opt.SetIterLimit(6);
-    Points x(4);
-    opt(q, Points(4, 0.0).data(), x.data());
-    ASSERT_GE(lm.steps().size(), c.search);
-    const double gg = dot(lm.grads()[0], lm.grads()[0]);
-    ASSERT_EQ(gg, 2356.0);
-    EXPECT_EQ(lm.steps()[0], 1.0 / std::sqrt(gg));
-    if (c.failOn.count(2)) {
-      const Points& g = lm.grads()[2];
-      EXPECT_EQ(lm.steps()[2], std::sqrt(1.0 / dot(g, g)));
-    }
-    const auto slope = [&](size_t i) { return dot(lm.grads()[i - 1], lm.dirs()[i - 1]); };
-    EXPECT_DOUBLE_EQ(lm.steps()[c.search - 1],
-                     lm.left()[c.search - 2] * slope(c.reference) / slope(c.search));
-  }
-}
-
-// Powell's test: a restart comes before the n-th search exactly when the new
-// gradient is far from orthogonal to the old one, |g'.g| > 0.2 g'.g'. A
-// restart shows as the entry step 1.0 (ConjGrad) or the direction -g (family).
-class RestartLog : public LxLineMinimize {
- public:
-  struct Entry {
-    Points g;
-    bool restart;
-  };
-  explicit RestartLog(bool family, std::shared_ptr<std::vector<Entry>> log)
-      : family_(family), log_(std::move(log)) {}
-  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
-                  double* fval, double* step, LxFunc1& func) const override {
-    bool steepest = true;
-    for (unsigned int i = 0; i < n; ++i) steepest = steepest && dir[i] == -grad0[i];
-    log_->push_back({Points(grad0, grad0 + n), family_ ? steepest : *step == 1.0});
-    return LxCGLineMinimize()(n, x0, dir, grad0, gradOut, fval, step, func);
-  }
-  LxLineMinimize* CreateCopy() const override { return new RestartLog(*this); }
-
- private:
-  bool family_;
-  std::shared_ptr<std::vector<Entry>> log_;
-};
-
-TEST_P(AllFour, PowellRestartTest) {
-  LxTestF f(12);
-  auto log = std::make_shared<std::vector<RestartLog::Entry>>();
-  auto opt = GetParam().make(nullptr);
-  opt->SetLineMinimize(RestartLog(GetParam().family, log));
-  opt->SetIterLimit(60);
-  opt->SetTolerance(1e-20);
+// Whole runs on a 12-variable problem and on the curved valley (n = 2),
+// search by search. Restarts come before the n-th search since the last one
+// exactly when the new gradient is far from orthogonal to the old one
+// (Powell's test, |g'.g| > 0.2 g'.g'), and at the latest with the n-th
+// (Beale). A restart shows as the entry step 1.0 (ConjGrad, which also
+// restarts after its first search) or the direction -g (family). Trial steps:
+// ConjGrad scales the step the last search left by slope(r) / slope(c),
+// slope = g.d, with r the last search formed between restarts (or the
+// first); the family keeps the step after a restart and scales it by the
+// ratio of the last two slopes otherwise. The family's direction is
+// -g' + beta d with beta formed from y = g' - g as written (not from
+// differences of separate dot products, which round otherwise).
+TEST_P(AllFour, SearchBySearch) {
+  LxTestF testF(12);
+  lxtest::Rosenbrock valley;
   Points x(12);
   for (size_t i = 0; i < x.size(); ++i) x[i] = 0.3 + 0.1 * static_cast<double>(i % 5);
-  (*opt)(f, x.data(), x.data());
-  int byPowell = 0, kept = 0;
-  for (size_t i = 2, since = 1; i < log->size(); ++i) {
-    const Points &g = (*log)[i].g, &gPrev = (*log)[i - 1].g;
-    double gg = 0.0, gPrevG = 0.0;
-    for (size_t j = 0; j < g.size(); ++j) gg += g[j] * g[j], gPrevG += g[j] * gPrev[j];
-    const bool powell = std::fabs(gPrevG) / gg > 0.2;
-    if (since < g.size()) {
-      EXPECT_EQ((*log)[i].restart, powell) << "search " << i;
-      (powell ? byPowell : kept) += 1;
+  const bool family = GetParam().family;
+  for (auto [f, limit] : {std::pair<LxFunc1*, unsigned int>{&testF, 60}, {&valley, 40}}) {
+    ScriptedSearch lm;
+    const ScriptedSearch::Log& log = lm.log();
+    auto opt = GetParam().make(nullptr);
+    opt->SetLineMinimize(lm);
+    opt->SetIterLimit(limit);
+    opt->SetTolerance(1e-20);
+    const unsigned int n = f->NumVar();
+    Points start = n == 2 ? Points{-1.2, 1.0} : x;
+    (*opt)(*f, start.data(), start.data());
+    const auto restarted = [&](size_t i) {
+      Points minusG = log.grads[i];
+      for (double& v : minusG) v = -v;
+      return family ? log.dirs[i] == minusG : log.steps[i] == 1.0;
+    };
+    const auto slope = [&](size_t i) { return Dot(log.grads[i], log.dirs[i]); };
+    ASSERT_GE(log.grads.size(), 6u);
+    EXPECT_TRUE(family || restarted(1));
+    int byPowell = 0, kept = 0;
+    for (size_t i = 1, since = 0, reference = 0; i < log.grads.size(); ++i) {
+      SCOPED_TRACE(i);
+      const Points &g = log.grads[i], &gPrev = log.grads[i - 1], &d = log.dirs[i - 1];
+      const bool powell = std::fabs(Dot(g, gPrev)) / Dot(g, g) > 0.2;
+      EXPECT_TRUE(i == 1 || restarted(i) == (powell || since >= n));
+      if (i > 1 && since < n) (powell ? byPowell : kept) += 1;
+      if (restarted(i)) {
+        EXPECT_TRUE(!family || log.steps[i] == log.left[i - 1]);
+        since = 1;
+        continue;
+      }
+      EXPECT_DOUBLE_EQ(log.steps[i],
+                       log.left[i - 1] * slope(family ? i - 1 : reference) / slope(i));
+      reference = i;
+      ++since;
+      if (!family) continue;
+      detail::BetaInputs p{0.0, 0.0, 0.0, 0.0};
+      for (size_t j = 0; j < n; ++j) {
+        const double y = g[j] - gPrev[j];
+        p = {p.gg + gPrev[j] * gPrev[j], p.ggNew + g[j] * g[j], p.gNewY + g[j] * y,
+             p.dY + d[j] * y};
+      }
+      const double beta = detail::ConjugacyCoefficient(GetParam().beta, p);
+      Points expected(n);
+      for (size_t j = 0; j < n; ++j) expected[j] = -g[j] + beta * d[j];
+      EXPECT_EQ(log.dirs[i], expected);
     }
-    since = (*log)[i].restart ? 1 : since + 1;
+    EXPECT_TRUE(n == 2 || (byPowell > 0 && kept > 0)) << byPowell << " " << kept;
   }
-  EXPECT_TRUE(byPowell > 0 && kept > 0) << byPowell << " " << kept;
 }
 
 // Polak-Ribiere's beta, negative where g_new has turned back towards g, is
 // used as it stands (in the loop Powell's test restarts first in such cases).
 TEST(FamilyCoefficients, PolakRibiereNotClampedAtZero) {
-  using Beta = LxBetaConjGradOpt::Beta;
   const detail::BetaInputs p{4.0, 1.0, -0.5, 3.5};  // gg, ggNew, gNew.y, d.y
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kFletcherReeves, p), 0.25);
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kPolakRibiere, p), -0.125);
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kHestenesStiefel, p), -0.5 / 3.5);
-}
-
-// Succeeds once with a set new gradient (and a lower value), then fails;
-// logs the directions it is given.
-class GivenNewGradient : public LxLineMinimize {
- public:
-  GivenNewGradient(Points gNew, std::shared_ptr<std::vector<Points>> dirs)
-      : gNew_(std::move(gNew)), dirs_(std::move(dirs)) {}
-  bool operator()(unsigned int n, const double*, double* dir, double*, double* gradOut,
-                  double* fval, double*, LxFunc1&) const override {
-    dirs_->emplace_back(dir, dir + n);
-    if (dirs_->size() > 1) return false;
-    std::copy(gNew_.begin(), gNew_.end(), gradOut);
-    *fval -= 1.0;
-    return true;
-  }
-  LxLineMinimize* CreateCopy() const override { return new GivenNewGradient(*this); }
-
- private:
-  Points gNew_;
-  std::shared_ptr<std::vector<Points>> dirs_;
-};
-
-// The coefficients are formed from y = gNew - g as written: gNew.y / g.g
-// (Polak-Ribiere) and gNew.y / d.y (Hestenes-Stiefel), not from differences
-// of separate dot products, which round otherwise (with these gradients the
-// second direction differs in its last bits); Fletcher-Reeves gNew.gNew / g.g.
-TEST(FamilyCoefficients, FormedFromTheChangeOfGradient) {
-  using Beta = LxBetaConjGradOpt::Beta;
-  DiagonalQuadratic q({1.0, 1.0, 1.0}, {1.0, 0.3, -0.7});  // g = (-2, -0.6, 1.4) at 0
-  const Points gNew{-0.567, -0.156, -0.942};               // |gNew.g| / gNew.gNew < 0.2: no restart
-  for (const Beta kind : {Beta::kFletcherReeves, Beta::kPolakRibiere, Beta::kHestenesStiefel}) {
-    SCOPED_TRACE(static_cast<int>(kind));
-    auto dirs = std::make_shared<std::vector<Points>>();
-    Ptr opt(kind == Beta::kFletcherReeves ? static_cast<LxConjGradBase*>(new LxFletcherReevesOpt)
-            : kind == Beta::kPolakRibiere ? static_cast<LxConjGradBase*>(new LxRibierePolakOpt)
-                                          : new LxHestenesStiefelOpt);
-    opt->SetLineMinimize(GivenNewGradient(gNew, dirs));
-    opt->SetTolerance(1e-30);
-    opt->SetIterLimit(3);
-    Points x(3);
-    (*opt)(q, kOrigin.data(), x.data());
-    ASSERT_EQ(dirs->size(), 2u);
-    const Points& d = (*dirs)[0];
-    double gg = 0.0, ggNew = 0.0, gNewY = 0.0, dY = 0.0;
-    for (int i = 0; i < 3; ++i) {
-      const double g = -d[i], y = gNew[i] - g;
-      gg += g * g;
-      ggNew += gNew[i] * gNew[i];
-      gNewY += gNew[i] * y;
-      dY += d[i] * y;
-    }
-    const double beta = kind == Beta::kFletcherReeves ? ggNew / gg
-                        : kind == Beta::kPolakRibiere ? gNewY / gg
-                                                      : gNewY / dY;
-    Points expected(3);
-    for (int i = 0; i < 3; ++i) expected[i] = -gNew[i] + beta * d[i];
-    EXPECT_EQ((*dirs)[1], expected);
-  }
 }
 
 }  // namespace

@@ -385,7 +385,7 @@ SummaryCase AnnealCase() {
           },
           [opt]() -> const LxRunSummary& { return opt->LastRun(); }, true,
           // The final BFGS run keeps its default tolerance 0.1 on sum g^2.
-          std::sqrt(LxQNSettings().tolerance), false};
+          std::sqrt(LxBFGSOpt::kDefaultTolerance), false};
 }
 
 std::vector<SummaryCase> SummaryCases() {

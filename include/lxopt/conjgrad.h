@@ -4,48 +4,18 @@
 #ifndef LXOPT_CONJGRAD_H
 #define LXOPT_CONJGRAD_H
 
-#include <memory>
-
 #include "lxopt/linmin.h"
 #include "lxopt/lxopt_export.h"
 #include "lxopt/optimizer.h"
 
 namespace LxOpt {
 
-// Settings shared by the conjugate-gradient optimizers: the iteration limit,
-// the tolerance and one owned line minimizer (by default an LxCGLineMinimize).
-// Copies get their own CreateCopy() of the line minimizer.
-class LXOPT_API LxConjGradBase : public LxOptimizer1 {
+// The conjugate-gradient optimizers' settings (see LxGradientOpt), by
+// default with an LxCGLineMinimize. A limit of 0 or 1 ends a run before the
+// first line search ("Exhaust").
+class LXOPT_API LxConjGradBase : public LxGradientOpt {
  public:
-  static constexpr unsigned int kDefaultIterLimit = 1000;
-  static constexpr double kDefaultTolerance = 0.1;
-
-  // Default limit and tolerance with an LxCGLineMinimize.
-  LxConjGradBase();
-  LxConjGradBase(const LxConjGradBase& other);
-  LxConjGradBase& operator=(const LxConjGradBase& other);
-  ~LxConjGradBase() override;
-
-  // A limit of 0 or 1 ends the run before the first line search ("Exhaust").
-  void SetIterLimit(unsigned int limit) override { iterLimit_ = limit; }
-  // Converged when sum g^2 < tolerance (squared norm, strict); checkpoints
-  // receive sqrt(sum g^2).
-  void SetTolerance(double tolerance) override { tolerance_ = tolerance; }
-  // The settings above, as last set or defaulted.
-  unsigned int GetIterLimit() const override { return iterLimit_; }
-  double GetTolerance() const override { return tolerance_; }
-
-  // Replaces the owned line minimizer with lm.CreateCopy(); returns true.
-  bool SetLineMinimize(const LxLineMinimize& lm);
-
- protected:
-  // The owned line minimizer, for the derived optimizers' searches.
-  const LxLineMinimize& LineMinimizer() const { return *lineMinimize_; }
-
- private:
-  unsigned int iterLimit_ = kDefaultIterLimit;
-  double tolerance_ = kDefaultTolerance;
-  std::unique_ptr<LxLineMinimize> lineMinimize_;
+  LxConjGradBase() : LxGradientOpt(new LxCGLineMinimize()) {}
 };
 
 // Conjugate gradients with Shanno's memoryless BFGS directions and Beale
@@ -95,9 +65,9 @@ class LXOPT_API LxConjGradOpt : public LxConjGradBase {
 //   11 Done    the state-0 report answered false.
 //   6 Exhaust  the iteration counter reached the limit (limit 0 or 1 as for
 //              LxConjGradOpt).
-// Intended: a failed search along a conjugate direction still moves the point
-// by the step that stood before the search, keeps the old value and forces a
-// restart.
+// Deliberate: a failed search along a conjugate direction still moves the
+// point by the step that stood before the search, keeps the old value and
+// forces a restart.
 class LXOPT_API LxBetaConjGradOpt : public LxConjGradBase {
  public:
   // Formula for beta, with g the previous gradient and d the previous
@@ -120,10 +90,11 @@ class LXOPT_API LxBetaConjGradOpt : public LxConjGradBase {
   explicit LxBetaConjGradOpt(Beta beta) : beta_(beta) {}
 
  private:
-  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x);
+  // silentState receives how a run ended that made no final report.
+  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x,
+             unsigned int* silentState);
   Beta beta_;
   LxRunSummary lastRun_;
-  unsigned int silentState_ = kLxCont;  // how the current run ended silently
 };
 
 // The family with the Fletcher-Reeves coefficient.

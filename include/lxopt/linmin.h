@@ -2,8 +2,11 @@
 #ifndef LXOPT_LINMIN_H
 #define LXOPT_LINMIN_H
 
+#include <memory>
+
 #include "lxopt/function.h"
 #include "lxopt/lxopt_export.h"
+#include "lxopt/optimizer.h"
 
 namespace LxOpt {
 
@@ -32,6 +35,45 @@ class LXOPT_API LxLineMinimize {
   virtual bool SetMaxStep(unsigned int n, double* maxstep);
   // A new heap copy, owned by the caller.
   virtual LxLineMinimize* CreateCopy() const = 0;
+};
+
+// The settings of the optimizers that search along directions with an owned
+// line minimizer (the conjugate-gradient and quasi-Newton optimizers): the
+// iteration limit, the tolerance on sum g^2 and the line minimizer. Copies
+// and assignment give the target its own CreateCopy() of the source's line
+// minimizer.
+class LXOPT_API LxGradientOpt : public LxOptimizer1 {
+ public:
+  static constexpr unsigned int kDefaultIterLimit = 1000;
+  static constexpr double kDefaultTolerance = 0.1;
+
+  LxGradientOpt(const LxGradientOpt& other);
+  LxGradientOpt& operator=(const LxGradientOpt& other);
+  ~LxGradientOpt() override;
+
+  // Largest number of iterations of a run; no range check.
+  void SetIterLimit(unsigned int limit) override { iterLimit_ = limit; }
+  // Converged when sum g^2 < tolerance (squared norm, strict); checkpoints
+  // receive sqrt(sum g^2). No range check.
+  void SetTolerance(double tolerance) override { tolerance_ = tolerance; }
+  // The settings above, as last set or defaulted.
+  unsigned int GetIterLimit() const override { return iterLimit_; }
+  double GetTolerance() const override { return tolerance_; }
+
+  // Replaces the owned line minimizer with lm.CreateCopy(); returns true.
+  bool SetLineMinimize(const LxLineMinimize& lm);
+
+ protected:
+  // Limit 1000, tolerance 0.1 and the given line minimizer, which the object
+  // owns from then on.
+  explicit LxGradientOpt(LxLineMinimize* lineMinimize);
+  // The owned line minimizer, for the derived optimizers' searches.
+  LxLineMinimize& LineMinimizer() const { return *lineMinimize_; }
+
+ private:
+  unsigned int iterLimit_ = kDefaultIterLimit;
+  double tolerance_ = kDefaultTolerance;
+  std::unique_ptr<LxLineMinimize> lineMinimize_;
 };
 
 // The default search of the conjugate-gradient optimizers: safeguarded cubic

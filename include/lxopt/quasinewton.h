@@ -5,7 +5,6 @@
 #ifndef LXOPT_QUASINEWTON_H
 #define LXOPT_QUASINEWTON_H
 
-#include <memory>
 #include <vector>
 
 #include "lxopt/linmin.h"
@@ -13,26 +12,6 @@
 #include "lxopt/optimizer.h"
 
 namespace LxOpt {
-
-// The settings every quasi-Newton optimizer holds. Copies clone the line
-// minimizer through CreateCopy().
-class LXOPT_API LxQNSettings {
- public:
-  static constexpr unsigned int kDefaultIterLimit = 1000;
-  static constexpr double kDefaultTolerance = 0.1;
-
-  // Limit 1000, tolerance 0.1, an LxQNLineMinimize(32, 1e-4, 0.9, 1e-10).
-  LxQNSettings();
-  // Copy the limit and tolerance and take other's line minimizer's
-  // CreateCopy().
-  LxQNSettings(const LxQNSettings& other);
-  LxQNSettings& operator=(const LxQNSettings& other);
-  ~LxQNSettings();
-
-  unsigned int iterLimit;
-  double tolerance;
-  std::unique_ptr<LxLineMinimize> lineMinimize;  // never null
-};
 
 // Broyden-Fletcher-Goldfarb-Shanno. The run starts from H = I, takes the first
 // trial step 1/|g|, and after each accepted search updates
@@ -47,33 +26,25 @@ class LXOPT_API LxQNSettings {
 //              with a second call in state 11.
 //   11 Done    sum g^2 < tolerance after a search or after a restart, the
 //              checkpoint asked to stop, or s.y or yHy is exactly 0.
-//   3 NotFound the search failed right after a (re)start. The value is the
-//              one the line minimizer left: LxNRLineSearch writes its last
-//              trial value even on failure, and that value is returned while
-//              out keeps the last accepted point (intended).
+//   3 NotFound the search failed right after a (re)start. Deliberate: the
+//              value is the one the line minimizer left (LxNRLineSearch
+//              writes its last trial value even on failure) while out keeps
+//              the last accepted point.
 //   6 Exhaust  iteration limit reached (reported with the limit).
 // A search that fails after an update restarts from the re-evaluated point
 // along -g, with H reset to the identity unless the Hessian is kept.
 // Bad input: null out warns and returns 0.0; n > 1073741823 and a matrix that
 // cannot be allocated report an error and return 0.0; scratch that cannot be
 // allocated warns and returns 0.0.
-class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
+class LXOPT_API LxBFGSOpt : public LxGradientOpt {
  public:
-  // Default settings (see LxQNSettings), no stored matrix.
+  // Default settings (see LxGradientOpt) with the line minimizer
+  // LxQNLineMinimize(32, 1e-4, 0.9, 1e-10); no stored matrix.
   LxBFGSOpt();
   // Copies take the settings, the flags and their own copy of any stored H.
   LxBFGSOpt(const LxBFGSOpt& other);
   LxBFGSOpt& operator=(const LxBFGSOpt& other);
   ~LxBFGSOpt() override;
-
-  // Largest number of iterations of a run.
-  void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
-  // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
-  // receive sqrt(sum g^2).
-  void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
-  // The settings above, as last set or defaulted.
-  unsigned int GetIterLimit() const override { return settings_.iterLimit; }
-  double GetTolerance() const override { return settings_.tolerance; }
 
   using LxOptimizer1::operator();
   // Minimizes func from in (n doubles) into out (n doubles; in and out may be
@@ -83,15 +54,12 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   // How the last run ended.
   const LxRunSummary& LastRun() const override { return lastRun_; }
 
-  // Replaces the line minimizer by lm.CreateCopy(); returns true.
-  bool SetLineMinimize(const LxLineMinimize& lm);
-
   // With the flag set every run stores its final H (and a search that fails
   // after an update restarts from the current H instead of the identity).
   void SetKeepHessian(bool keep) { keepHessian_ = keep; }
   bool GetKeepHessian() const { return keepHessian_; }
-  // Deliberately the element count n * n (32-bit) of the last run, not n;
-  // 0 before any run.
+  // Deliberate: the element count n * n (32-bit) of the last run, not n, as
+  // callers know it; 0 before any run.
   unsigned int GetHessianDimension() const { return hessianDim_; }
   // Writes the stored H packed (lower triangle by rows, (i, j) at
   // i(i+1)/2 + j) into out, n(n+1)/2 values. False with a warning when no H
@@ -110,8 +78,6 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   bool SetInitialHessian(const double* packed, unsigned int n);
 
  protected:
-  // The limit, tolerance and line minimizer, for derived runs.
-  const LxQNSettings& Settings() const { return settings_; }
   // The element count is n * n in 32-bit arithmetic, as it is reported.
   void SetHessianDimension(unsigned int n) { hessianDim_ = n * n; }
 
@@ -133,7 +99,6 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   unsigned int storedCount_ = 0;     // values in storedHessian_
   unsigned int hessianDim_ = 0;      // n * n of the last run
   bool keepHessian_ = false;
-  LxQNSettings settings_;
 };
 
 // BFGS that continues where its previous run stopped: it carries its own
@@ -181,19 +146,10 @@ class LXOPT_API LxBFGSModOpt : public LxBFGSOpt {
 // always starting from the identity, restarting from it after a failed search,
 // and keeping no matrix. The NoOpt report passes a null gradient. A matrix
 // that cannot be allocated ends the run with 0.0, silently.
-class LXOPT_API LxDFPOpt : public LxOptimizer1 {
+class LXOPT_API LxDFPOpt : public LxGradientOpt {
  public:
-  // Default settings (see LxQNSettings).
-  LxDFPOpt() = default;
-
-  // Largest number of iterations of a run.
-  void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
-  // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
-  // receive sqrt(sum g^2).
-  void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
-  // The settings above, as last set or defaulted.
-  unsigned int GetIterLimit() const override { return settings_.iterLimit; }
-  double GetTolerance() const override { return settings_.tolerance; }
+  // Default settings as LxBFGSOpt's.
+  LxDFPOpt() : LxGradientOpt(new LxQNLineMinimize()) {}
 
   using LxOptimizer1::operator();
   // Minimizes func from in (n doubles) into out (n doubles, may be in);
@@ -203,11 +159,7 @@ class LXOPT_API LxDFPOpt : public LxOptimizer1 {
   // How the last run ended.
   const LxRunSummary& LastRun() const override { return lastRun_; }
 
-  // Replaces the line minimizer by lm.CreateCopy(); returns true.
-  bool SetLineMinimize(const LxLineMinimize& lm);
-
  private:
-  LxQNSettings settings_;
   LxRunSummary lastRun_;
 };
 
@@ -242,21 +194,12 @@ class LXOPT_API LxDFPOpt : public LxOptimizer1 {
 // Bad input: null out warns and returns 0.0; scratch that cannot be allocated
 // warns "out of memory allocating %d in LxLBFGSOpt::operator()" and returns
 // 0.0.
-class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
+class LXOPT_API LxLBFGSOpt : public LxGradientOpt {
  public:
   static constexpr unsigned int kDefaultMemory = 8;
 
-  // Default settings (see LxQNSettings) and memory 8.
-  LxLBFGSOpt() = default;
-
-  // Largest number of iterations of a run.
-  void SetIterLimit(unsigned int limit) override { settings_.iterLimit = limit; }
-  // Stops when sum g^2 < tolerance (squared norm, strict); checkpoints
-  // receive sqrt(sum g^2).
-  void SetTolerance(double tolerance) override { settings_.tolerance = tolerance; }
-  // The settings above, as last set or defaulted.
-  unsigned int GetIterLimit() const override { return settings_.iterLimit; }
-  double GetTolerance() const override { return settings_.tolerance; }
+  // Default settings as LxBFGSOpt's, memory 8.
+  LxLBFGSOpt() : LxGradientOpt(new LxQNLineMinimize()) {}
 
   // Number of pairs kept (default 8); 0 is taken as 1.
   void SetMemory(unsigned int m) { memory_ = m == 0 ? 1 : m; }
@@ -275,9 +218,6 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
   // How the last run ended.
   const LxRunSummary& LastRun() const override { return lastRun_; }
 
-  // Replaces the line minimizer by lm.CreateCopy(); returns true.
-  bool SetLineMinimize(const LxLineMinimize& lm);
-
   // With the flag set (off by default) every run stores the pairs it holds
   // at its end, oldest first: they define the final H (H0 = gamma I from the
   // newest pair, the identity when none is held). A run that stops before
@@ -294,8 +234,9 @@ class LXOPT_API LxLBFGSOpt : public LxOptimizer1 {
   bool GetFinalPairs(double* s, double* y, unsigned int n, unsigned int capacity) const;
 
  private:
-  double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in, double* out);
-  LxQNSettings settings_;
+  // The pairs of one run and their two-loop recursion (lbfgs.cpp).
+  class PairMemory;
+
   unsigned int memory_ = kDefaultMemory;
   LxRunSummary lastRun_;
   bool cartesian_ = false;

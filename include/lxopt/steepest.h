@@ -45,7 +45,6 @@ class LXOPT_API LxSteepestDescentOpt : public LxOptimizer1 {
   LxRunSummary lastRun_;
   unsigned int iterLimit_ = kDefaultIterLimit;
   double tolerance_ = kDefaultTolerance;
-  double initialStep_ = 0.0;  // 0.0: derive the first step from the gradient
 };
 
 }  // namespace LxOpt

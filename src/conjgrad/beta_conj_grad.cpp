@@ -16,8 +16,8 @@ namespace {
 
 constexpr double kPowellRatio = 0.2;  // restart when |gNew.g| / gNew.gNew > 0.2
 
-// Polak-Ribiere reports under the general class's name; the texts are kept as
-// clients know them.
+// Deliberate: Polak-Ribiere reports under the general class's name; the texts
+// stay as clients know them.
 const char* OutOfMemoryMessage(LxBetaConjGradOpt::Beta beta) {
   switch (beta) {
     case LxBetaConjGradOpt::Beta::kFletcherReeves:
@@ -36,16 +36,16 @@ double LxBetaConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, c
                                      double* x) {
   return detail::RecordRun(lastRun_, func, checkpoint, true,
                            [&](LxFunc1& counted, detail::RunRecorder* recorder) {
-                             silentState_ = kLxCont;
-                             const double f = Run(counted, recorder, x0, x);
-                             recorder->SetSilentState(silentState_);
+                             unsigned int silentState = kLxCont;
+                             const double f = Run(counted, recorder, x0, x, &silentState);
+                             recorder->SetSilentState(silentState);
                              return f;
                            });
 }
 
-double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0,
-                              double* x) {
-  using detail::Report;
+double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x,
+                              unsigned int* silentState) {
+  using detail::Finish;
   // The same 6n block as LxConjGradOpt; the family uses the first three.
   LxMallocaPtr block;
   unsigned int n = 0;
@@ -56,15 +56,15 @@ double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const do
 
   double gg = 0.0;
   double f = detail::SteepestDescentAt(func, n, x, g, d, &gg);
-  if (gg < GetTolerance()) {
-    Report(checkpoint, 0, n, f, std::sqrt(gg), x, g, kLxNoOpt);
+  // The two silent exits make no report; the run summary still learns how
+  // the run ended.
+  const auto endSilently = [&](unsigned int state) {
+    *silentState = state;
     return f;
-  }
+  };
+  if (gg < GetTolerance()) return Finish(checkpoint, 0, n, f, std::sqrt(gg), x, g, kLxNoOpt);
   double step = 1.0 / std::sqrt(gg);  // the only reset to 1/|g| in a run
-  if (GetIterLimit() <= 1) {
-    Report(checkpoint, 1, n, f, std::sqrt(gg), x, g, kLxExhaust);
-    return f;
-  }
+  if (GetIterLimit() <= 1) return Finish(checkpoint, 1, n, f, std::sqrt(gg), x, g, kLxExhaust);
 
   unsigned int sinceRestart = 0;
   // Whether the direction being searched is a steepest-descent (restart) one;
@@ -73,13 +73,11 @@ double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const do
   double slopeRef = -gg;
   for (unsigned int k = 1;;) {
     if (!LineMinimizer()(n, x, d, g, gNew, &f, &step, func)) {
-      if (steepest) {  // silent: even steepest descent found nothing
-        silentState_ = kLxNotFound;
-        return f;
-      }
-      // Intended: carry on as after a success, moving x by the step that stood
-      // before the failed search, with f and the new gradient not refreshed
-      // (gNew keeps what the last iteration left, a copy of g), and restart.
+      if (steepest) return endSilently(kLxNotFound);  // even steepest descent found nothing
+      // Deliberate: carry on as after a success, moving x by the step that
+      // stood before the failed search, with f and the new gradient not
+      // refreshed (gNew keeps what the last iteration left, a copy of g), and
+      // restart.
       sinceRestart = n;
     }
     detail::BetaInputs dots{gg, 0.0, 0.0, 0.0};
@@ -93,19 +91,14 @@ double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const do
       gNewG += gNew[i] * g[i];
     }
     const double gnorm = std::sqrt(dots.ggNew);
-    // Intended: this family passes no gradient to its checkpoint.
-    if (!Report(checkpoint, k, n, f, gnorm, x, nullptr, kLxCont)) {
-      Report(checkpoint, k, n, f, gnorm, x, nullptr, kLxDone);
-      return f;
-    }
+    // Deliberate: this family passes no gradient to its checkpoint.
+    if (!detail::Report(checkpoint, k, n, f, gnorm, x, nullptr, kLxCont))
+      return Finish(checkpoint, k, n, f, gnorm, x, nullptr, kLxDone);
 
     bool restart;
     if (dots.ggNew < GetTolerance()) {
-      if (steepest) {  // silent: converged on a steepest-descent step
-        silentState_ = kLxGrad;
-        return f;
-      }
-      restart = true;  // a conjugate step must be confirmed first
+      if (steepest) return endSilently(kLxGrad);  // converged on a steepest-descent step
+      restart = true;                             // a conjugate step must be confirmed first
     } else {
       restart = sinceRestart >= n || std::fabs(gNewG) / dots.ggNew > kPowellRatio;
     }
@@ -132,10 +125,7 @@ double LxBetaConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const do
     }
     slopeRef = slope;
 
-    if (++k == GetIterLimit()) {
-      Report(checkpoint, k, n, f, std::sqrt(gg), x, g, kLxExhaust);
-      return f;
-    }
+    if (++k == GetIterLimit()) return Finish(checkpoint, k, n, f, std::sqrt(gg), x, g, kLxExhaust);
   }
 }
 

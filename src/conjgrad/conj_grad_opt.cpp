@@ -95,7 +95,6 @@ double LxConjGradOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const
 }
 
 double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, double* x) {
-  using detail::Report;
   LxMallocaPtr block;
   unsigned int n = 0;
   double* const work = detail::BeginConjGradRun(func, x0, x, block,
@@ -110,8 +109,7 @@ double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double
 
   double f = 0.0;
   const auto finish = [&](unsigned int iter, double gnorm, const double* grad, unsigned int state) {
-    Report(checkpoint, iter, n, f, gnorm, x, grad, state);
-    return f;
+    return detail::Finish(checkpoint, iter, n, f, gnorm, x, grad, state);
   };
   // f, g, gg and d = -g at the current point.
   double gg = 0.0;
@@ -119,8 +117,8 @@ double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double
 
   steepestDescentAtX();
   if (gg < GetTolerance()) return finish(0, std::sqrt(gg), g, kLxNoOpt);
-  // A unit first step in x. The recovery below forms it as sqrt(1 / gg),
-  // which may differ in the last bit; both forms are kept as they are.
+  // A unit first step in x. Deliberate: the recovery below forms it as
+  // sqrt(1 / gg), which may differ in the last bit.
   double step = 1.0 / std::sqrt(gg);
   // Reference slope of the trial-step ratio: -gg of the start, then the
   // slope of each direction formed between restarts; a restart and a
@@ -145,7 +143,7 @@ double LxConjGradOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double
         gNewG += gNew[i] * g[i];
       }
       const double gnorm = std::sqrt(ggNew);
-      if (!Report(checkpoint, k, n, f, gnorm, x, gNew, kLxCont))
+      if (!detail::Report(checkpoint, k, n, f, gnorm, x, gNew, kLxCont))
         return finish(k, gnorm, gNew, kLxDone);
       if (ggNew < GetTolerance()) return finish(k, gnorm, gNew, kLxGrad);
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "framework/packed.h"
 #include "lxopt/host.h"
 #include "lxopt/tools.h"
 
@@ -74,9 +75,8 @@ LxDerivativeCheck LxCheckGradient(LxFunc1& func, const double* x,
 LxDerivativeCheck LxCheckHessian(LxFunc2& func, const double* x,
                                  const LxDerivativeCheckOptions& options) {
   const unsigned int n = func.NumVar();
-  const std::size_t packed = static_cast<std::size_t>(n) * (n + 1) / 2;
   LxDerivativeCheck check;
-  check.analytic.assign(packed, 0.0);
+  check.analytic.assign(packed::Size(n), 0.0);
   std::vector<double> grad(n, 0.0);
   if (!func(x, check.analytic.data(), grad.data())) {
     LxThrow.Error("LxCheckHessian: the objective could not form its Hessian");
@@ -99,12 +99,11 @@ LxDerivativeCheck LxCheckHessian(LxFunc2& func, const double* x,
     for (unsigned int j = 0; j < n; ++j)
       full[static_cast<std::size_t>(i) * n + j] = (up[j] - down[j]) / (2.0 * h);
   }
-  check.numeric.resize(packed);
+  check.numeric.resize(packed::Size(n));
   for (unsigned int i = 0; i < n; ++i)
     for (unsigned int j = 0; j <= i; ++j)
-      check.numeric[static_cast<std::size_t>(i) * (i + 1) / 2 + j] =
-          0.5 *
-          (full[static_cast<std::size_t>(i) * n + j] + full[static_cast<std::size_t>(j) * n + i]);
+      check.numeric[packed::Index(i, j)] = 0.5 * (full[static_cast<std::size_t>(i) * n + j] +
+                                                  full[static_cast<std::size_t>(j) * n + i]);
   Compare(check, options);
   return check;
 }

@@ -15,6 +15,14 @@ inline bool Report(LxCheckpoint1* checkpoint, unsigned int iter, unsigned int n,
   return checkpoint == nullptr || (*checkpoint)(iter, n, f, gnorm, x, g, state);
 }
 
+// A run's final report: makes it and returns the run's value f, so that each
+// exit of an optimizer is one line.
+inline double Finish(LxCheckpoint1* checkpoint, unsigned int iter, unsigned int n, double f,
+                     double gnorm, const double* x, const double* g, unsigned int state) {
+  Report(checkpoint, iter, n, f, gnorm, x, g, state);
+  return f;
+}
+
 inline double Dot(const double* a, const double* b, std::size_t n) {
   double sum = 0.0;
   for (std::size_t i = 0; i < n; ++i) sum += a[i] * b[i];

@@ -6,15 +6,12 @@
 #include <limits>
 
 #include "framework/internal.h"
+#include "framework/packed.h"
 #include "lxopt/host.h"
 #include "lxopt/numeric.h"
 
 namespace LxOpt {
 namespace {
-
-std::size_t PackedIndex(unsigned int i, unsigned int j) {
-  return static_cast<std::size_t>(i) * (i + 1) / 2 + j;
-}
 
 // Value and gradient at xp, the gradient into g zeroed first.
 double GradientInto(LxFunc1& func, const double* xp, double* g, unsigned int n) {
@@ -72,7 +69,7 @@ double NumericHessian(LxFunc1& func, const double* x, double* hessian, double h)
       GradientInto(func, xp, g, n);
       const double gminus = g[j];
       xp[i] += h;
-      hessian[PackedIndex(i, j)] += (gplus - gminus) / (2.0 * h);
+      hessian[packed::Index(i, j)] += (gplus - gminus) / (2.0 * h);
     }
   }
   return func(x);
@@ -137,7 +134,7 @@ bool NumericHessian(const std::vector<GradDiff>& records, double* hessian) {
     // A failed record (empty arrays) or a short one has nothing to add.
     if (d.gplus.size() <= i || d.gminus.size() <= i) continue;
     for (unsigned int j = 0; j <= i; ++j)
-      hessian[PackedIndex(i, j)] += (d.gplus[j] - d.gminus[j]) / d.denominator;
+      hessian[packed::Index(i, j)] += (d.gplus[j] - d.gminus[j]) / d.denominator;
   }
   return true;
 }

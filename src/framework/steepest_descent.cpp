@@ -27,7 +27,7 @@ double LxSteepestDescentOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint
 
 double LxSteepestDescentOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* start,
                                  double* out) {
-  using detail::Report;
+  using detail::Finish;
   if (out == nullptr) {
     LxThrow.Warning("memory not provided for optimized variables");
     return 0.0;
@@ -49,12 +49,9 @@ double LxSteepestDescentOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const
   detail::Zero(g, n);
   double f = func(x, g);
   double s = detail::SquaredNorm(g, n);
-  if (s < tolerance_) {
-    Report(checkpoint, 0, n, f, std::sqrt(s), x, g, kLxNoOpt);
-    return f;
-  }
+  if (s < tolerance_) return Finish(checkpoint, 0, n, f, std::sqrt(s), x, g, kLxNoOpt);
 
-  double h = initialStep_ == 0.0 ? std::sqrt(1.0 / s) : initialStep_;
+  double h = std::sqrt(1.0 / s);
   unsigned int k = 0;
   for (; k < iterLimit_; ++k) {
     for (unsigned int i = 0; i < n; ++i) xt[i] = x[i] - h * g[i];
@@ -64,18 +61,12 @@ double LxSteepestDescentOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const
 
     if (ft >= f) {
       h *= kShrink;
-      if (h < kSmallestStep) {
-        Report(checkpoint, k, n, f, std::sqrt(s), x, g, kLxNotFound);
-        return f;
-      }
+      if (h < kSmallestStep) return Finish(checkpoint, k, n, f, std::sqrt(s), x, g, kLxNotFound);
     } else {
       // A trial value that is not a number lands here too: only >= rejects.
-      if (s < tolerance_) {
-        // Deliberate: out and g keep the previous point while the trial value
-        // is returned; callers rely on it.
-        Report(checkpoint, k, n, ft, std::sqrt(s), x, g, kLxDone);
-        return ft;
-      }
+      // Deliberate: out and g keep the previous point while the trial value
+      // is returned; callers rely on it.
+      if (s < tolerance_) return Finish(checkpoint, k, n, ft, std::sqrt(s), x, g, kLxDone);
       h *= kGrow;
       f = ft;
       detail::Copy(gt, g, n);
@@ -83,10 +74,9 @@ double LxSteepestDescentOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const
     }
     // The answer is ignored: this optimizer never stops on request. After a
     // rejection sqrt(s) is the rejected trial's gradient norm.
-    Report(checkpoint, k, n, f, std::sqrt(s), x, g, kLxCont);
+    detail::Report(checkpoint, k, n, f, std::sqrt(s), x, g, kLxCont);
   }
-  Report(checkpoint, k, n, f, std::sqrt(s), x, g, kLxExhaust);
-  return f;
+  return Finish(checkpoint, k, n, f, std::sqrt(s), x, g, kLxExhaust);
 }
 
 }  // namespace LxOpt

@@ -1,8 +1,10 @@
 // BFGS with a dense inverse-Hessian approximation and, on request, the final
-// matrix kept for the caller. The iteration is quasi_newton_loop.cpp's.
+// matrix kept for the caller. The iteration is quasi_newton_loop.cpp's, the
+// update dense_directions.cpp's.
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/packed.h"
 #include "framework/run_record.h"
 #include "quasinewton/bfgs_matrix.h"
 #include "quasinewton/inverse_hessian.h"
@@ -38,7 +40,7 @@ double* LxBFGSOpt::KeptMatrix::Acquire(unsigned int n) {
 }
 
 void LxBFGSOpt::KeptMatrix::Restart(double* h, unsigned int n) {
-  // With the Hessian kept the search restarts from the current H on purpose.
+  // Deliberate: with the Hessian kept the search restarts from the current H.
   if (!owner_.keepHessian_) detail::SetIdentityPacked(h, n);
 }
 
@@ -60,23 +62,22 @@ void LxBFGSOpt::KeptMatrix::Keep(const double* h, unsigned int n, double) {
   detail::Unpack(h, n, o.storedHessian_, count);
 }
 
-LxBFGSOpt::LxBFGSOpt() = default;
+LxBFGSOpt::LxBFGSOpt() : LxGradientOpt(new LxQNLineMinimize()) {}
 
 LxBFGSOpt::LxBFGSOpt(const LxBFGSOpt& other)
-    : LxOptimizer1(other),
+    : LxGradientOpt(other),
       startFromStored_(other.startFromStored_),
       hessianDim_(other.hessianDim_),
-      keepHessian_(other.keepHessian_),
-      settings_(other.settings_) {
+      keepHessian_(other.keepHessian_) {
   CopyStoredFrom(other);
 }
 
 LxBFGSOpt& LxBFGSOpt::operator=(const LxBFGSOpt& other) {
   if (this == &other) return *this;
+  LxGradientOpt::operator=(other);
   startFromStored_ = other.startFromStored_;
   hessianDim_ = other.hessianDim_;
   keepHessian_ = other.keepHessian_;
-  settings_ = other.settings_;
   FreeStored();
   CopyStoredFrom(other);
   return *this;
@@ -101,11 +102,6 @@ void LxBFGSOpt::CopyStoredFrom(const LxBFGSOpt& other) {
   storedCount_ = other.storedCount_;
 }
 
-bool LxBFGSOpt::SetLineMinimize(const LxLineMinimize& lm) {
-  settings_.lineMinimize.reset(lm.CreateCopy());
-  return true;
-}
-
 bool LxBFGSOpt::GetInverseHessian(double* out, unsigned int n) const {
   if (storedHessian_ == nullptr) {
     LxThrow.Warning("Hessian can't be extracted because it was not generated");
@@ -119,20 +115,19 @@ bool LxBFGSOpt::GetInverseHessian(double* out, unsigned int n) const {
   }
   for (unsigned int i = 0; i < n; ++i) {
     const double* row = storedHessian_ + static_cast<std::size_t>(i) * n;
-    double* packed = out + static_cast<std::size_t>(i) * (i + 1) / 2;
-    for (unsigned int j = 0; j <= i; ++j) packed[j] = row[j];
+    for (unsigned int j = 0; j <= i; ++j) out[packed::Index(i, j)] = row[j];
   }
   return true;
 }
 
 double LxBFGSOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                              double* out) {
-  const unsigned int n = func.NumVar();
-  SetHessianDimension(n);
+  SetHessianDimension(func.NumVar());
   KeptMatrix matrix(*this);
   return detail::RecordRun(
       lastRun_, func, checkpoint, true, [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-        return detail::RunQuasiNewton(settings_, matrix, n, counted, recorder, in, out);
+        return detail::RunQuasiNewton({GetIterLimit(), GetTolerance(), LineMinimizer()}, matrix,
+                                      counted, recorder, in, out);
       });
 }
 

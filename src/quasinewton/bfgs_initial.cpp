@@ -2,6 +2,7 @@
 // as it is, or a Hessian inverted by the Newton optimizer's repaired LDLT.
 #include <cstdlib>
 
+#include "framework/packed.h"
 #include "lxopt/host.h"
 #include "lxopt/quasinewton.h"
 #include "newton/newton_internal.h"
@@ -21,7 +22,7 @@ bool LxBFGSOpt::SetInitialInverseHessian(const double* packed, unsigned int n) {
   }
   for (std::size_t i = 0; i < n; ++i)
     for (std::size_t j = 0; j <= i; ++j)
-      full[i * n + j] = full[j * n + i] = packed[i * (i + 1) / 2 + j];
+      full[i * n + j] = full[j * n + i] = packed[packed::Index(i, j)];
   FreeStored();
   storedHessian_ = full;
   storedCount_ = static_cast<unsigned int>(count);
@@ -48,10 +49,10 @@ bool LxBFGSOpt::SetInitialHessian(const double* packed, unsigned int n) {
     ldlt.Solve(unit, inverse.col(j));
     unit(j) = 0.0;
   }
-  Eigen::VectorXd lower(static_cast<Eigen::Index>(static_cast<std::size_t>(n) * (n + 1) / 2));
+  Eigen::VectorXd lower(static_cast<Eigen::Index>(packed::Size(n)));
   for (Eigen::Index i = 0; i < size; ++i)
     for (Eigen::Index j = 0; j <= i; ++j)
-      lower(i * (i + 1) / 2 + j) = 0.5 * (inverse(i, j) + inverse(j, i));
+      lower(static_cast<Eigen::Index>(packed::Index(i, j))) = 0.5 * (inverse(i, j) + inverse(j, i));
   return SetInitialInverseHessian(lower.data(), n);
 }
 

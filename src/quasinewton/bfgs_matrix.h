@@ -5,7 +5,7 @@
 
 #include "lxopt/host.h"
 #include "lxopt/quasinewton.h"
-#include "quasinewton/quasi_newton_loop.h"
+#include "quasinewton/dense_directions.h"
 
 namespace LxOpt {
 

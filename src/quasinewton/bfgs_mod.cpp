@@ -1,6 +1,7 @@
 // BFGS that carries its inverse Hessian and trial step from run to run, so
 // that a series of related minimisations starts from the curvature learnt so
-// far. The iteration is quasi_newton_loop.cpp's.
+// far. The iteration is quasi_newton_loop.cpp's, the update
+// dense_directions.cpp's.
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -13,7 +14,7 @@ namespace LxOpt {
 namespace {
 
 void WarnWorkingMatrix(unsigned int n) {
-  // The message names the base class; kept as it stands.
+  // Deliberate: the message names the base class, as clients know it.
   LxThrow.Warning("out of memory allocating %d in LxBFGSOpt::operator()",
                   detail::ByteCountForMessage(sizeof(double) * n * static_cast<std::size_t>(n)));
 }
@@ -114,12 +115,12 @@ void LxBFGSModOpt::SetHessian(double* work, double* persistent, unsigned int n) 
 
 double LxBFGSModOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                                 double* out) {
-  const unsigned int n = func.NumVar();
-  SetHessianDimension(n);
+  SetHessianDimension(func.NumVar());
   CarriedMatrix matrix(*this);
   return detail::RecordRun(
       lastRun_, func, checkpoint, true, [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-        return detail::RunQuasiNewton(Settings(), matrix, n, counted, recorder, in, out);
+        return detail::RunQuasiNewton({GetIterLimit(), GetTolerance(), LineMinimizer()}, matrix,
+                                      counted, recorder, in, out);
       });
 }
 

@@ -1,12 +1,13 @@
 // Davidon-Fletcher-Powell: the variable-metric iteration of
-// quasi_newton_loop.cpp with the two-term update and no kept matrix.
+// quasi_newton_loop.cpp with dense_directions.cpp's two-term update and no
+// kept matrix.
 #include <cstdlib>
 
 #include "framework/run_record.h"
 #include "lxopt/quasinewton.h"
+#include "quasinewton/dense_directions.h"
 #include "quasinewton/dfp_request.h"
 #include "quasinewton/inverse_hessian.h"
-#include "quasinewton/quasi_newton_loop.h"
 
 namespace LxOpt {
 namespace {
@@ -42,17 +43,13 @@ class DFPMatrix : public detail::QuasiNewtonMatrix {
 
 }  // namespace
 
-bool LxDFPOpt::SetLineMinimize(const LxLineMinimize& lm) {
-  settings_.lineMinimize.reset(lm.CreateCopy());
-  return true;
-}
-
 double LxDFPOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                             double* out) {
   DFPMatrix matrix;
   return detail::RecordRun(
       lastRun_, func, checkpoint, true, [&](LxFunc1& counted, LxCheckpoint1* recorder) {
-        return detail::RunQuasiNewton(settings_, matrix, func.NumVar(), counted, recorder, in, out);
+        return detail::RunQuasiNewton({GetIterLimit(), GetTolerance(), LineMinimizer()}, matrix,
+                                      counted, recorder, in, out);
       });
 }
 

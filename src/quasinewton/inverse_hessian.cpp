@@ -9,6 +9,8 @@
 // rounding only.
 #include "quasinewton/inverse_hessian.h"
 
+#include "framework/packed.h"
+
 // On x86-64 the two passes are also compiled for AVX2 and chosen at load
 // time. Without FMA the wider code does the same operations in the same order,
 // so both give identical results.
@@ -21,11 +23,6 @@
 namespace LxOpt {
 namespace detail {
 namespace {
-
-// Offset of row i of the packed triangle.
-inline std::size_t RowStart(unsigned int i) {
-  return static_cast<std::size_t>(i) * (i + 1) / 2;
-}
 
 // The product kernels take the rows in pairs (i, i + 1): the two rows share
 // every load of v and of out, and each row keeps two partial sums, so four
@@ -96,7 +93,7 @@ inline PairSums UpdatePairDotAndAxpy(double* __restrict r0, double* __restrict r
 
 void SetIdentityPacked(double* h, unsigned int n) {
   for (unsigned int i = 0; i < n; ++i) {
-    double* row = h + RowStart(i);
+    double* row = h + packed::RowStart(i);
     for (unsigned int j = 0; j < i; ++j) row[j] = 0.0;
     row[i] = 1.0;
   }
@@ -114,7 +111,7 @@ void SymmetricProduct(const double* h, unsigned int n, const double* v, double* 
   unsigned int i = 0;
   for (; i + 2 <= n; i += 2) {
     // Rows i and i + 1; e = H(i + 1, i) joins the 2 x 2 diagonal block.
-    const double* r0 = h + RowStart(i);
+    const double* r0 = h + packed::RowStart(i);
     const double* r1 = r0 + i + 1;
     const PairSums d = DotPairAndAxpy(r0, r1, i, v, v[i], v[i + 1], out);
     const double e = r1[i];
@@ -123,7 +120,7 @@ void SymmetricProduct(const double* h, unsigned int n, const double* v, double* 
   }
   if (i < n) {
     // The last row of an odd n: its entries below the diagonal and H(i, i).
-    const double* r = h + RowStart(i);
+    const double* r = h + packed::RowStart(i);
     double sum = 0.0;
     for (unsigned int j = 0; j < i; ++j) {
       sum += r[j] * v[j];
@@ -142,7 +139,7 @@ void UpdateAndMultiply(double* h, unsigned int n, const double* s, const double*
   auto fp = [&](unsigned int k) { return m.sp * s[k] + m.pp * p[k]; };
   unsigned int i = 0;
   for (; i + 2 <= n; i += 2) {
-    double* r0 = h + RowStart(i);
+    double* r0 = h + packed::RowStart(i);
     double* r1 = r0 + i + 1;
     const double fs0 = fs(i), fp0 = fp(i), fs1 = fs(i + 1), fp1 = fp(i + 1);
     const PairSums d =
@@ -157,7 +154,7 @@ void UpdateAndMultiply(double* h, unsigned int n, const double* s, const double*
     out[i + 1] += d.d1 + e * v[i] + d1 * v[i + 1];
   }
   if (i < n) {
-    double* r = h + RowStart(i);
+    double* r = h + packed::RowStart(i);
     const double fsi = fs(i), fpi = fp(i);
     double sum = 0.0;
     for (unsigned int j = 0; j <= i; ++j) {
@@ -174,7 +171,7 @@ void PackInPlace(double* h, unsigned int n) {
   // value is overwritten before it is read.
   for (unsigned int i = 1; i < n; ++i) {
     const double* from = h + static_cast<std::size_t>(i) * n;
-    double* to = h + RowStart(i);
+    double* to = h + packed::RowStart(i);
     for (unsigned int j = 0; j <= i; ++j) to[j] = from[j];
   }
 }
@@ -186,7 +183,7 @@ void Unpack(const double* h, unsigned int n, double* full, std::size_t count) {
     const unsigned int i1 = i0 + kTile < n ? i0 + kTile : n;
     for (unsigned int j0 = 0; j0 <= i0; j0 += kTile) {
       for (unsigned int i = i0; i < i1; ++i) {
-        const double* row = h + RowStart(i);
+        const double* row = h + packed::RowStart(i);
         const unsigned int j1 = j0 + kTile < i + 1 ? j0 + kTile : i + 1;
         for (unsigned int j = j0; j < j1; ++j) {
           const std::size_t lower = static_cast<std::size_t>(i) * n + j;

@@ -30,9 +30,9 @@ constexpr double kUnitStep = 1.0;
 constexpr double kFirstMoveShare = 1.0;
 
 // Doubles in the run's block, (2m + 3) n + 2m, plus the pair model's n n + n
-// and the point it was built at (n) for Cartesian variables, or SIZE_MAX when that overflows (the
-// allocation then fails).
-std::size_t ScratchCount(unsigned int m, unsigned int n, bool cartesian) {
+// and the point it was built at (n) for Cartesian variables, or SIZE_MAX when
+// that overflows (the allocation then fails).
+std::size_t BlockCount(unsigned int m, unsigned int n, bool cartesian) {
   const std::size_t perVariable = 2 * static_cast<std::size_t>(m) + kWorkVectors;
   if (n != 0 && perVariable > (SIZE_MAX - 2 * static_cast<std::size_t>(m)) / n) return SIZE_MAX;
   const std::size_t count = perVariable * n + 2 * static_cast<std::size_t>(m);
@@ -41,38 +41,78 @@ std::size_t ScratchCount(unsigned int m, unsigned int n, bool cartesian) {
   return count + geom::PairModelSize(n) + n;
 }
 
-// The stored pairs: a ring of m slots, each s and y of n contiguous doubles.
-class PairRing {
- public:
-  // model: room for the pair model (H0 = gamma P^-1; n n + n doubles) and
-  // the point it was built at (n), or null for H0 = gamma I.
-  PairRing(double* block, unsigned int m, unsigned int n, double* model)
-      : s_(block),
-        y_(block + static_cast<std::size_t>(m) * n),
-        rho_(y_ + static_cast<std::size_t>(m) * n),
-        alpha_(rho_ + m),
-        m_(m),
-        n_(n),
-        model_(model),
-        modelWork_(model != nullptr ? model + std::size_t(n) * n : nullptr),
-        xModel_(model != nullptr ? modelWork_ + n : nullptr) {}
+}  // namespace
 
-  // Builds the model at x when there is none yet (false when it cannot be
-  // built: H0 = gamma I from then on), or rebuilds it once an atom has moved
-  // far from where it was built.
-  bool UpdateModel(const double* x, bool first) {
-    if (model_ == nullptr) return false;
-    if (!first && !geom::PairModelIsStale(x, xModel_, n_, nearest_)) return true;
-    if (!geom::FactorPairModel(x, n_, model_, &nearest_)) {
-      model_ = nullptr;
-      return false;
-    }
-    detail::Copy(x, xModel_, n_);
-    return true;
+// The stored pairs, a ring of m slots, each s and y of n contiguous doubles,
+// and the directions they give.
+class LxLBFGSOpt::PairMemory : public detail::QuasiNewtonDirections {
+ public:
+  // With cartesian set the block also holds the pair model.
+  PairMemory(LxLBFGSOpt& owner, bool cartesian)
+      : owner_(owner), m_(owner.memory_), cartesian_(cartesian) {}
+
+  std::size_t ScratchCount(unsigned int n) const override { return BlockCount(m_, n, cartesian_); }
+  const char* OutOfMemoryFormat() const override {
+    return "out of memory allocating %d in LxLBFGSOpt::operator()";
   }
 
-  unsigned int Count() const { return count_; }
-  void Clear() { count_ = 0; }
+  // The block after the loop's vectors: s and y of every slot, rho, alpha,
+  // then (Cartesian) the pair model (H0 = gamma P^-1; n n + n doubles) and
+  // the point it was built at (n), which is built here.
+  void Bind(double* block, unsigned int n, const double* x) override {
+    n_ = n;
+    s_ = block;
+    y_ = block + static_cast<std::size_t>(m_) * n;
+    rho_ = y_ + static_cast<std::size_t>(m_) * n;
+    alpha_ = rho_ + m_;
+    if (cartesian_) {
+      model_ = alpha_ + m_;
+      modelWork_ = model_ + std::size_t(n) * n;
+      xModel_ = modelWork_ + n;
+    }
+    UpdateModel(x, true);
+  }
+
+  // The first search of a run or after a restart: see FirstStep.
+  double StartDirection(const double* g, double, double* d, bool) override {
+    Direction(g, d);
+    return FirstStep(d);
+  }
+  bool CanRestart() const override { return count_ != 0; }
+  void Forget() override { count_ = 0; }
+  double Accept(double step, const double* d, const double* w, double* x, double* g) override {
+    const double ww = Store(step, d, w, x, g);
+    UpdateModel(x, false);
+    return ww;
+  }
+  bool NextDirection(unsigned int, const double* g, double* d, double* step) override {
+    Direction(g, d);
+    // With no pair stored yet (all skipped) the search again starts like the
+    // first one.
+    *step = count_ == 0 ? FirstStep(d) : kUnitStep;
+    return true;
+  }
+  void End(double) override {
+    if (!owner_.keepPairs_) return;
+    CopyOut(owner_.keptS_, owner_.keptY_);
+    owner_.keptCount_ = count_;
+    owner_.keptN_ = n_;
+    owner_.kept_ = true;
+  }
+
+ private:
+  // Builds the model at x when there is none yet (when it cannot be built,
+  // H0 = gamma I from then on), or rebuilds it once an atom has moved far
+  // from where it was built.
+  void UpdateModel(const double* x, bool first) {
+    if (model_ == nullptr) return;
+    if (!first && !geom::PairModelIsStale(x, xModel_, n_, nearest_)) return;
+    if (!geom::FactorPairModel(x, n_, model_, &nearest_)) {
+      model_ = nullptr;
+      return;
+    }
+    detail::Copy(x, xModel_, n_);
+  }
 
   // Copies the pairs, oldest first, into rows of n values of s and y.
   void CopyOut(std::vector<double>& s, std::vector<double>& y) const {
@@ -96,7 +136,7 @@ class PairRing {
   // With the accepted step a along d, w the gradient there and g the old one:
   // when s.y > 0 (s = a d, y = w - g) stores the pair over the oldest one;
   // then x += s and g = w. Returns sum w^2. A pair with s.y <= 0 is skipped.
-  double Accept(double a, const double* d, const double* w, double* x, double* g) {
+  double Store(double a, const double* d, const double* w, double* x, double* g) {
     double sy = 0.0, yy = 0.0, ww = 0.0;
     for (unsigned int i = 0; i < n_; ++i) {
       const double si = a * d[i];
@@ -131,17 +171,17 @@ class PairRing {
     return ww;
   }
 
-  // d = -H g by the two-loop recursion; returns the slope g.d. The recursion
+  // d = -H g by the two-loop recursion. The recursion
   // is linear, so it runs on -g and yields -H g directly. Each pass updates d
   // and forms the inner product the next pass needs:
   //   newest to oldest:  alpha_i = rho_i s_i.q,   q -= alpha_i y_i
   //   r = gamma q
   //   oldest to newest:  beta = rho_i y_i.r,      r += (alpha_i - beta) s_i
-  double Direction(const double* g, double* d) const {
+  void Direction(const double* g, double* d) const {
     if (count_ == 0) {
       for (unsigned int k = 0; k < n_; ++k) d[k] = -g[k];
       if (model_ != nullptr) geom::SolvePairModel(model_, n_, d);
-      return detail::Dot(g, d, n_);
+      return;
     }
     unsigned int i = Newest();
     double dot = NegateThenDot(g, d, S(i));
@@ -157,14 +197,16 @@ class PairRing {
               : AxpyScaleThenDot(-alpha_[i], Y(i), gamma_, d, Y(i));  // i is the oldest
     for (unsigned int j = 0;; ++j) {
       const double beta = rho_[i] * dot;
-      if (j + 1 == count_) return AxpyThenDot(alpha_[i] - beta, S(i), d, g);
+      if (j + 1 == count_) {
+        detail::Axpy(alpha_[i] - beta, S(i), d, n_);
+        return;
+      }
       const unsigned int newer = (i + 1) % m_;
       dot = AxpyThenDot(alpha_[i] - beta, S(i), d, Y(newer));
       i = newer;
     }
   }
 
- private:
   double* S(unsigned int slot) const { return s_ + static_cast<std::size_t>(slot) * n_; }
   double* Y(unsigned int slot) const { return y_ + static_cast<std::size_t>(slot) * n_; }
   unsigned int Newest() const { return (first_ + count_ - 1) % m_; }
@@ -216,27 +258,22 @@ class PairRing {
     return detail::Dot(y, modelWork_, n_);
   }
 
-  double* s_;
-  double* y_;
-  double* rho_;    // m values, 1 / s.y per slot
-  double* alpha_;  // m values, the first loop's coefficients
+  LxLBFGSOpt& owner_;  // receives the kept pairs
   unsigned int m_;
-  unsigned int n_;
-  double* model_;      // factored pair model, or null
-  double* modelWork_;  // n values after the model
-  double* xModel_;     // point the model was built at
+  bool cartesian_;
+  unsigned int n_ = 0;
+  double* s_ = nullptr;
+  double* y_ = nullptr;
+  double* rho_ = nullptr;        // m values, 1 / s.y per slot
+  double* alpha_ = nullptr;      // m values, the first loop's coefficients
+  double* model_ = nullptr;      // factored pair model, or null
+  double* modelWork_ = nullptr;  // n values after the model
+  double* xModel_ = nullptr;     // point the model was built at
   double nearest_ = 0.0;
   unsigned int first_ = 0;  // slot of the oldest pair
   unsigned int count_ = 0;
   double gamma_ = 1.0;  // s.y / y.y of the newest stored pair
 };
-
-}  // namespace
-
-bool LxLBFGSOpt::SetLineMinimize(const LxLineMinimize& lm) {
-  settings_.lineMinimize.reset(lm.CreateCopy());
-  return true;
-}
 
 bool LxLBFGSOpt::GetFinalPairs(double* s, double* y, unsigned int n, unsigned int capacity) const {
   if (!kept_) {
@@ -259,88 +296,15 @@ bool LxLBFGSOpt::GetFinalPairs(double* s, double* y, unsigned int n, unsigned in
 
 double LxLBFGSOpt::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                               double* out) {
-  return detail::RecordRun(
-      lastRun_, func, checkpoint, true,
-      [&](LxFunc1& counted, LxCheckpoint1* recorder) { return Run(counted, recorder, in, out); });
-}
-
-double LxLBFGSOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in, double* out) {
   kept_ = false;
   keptCount_ = 0;
   const unsigned int n = func.NumVar();
-  const unsigned int m = memory_;
-  const bool cartesian = cartesian_ && n % 3 == 0 && n != 0;
-  const std::size_t count = ScratchCount(m, n, cartesian);
-  LxMallocaPtr block;
-  double* const g = block.AllocateDoubles(count);
-  if (out == nullptr) {
-    LxThrow.Warning("memory not provided for optimized variables");
-    return 0.0;
-  }
-  if (g == nullptr) {
-    const std::size_t bytes = count > SIZE_MAX / sizeof(double) ? SIZE_MAX : count * sizeof(double);
-    LxThrow.Warning("out of memory allocating %d in LxLBFGSOpt::operator()",
-                    detail::ByteCountForMessage(bytes));
-    return 0.0;
-  }
-  double* const d = g + n;
-  double* const w = d + n;
-  double* const x = out;
-  if (out != in && n != 0) std::memmove(out, in, sizeof(double) * n);
-  PairRing pairs(w + n, m, n, cartesian ? w + n + 2 * (std::size_t(m) * n + m) : nullptr);
-  pairs.UpdateModel(x, true);
-  detail::Zero(g, n);
-  double f = func(x, g);
-  double gg = detail::SquaredNorm(g, n);
-  const double tolerance = settings_.tolerance;
-  auto finish = [&](unsigned int iter, unsigned int state) {
-    if (keepPairs_) {
-      pairs.CopyOut(keptS_, keptY_);
-      keptCount_ = pairs.Count();
-      keptN_ = n;
-      kept_ = true;
-    }
-    detail::Report(checkpoint, iter, n, f, std::sqrt(gg), x, g, state);
-    return f;
-  };
-  if (gg < tolerance) return finish(0, kLxNoOpt);
-
-  LxLineMinimize& search = *settings_.lineMinimize;
-  // The first search of a run or after a restart: see FirstStep.
-  pairs.Direction(g, d);
-  double step = pairs.FirstStep(d);
-  search.SetMaxStep(n, x);
-
-  unsigned int k = 0;
-  for (; k < settings_.iterLimit; ++k) {
-    if (!search(n, x, d, g, w, &f, &step, func)) {
-      // As in LxBFGSOpt, f is whatever the failed search left (intended).
-      if (pairs.Count() == 0) return finish(k, kLxNotFound);
-      // Restart along -g from the current point, re-evaluated because some
-      // line minimizers leave the last trial's value in f when they fail.
-      pairs.Clear();
-      detail::Zero(g, n);
-      f = func(x, g);
-      gg = detail::SquaredNorm(g, n);
-      if (gg < tolerance) return finish(k, kLxDone);
-      pairs.Direction(g, d);
-      step = pairs.FirstStep(d);
-      continue;
-    }
-
-    gg = pairs.Accept(step, d, w, x, g);
-    pairs.UpdateModel(x, false);
-    if (!detail::Report(checkpoint, k, n, f, std::sqrt(gg), x, g, kLxCont)) {
-      return finish(k, kLxDone);
-    }
-    if (gg < tolerance) return finish(k, kLxDone);
-
-    pairs.Direction(g, d);
-    // With no pair stored yet (all skipped) the search again starts like the
-    // first one.
-    step = pairs.Count() == 0 ? pairs.FirstStep(d) : kUnitStep;
-  }
-  return finish(k, kLxExhaust);
+  PairMemory pairs(*this, cartesian_ && n % 3 == 0 && n != 0);
+  return detail::RecordRun(
+      lastRun_, func, checkpoint, true, [&](LxFunc1& counted, LxCheckpoint1* recorder) {
+        return detail::RunQuasiNewton({GetIterLimit(), GetTolerance(), LineMinimizer()}, pairs,
+                                      counted, recorder, in, out);
+      });
 }
 
 }  // namespace LxOpt

@@ -1,11 +1,13 @@
-// Test support for line minimizers and the conjugate-gradient optimizers:
-// a one-variable polynomial that logs where it was evaluated, an objective
-// whose values are not numbers, and a line minimizer that fails on demand.
+// Test support for line minimizers and the optimizers that use them: a
+// one-variable polynomial that logs where it was evaluated, an objective whose
+// values are not numbers, a scripted line minimizer that logs its calls and a
+// checkpoint that stops a run after a number of reports.
 #ifndef LXOPT_TESTS_SUPPORT_LINESEARCH_H
 #define LXOPT_TESTS_SUPPORT_LINESEARCH_H
 
 #include <lxopt/lxopt.h>
 
+#include <algorithm>
 #include <array>
 #include <limits>
 #include <memory>
@@ -57,37 +59,81 @@ class NotANumber : public Objective {
   int evaluations = 0;
 };
 
-// An LxCGLineMinimize that returns false, touching nothing, on the calls
-// (counted from 1) listed in failOn. Logs the entry step, direction and
-// gradient of every call and the step it leaves; copies share the log, so
-// the optimizer's copy reports here.
-class FailOnDemand : public LxOpt::LxLineMinimize {
+// A line minimizer whose outcome the test decides: the calls in failOn
+// (counted from 1) fail at once, touching nothing; the others go to an
+// LxCGLineMinimize or, with parabola set, take the trial step, then the
+// minimum of the parabola through the two slopes if they differ, and succeed
+// if the value fell. Logs every call and every SetMaxStep point; copies share
+// the log, so the optimizer's copy reports here.
+class ScriptedSearch : public LxOpt::LxLineMinimize {
  public:
-  explicit FailOnDemand(std::set<int> failOn = {})
-      : failOn_(std::move(failOn)), log_(std::make_shared<Log>()) {}
+  using Vec = std::vector<double>;
+  struct Log {
+    Vec steps, left;  // the trial step on entry; the step left on return
+    std::vector<Vec> starts, dirs, grads, maxStepCalls;
+  };
+  explicit ScriptedSearch(std::set<int> failOn = {}, bool parabola = false)
+      : failOn_(std::move(failOn)), parabola_(parabola), log_(std::make_shared<Log>()) {}
   bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
                   double* fval, double* step, LxOpt::LxFunc1& func) const override {
     log_->steps.push_back(*step);
+    log_->starts.emplace_back(x0, x0 + n);
     log_->dirs.emplace_back(dir, dir + n);
     log_->grads.emplace_back(grad0, grad0 + n);
-    const bool ok = failOn_.count(static_cast<int>(log_->steps.size())) == 0 &&
-                    LxOpt::LxCGLineMinimize()(n, x0, dir, grad0, gradOut, fval, step, func);
+    const bool ok =
+        failOn_.count(static_cast<int>(log_->steps.size())) == 0 &&
+        (parabola_ ? Parabola(n, x0, dir, grad0, gradOut, fval, step, func)
+                   : LxOpt::LxCGLineMinimize()(n, x0, dir, grad0, gradOut, fval, step, func));
     log_->left.push_back(*step);
     return ok;
   }
-  LxOpt::LxLineMinimize* CreateCopy() const override { return new FailOnDemand(*this); }
-  const std::vector<double>& steps() const { return log_->steps; }
-  const std::vector<std::vector<double>>& dirs() const { return log_->dirs; }
-  const std::vector<std::vector<double>>& grads() const { return log_->grads; }
-  const std::vector<double>& left() const { return log_->left; }
+  bool SetMaxStep(unsigned int n, double* x) override {
+    log_->maxStepCalls.emplace_back(x, x + n);
+    return false;
+  }
+  LxOpt::LxLineMinimize* CreateCopy() const override { return new ScriptedSearch(*this); }
+  const Log& log() const { return *log_; }
 
  private:
-  struct Log {
-    std::vector<double> steps, left;
-    std::vector<std::vector<double>> dirs, grads;
-  };
+  static bool Parabola(unsigned int n, const double* x0, const double* d, const double* g0,
+                       double* gradOut, double* fval, double* step, LxOpt::LxFunc1& func) {
+    Vec x(n), g(n);
+    auto evaluate = [&](double a) {
+      for (unsigned int i = 0; i < n; ++i) x[i] = x0[i] + a * d[i];
+      return func(x.data(), g.data());
+    };
+    auto slope = [&](const double* v) {
+      double s = 0.0;
+      for (unsigned int i = 0; i < n; ++i) s += v[i] * d[i];
+      return s;
+    };
+    double a = *step, f = evaluate(a);
+    const double slope0 = slope(g0), slope1 = slope(g.data());
+    if (slope1 != slope0) f = evaluate(a *= slope0 / (slope0 - slope1));
+    if (!(f < *fval)) return false;
+    std::copy(g.begin(), g.end(), gradOut);
+    *fval = f;
+    *step = a;
+    return true;
+  }
+
   std::set<int> failOn_;
+  bool parabola_;
   std::shared_ptr<Log> log_;
+};
+
+// Answers false to the state-0 reports after the first `count`.
+class StopAfter : public LxOpt::LxCheckpoint1 {
+ public:
+  explicit StopAfter(unsigned long count) : left_(count) {}
+  using LxOpt::LxCheckpoint1::operator();
+  bool operator()(unsigned int, unsigned int, double, double, const double*, const double*,
+                  unsigned int state) override {
+    return state != 0 || left_-- > 0;
+  }
+
+ private:
+  unsigned long left_;
 };
 
 }  // namespace lxtest

@@ -49,7 +49,7 @@ RunFunction TwoRuns(const LxOpt::LxLineMinimize& search) {
     opt.SetIterLimit(20);
     opt(f, cp, start, out);
     const std::uint64_t first = opt.LastRun().evaluations;
-    opt.SetIterLimit(LxOpt::LxQNSettings::kDefaultIterLimit);
+    opt.SetIterLimit(LxOpt::LxBFGSModOpt::kDefaultIterLimit);
     opt(f, cp, out, out);
     LxOpt::LxRunSummary both = opt.LastRun();
     both.evaluations += first;
