@@ -103,6 +103,8 @@ extern "C" double lxm_minimize(int method, int n, const double* x0, double* out,
   opt.SetIterLimit(limit);
   opt.SetMemory(static_cast<unsigned int>(Setting(settings, "memory", 8)));
   opt.SetCartesian(Setting(settings, "cartesian", 0) != 0);
+  if (Setting(settings, "elements", 0) != 0)
+    opt.SetAtomicNumbers(Elements().data(), static_cast<unsigned int>(Elements().size()));
   return opt(func, &LastRun(), x0, out);
 }
 

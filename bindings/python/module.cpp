@@ -470,6 +470,17 @@ Class& WithLineMinimizer(Class& cls) {
   return cls;
 }
 
+// atomic_numbers: the elements for the Cartesian model (a list; empty: none).
+template <class Opt>
+py::class_<Opt>& WithAtomicNumbers(py::class_<Opt>& cls) {
+  return cls.def_property(
+      "atomic_numbers", &Opt::GetAtomicNumbers,
+      [](Opt& o, const std::vector<int>& z) {
+        o.SetAtomicNumbers(z.data(), static_cast<unsigned int>(z.size()));
+      },
+      "Elements of the atoms for the cartesian model (empty: none).");
+}
+
 // keep_hessian and inverse_hessian() (dense, symmetric, n x n).
 template <class Opt, class Class>
 Class& WithKeptHessian(Class& cls) {
@@ -711,6 +722,7 @@ PYBIND11_MODULE(_lxopt, m) {
           py::arg("n"), "(s, y): the pairs kept by the last run, oldest first, or None.")
       .def_property("cartesian", &LxLBFGSOpt::GetCartesian, &LxLBFGSOpt::SetCartesian,
                     "Variables are x, y, z per atom: start from a model Hessian.");
+  WithAtomicNumbers(lbfgs);
   py::class_<LxDFPOpt> dfp(m, "DFP");
   WithLineMinimizer<LxDFPOpt>(Common<LxDFPOpt, LxFunc1>(dfp));
   py::class_<LxConjGradOpt> cg(m, "ConjGrad");
@@ -730,12 +742,7 @@ PYBIND11_MODULE(_lxopt, m) {
   geometry.def_property("history", &LxBFGSOptimizer::GetHistory, &LxBFGSOptimizer::SetHistory);
   geometry.def_property("cartesian", &LxBFGSOptimizer::GetCartesian, &LxBFGSOptimizer::SetCartesian,
                         "Variables are x, y, z per atom: start from a model Hessian.");
-  geometry.def_property(
-      "atomic_numbers", &LxBFGSOptimizer::GetAtomicNumbers,
-      [](LxBFGSOptimizer& o, const std::vector<int>& z) {
-        o.SetAtomicNumbers(z.data(), static_cast<unsigned int>(z.size()));
-      },
-      "Elements of the atoms for the cartesian model (empty: none).");
+  WithAtomicNumbers(geometry);
   geometry.def_property("max_atom_step", &LxBFGSOptimizer::GetMaxAtomStep,
                         &LxBFGSOptimizer::SetMaxAtomStep,
                         "Hard limit on any atom's move per trial (0: none).");

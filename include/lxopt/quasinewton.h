@@ -189,7 +189,8 @@ class LXOPT_API LxDFPOpt : public LxGradientOpt {
 //   6 Exhaust  iteration limit reached (reported with the limit).
 // A search that fails after a pair was stored restarts from the re-evaluated
 // point along -g with the memory emptied. Memory: one scratch block per run
-// (stack or heap) of (2m + 3) n + 2m doubles (n n + n more with SetCartesian),
+// (stack or heap) of (2m + 3) n + 2m doubles (n n + 2n + n / 3 more with
+// SetCartesian),
 // nothing per iteration.
 // Bad input: null out warns and returns 0.0; scratch that cannot be allocated
 // warns "out of memory allocating %d in LxLBFGSOpt::operator()" and returns
@@ -209,6 +210,15 @@ class LXOPT_API LxLBFGSOpt : public LxGradientOpt {
   // default; ignored when the number of variables is not a multiple of 3.
   void SetCartesian(bool on) { cartesian_ = on; }
   bool GetCartesian() const { return cartesian_; }
+
+  // The elements of the atoms for the model of SetCartesian, as
+  // LxBFGSOptimizer::SetAtomicNumbers: pair reference lengths from covalent
+  // radii. Used with SetCartesian(true), 3 * atoms variables and every number
+  // in 1..96; copied; null or 0 atoms clears them.
+  void SetAtomicNumbers(const int* numbers, unsigned int atoms) {
+    atomicNumbers_.assign(numbers, numbers == nullptr ? numbers : numbers + atoms);
+  }
+  const std::vector<int>& GetAtomicNumbers() const { return atomicNumbers_; }
 
   using LxOptimizer1::operator();
   // Minimizes func from in (n doubles) into out (n doubles; in and out may be
@@ -240,6 +250,7 @@ class LXOPT_API LxLBFGSOpt : public LxGradientOpt {
   unsigned int memory_ = kDefaultMemory;
   LxRunSummary lastRun_;
   bool cartesian_ = false;
+  std::vector<int> atomicNumbers_;
   bool keepPairs_ = false;
   bool kept_ = false;           // the last run stored its pairs (maybe none)
   unsigned int keptN_ = 0;      // variables of that run

@@ -29,16 +29,16 @@ constexpr double kUnitStep = 1.0;
 // of the mean nearest-neighbour distance, so that no length unit enters.
 constexpr double kFirstMoveShare = 1.0;
 
-// Doubles in the run's block, (2m + 3) n + 2m, plus the pair model's n n + n
-// and the point it was built at (n) for Cartesian variables, or SIZE_MAX when
-// that overflows (the allocation then fails).
+// Doubles in the run's block, (2m + 3) n + 2m, plus the pair model's n n + n,
+// the point it was built at (n) and the atoms' radii (n / 3) for Cartesian
+// variables, or SIZE_MAX when that overflows (the allocation then fails).
 std::size_t BlockCount(unsigned int m, unsigned int n, bool cartesian) {
   const std::size_t perVariable = 2 * static_cast<std::size_t>(m) + kWorkVectors;
   if (n != 0 && perVariable > (SIZE_MAX - 2 * static_cast<std::size_t>(m)) / n) return SIZE_MAX;
   const std::size_t count = perVariable * n + 2 * static_cast<std::size_t>(m);
   if (!cartesian) return count;
-  if (n != 0 && n > (SIZE_MAX - count) / (std::size_t(n) + 1)) return SIZE_MAX;
-  return count + geom::PairModelSize(n) + n;
+  if (n != 0 && n > (SIZE_MAX - count) / (std::size_t(n) + 2)) return SIZE_MAX;
+  return count + geom::PairModelSize(n) + n + n / 3;
 }
 
 }  // namespace
@@ -57,8 +57,10 @@ class LxLBFGSOpt::PairMemory : public detail::QuasiNewtonDirections {
   }
 
   // The block after the loop's vectors: s and y of every slot, rho, alpha,
-  // then (Cartesian) the pair model (H0 = gamma P^-1; n n + n doubles) and
-  // the point it was built at (n), which is built here.
+  // then (Cartesian) the pair model (H0 = gamma P^-1; n n + n doubles), the
+  // point it was built at (n) and the radii of the atoms' elements (n / 3,
+  // used when the owner holds one known element per atom); the model is
+  // built here.
   void Bind(double* block, unsigned int n, const double* x) override {
     n_ = n;
     s_ = block;
@@ -69,6 +71,9 @@ class LxLBFGSOpt::PairMemory : public detail::QuasiNewtonDirections {
       model_ = alpha_ + m_;
       modelWork_ = model_ + std::size_t(n) * n;
       xModel_ = modelWork_ + n;
+      const std::vector<int>& z = owner_.atomicNumbers_;
+      if (3 * z.size() == n && geom::CovalentRadii(z.data(), n / 3, xModel_ + n))
+        radii_ = xModel_ + n;
     }
     UpdateModel(x, true);
   }
@@ -107,7 +112,7 @@ class LxLBFGSOpt::PairMemory : public detail::QuasiNewtonDirections {
   void UpdateModel(const double* x, bool first) {
     if (model_ == nullptr) return;
     if (!first && !geom::PairModelIsStale(x, xModel_, n_, nearest_)) return;
-    if (!geom::FactorPairModel(x, n_, model_, &nearest_)) {
+    if (!geom::FactorPairModel(x, n_, model_, &nearest_, radii_)) {
       model_ = nullptr;
       return;
     }
@@ -270,7 +275,8 @@ class LxLBFGSOpt::PairMemory : public detail::QuasiNewtonDirections {
   double* modelWork_ = nullptr;  // n values after the model
   double* xModel_ = nullptr;     // point the model was built at
   double nearest_ = 0.0;
-  unsigned int first_ = 0;  // slot of the oldest pair
+  const double* radii_ = nullptr;  // covalent radius per atom, null without elements
+  unsigned int first_ = 0;         // slot of the oldest pair
   unsigned int count_ = 0;
   double gamma_ = 1.0;  // s.y / y.y of the newest stored pair
 };
