@@ -105,7 +105,7 @@ class LXOPT_API LxNewtonOptImpl {
   // The damped Newton loop of both runs, from the preconditioning to the
   // returned value (the exits of the class comment); step forms each step,
   // the merit it is accepted by, the reported gradient and the convergence
-  // test. gradient_ and packed_ must be sized to func, work to n.
+  // test. work must be sized to func's n.
   double RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start, double* x,
                          detail::NewtonStep& step, detail::NewtonWorkspace& work);
 
@@ -121,8 +121,6 @@ class LXOPT_API LxNewtonOptImpl {
   int preconditionIterLimit_ = 20;
   double preconditionGradientScale_ = 1.0;
   bool checkEigenvalues_ = false;
-  std::vector<double> gradient_;  // work vector, n per run
-  std::vector<double> packed_;    // work vector, n (n + 1) / 2 per run
 };
 
 // The front: owns one LxNewtonOptImpl; copies copy it deeply.

@@ -6,6 +6,7 @@
 #include <typeinfo>
 
 #include "framework/internal.h"
+#include "framework/packed.h"
 #include "framework/run_record.h"
 #include "geomopt/geom_internal.h"
 #include "geomopt/surrogate_step.h"
@@ -80,17 +81,22 @@ enum class Ending { kFinalState, kAlreadyReported };
 
 }  // namespace
 
-LxBFGSOptimizer::LxBFGSOptimizer() {
-  setup();
+namespace geom {
+
+RunState::RunState(unsigned int n, bool withHistory) {
+  const unsigned int m = n <= kShortHistoryVariables ? n / 2 : kLongHistory;
+  const std::size_t size = n;
+  buffer.assign(2 * size + (withHistory ? 2 * size * m + m : 0), 0.0);
+  x = buffer.data();
+  g = x + size;
+  history = {g + size, g + size + size * m, g + size + 2 * size * m, m, n, 0, 0};
 }
+
+}  // namespace geom
+
+LxBFGSOptimizer::LxBFGSOptimizer() = default;
 
 LxBFGSOptimizer::~LxBFGSOptimizer() = default;
-
-void LxBFGSOptimizer::setup() {
-  iterLimit_ = kDefaultIterLimit;
-  idle_ = true;
-  tolerance_ = kDefaultTolerance;
-}
 
 void LxBFGSOptimizer::store(double f, double& fsave, double g, double& gsave, const double* x,
                             double* xsave, double s, double& ssave, std::size_t n) {
@@ -117,7 +123,7 @@ bool LxBFGSOptimizer::GetInverseHessian(double* out, unsigned int n) const {
   // n must be the latest run's; the kept matrix may come from an earlier run
   // over more variables, of which the leading n (n + 1) / 2 values are
   // copied as they stand. One kept for fewer variables cannot fill out.
-  const std::size_t count = geom::PackedSize(n);
+  const std::size_t count = packed::Size(n);
   if (n != n_ || keptHessian_.size() < count) {
     LxThrow.Warning("Can't extract Hessian: Wrong number of variables");
     return false;
@@ -136,35 +142,25 @@ double LxBFGSOptimizer::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, con
 double LxBFGSOptimizer::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                             double* out) {
   n_ = func.NumVar();
-  const std::size_t n = n_;
-  historyLength_ = n_ <= kShortHistoryVariables ? n_ / 2 : kLongHistory;
-  historyCount_ = 0;
-  const std::size_t historySize = historyEnabled_ ? 2 * n * historyLength_ + historyLength_ : 0;
-  run_.assign(2 * n + historySize, 0.0);
-  double* const x = run_.data();
-  double* const g = x + n;
-  if (n != 0) std::memcpy(x, in, sizeof(double) * n);
-  f_ = func(x, g);
-
-  idle_ = false;
-  optimize(func, checkpoint);
-  if (out != nullptr && n != 0) std::memcpy(out, x, sizeof(double) * n);
-  run_.clear();
-  run_.shrink_to_fit();
-  idle_ = true;
-  return f_;
+  geom::RunState run(n_, historyEnabled_);
+  if (n_ != 0) std::memcpy(run.x, in, sizeof(double) * n_);
+  run.f = func(run.x, run.g);
+  optimize(func, checkpoint, run);
+  if (out != nullptr && n_ != 0) std::memcpy(out, run.x, sizeof(double) * n_);
+  return run.f;
 }
 
-void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
+void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint, geom::RunState& run) {
   const unsigned int n = n_;
   const double tol = tolerance_;
-  double* const x = run_.data();
-  double* const g = x + n;
+  double* const x = run.x;
+  double* const g = run.g;
+  double& f = run.f;
   const Thresholds limits = ThresholdsFor(tol, n);
 
   double gnorm = Norm(g, n);
   if (gnorm < tol) {
-    Report(checkpoint, 0, n, f_, gnorm, nullptr, kLxNoOpt);
+    Report(checkpoint, 0, n, f, gnorm, nullptr, kLxNoOpt);
     return;
   }
 
@@ -176,15 +172,8 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
                     static_cast<int>(sizeof(double) * scratchSize));
     return;
   }
-  geom::History history{g + n,
-                        g + n + std::size_t(n) * historyLength_,
-                        g + n + 2 * std::size_t(n) * historyLength_,
-                        historyLength_,
-                        n,
-                        0,
-                        0};
-  geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr,
-                       cartesian_);
+  geom::History& history = run.history;
+  geom::CycleStep step(func, n, x, g, f, scratch, historyEnabled_ ? &history : nullptr, cartesian_);
   if (maxAtomStep_ > 0.0 && std::isfinite(maxAtomStep_)) step.CapAtomStep(maxAtomStep_);
   LxMallocaPtr surrogateBlock;
   double* const surrogateScratch =
@@ -193,7 +182,7 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
   if (surrogateScratch != nullptr) step.SetSurrogate(&surrogate);
 
   unsigned int iter = 0;
-  double bestF = f_;
+  double bestF = f;
   unsigned int stalled = 0;
   unsigned int componentCount = 0;
   double componentF = 0.0;
@@ -201,30 +190,29 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
 
   auto cycles = [&]() -> Ending {
     for (;;) {
-      const double previousF = f_;
+      const double previousF = f;
       double moved = 0.0;
       const geom::StepStatus status = step.Take(accuracy, moved);
-      historyCount_ = history.count;
       gnorm = Norm(g, n);
       if (status == geom::StepStatus::kNotFound) {
-        Report(checkpoint, iter, n, f_, gnorm, x, kLxNotFound);
+        Report(checkpoint, iter, n, f, gnorm, x, kLxNotFound);
         return Ending::kAlreadyReported;
       }
       if (status == geom::StepStatus::kEnded) {
-        Report(checkpoint, iter, n, f_, gnorm, x, kLxEnded);
+        Report(checkpoint, iter, n, f, gnorm, x, kLxEnded);
         return Ending::kAlreadyReported;
       }
       ++iter;
 
       const double xnorm = Norm(x, n);
       const double displacement = xnorm != 0.0 ? moved / xnorm : moved;
-      const double valueChange = std::fabs(previousF - f_);
+      const double valueChange = std::fabs(previousF - f);
 
-      if (bestF - f_ >= kStallDecrease) {
+      if (bestF - f >= kStallDecrease) {
         stalled = 0;
-        bestF = f_;
+        bestF = f;
       } else if (++stalled > kStallCycles) {
-        Report(checkpoint, iter, n, f_, gnorm, x, kLxStable);
+        Report(checkpoint, iter, n, f, gnorm, x, kLxStable);
         return Ending::kFinalState;
       }
 
@@ -239,12 +227,12 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
         converged = kLxDist;
       }
       if (converged != kLxCont) {
-        Report(checkpoint, iter, n, f_, gnorm, x, converged);
+        Report(checkpoint, iter, n, f, gnorm, x, converged);
         if (ComponentsWithin(g, n, tol)) return Ending::kFinalState;
-        if (++componentCount == 1) componentF = f_;
+        if (++componentCount == 1) componentF = f;
         // The component limit travels in the gnorm argument; intended.
-        Report(checkpoint, iter, n, f_, tol, x, kLxComp);
-        if (std::fabs(f_ - componentF) > kComponentWindow) {
+        Report(checkpoint, iter, n, f, tol, x, kLxComp);
+        if (std::fabs(f - componentF) > kComponentWindow) {
           componentCount = 0;
         } else if (componentCount > kComponentAttempts) {
           // The window travels in the value argument; intended.
@@ -257,20 +245,20 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
       if (iter >= iterLimit_) return Ending::kFinalState;
       accuracy = AccuracyFor(valueChange);
       if (valueChange > kHistoryResetChange) geom::ClearHistory(history);
-      Report(checkpoint, iter, n, f_, gnorm, x, kLxCont);
+      Report(checkpoint, iter, n, f, gnorm, x, kLxCont);
     }
   };
 
   // The limit is looked at only after a cycle, so a limit of 0 runs one.
   const Ending ending = cycles();
   if (ending == Ending::kFinalState)
-    Report(checkpoint, iter, n, f_, gnorm, x, iter >= iterLimit_ ? kLxExhaust : kLxDone);
+    Report(checkpoint, iter, n, f, gnorm, x, iter >= iterLimit_ ? kLxExhaust : kLxDone);
 
-  f_ = func(x);
+  f = func(x);
   gnorm = Norm(g, n);
   if (keepHessian_ && gnorm < step.RestartGradientNorm()) {
     const double* h = step.InverseHessian();
-    keptHessian_.assign(h, h + geom::PackedSize(n));
+    keptHessian_.assign(h, h + packed::Size(n));
   }
 }
 
