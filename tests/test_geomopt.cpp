@@ -89,6 +89,14 @@ class OneVariable : public lxtest::Objective {
   std::function<double(double)> f, df;
 };
 
+// The symmetric n x n matrix of a packed lower triangle.
+Eigen::MatrixXd Unpacked(const Vec& packed, unsigned int n) {
+  Eigen::MatrixXd full(n, n);
+  for (unsigned int i = 0, k = 0; i < n; ++i)
+    for (unsigned int j = 0; j <= i; ++j) full(i, j) = full(j, i) = packed[k++];
+  return full;
+}
+
 // ------------------------------------------------------------ checkpoint
 
 struct CheckpointCase {
@@ -181,6 +189,16 @@ TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
   // the step cap, 1 each in the first cycle and 4 each in the second, lowering
   // f by 0.3 and then 1.2; |g| = 0.1732.
   lxtest::Linear slope({0.0, 0.1, 0.1, 0.1});
+  // The cap and the line search seen from outside: a slope is followed to the
+  // per-atom cap, 1.0 in the first cycle and 4.0 in the second (1 + 3 + 4
+  // gradients: the start, then after a restart a first trial moving the
+  // farthest atom by 0.1, an extrapolation to 5 x that and on to the cap; the
+  // slope leaves y = 0, so H is never updated and every cycle starts fresh).
+  // Variables that are not triples are capped one by one. SetMaxAtomStep above
+  // the initial radius stops its growth at that limit.
+  lxtest::Linear atom({0.1, 0.1, 0.1, 0.0, 0.0, 0.0}), loose({0.3, 0.1});
+  const double a = 1.0 / std::sqrt(3.0);
+  const Vec atomMove{-a, -a, -a, 0, 0, 0}, looseMove{-1.0, -1.0 / 3.0};
   // tiny: the valley at 1e-12 of its height; no cycle lowers f by the 1e-7 of
   // progress. faint: at 1e-30 with tolerance 1e-40: every value change is
   // below 1e-23 (value test), no gradient component reaches 1e-40, and the
@@ -199,6 +217,9 @@ TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
     double tol, value;
     unsigned int limit;
     std::string trace;
+    double maxAtomStep = 0.0;
+    Vec unit = {}, moved = {};    // point after cycle k: moved[k] * unit
+    std::uint64_t gradients = 0;  // 0: not counted
   };
   const std::vector<Case> cases = {
       // |x| = 1000: displacement 1.7e-3, value change 0.3.
@@ -216,55 +237,25 @@ TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
       // cap of 1 takes f from 10 to 8.1).
       {&bowl, {1, 1, 2}, 0.1, 8.1, 0, "1:6 "},
       {&bowl, {1, 1, 2}, 0.1, 8.1, 1, "1:6 "},
+      {&atom, Vec(6, 0.0), 1e-3, -1.5 * a, 2, "1:0 2:6 ", 0.0, atomMove, {1, 5}, 8},
+      {&loose, {0, 0}, 1e-3, -5.0 / 3.0, 2, "1:0 2:6 ", 0.0, looseMove, {1, 5}, 8},
+      {&atom, Vec(6, 0.0), 1e-3, -1.5 * a, 3, "1:0 2:0 3:6 ", 2.0, atomMove, {1, 3, 5}, 10},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.trace + " tolerance " + std::to_string(c.tol));
     LxBFGSOptimizer opt;
     opt.SetTolerance(c.tol);
     opt.SetIterLimit(c.limit);
+    opt.SetMaxAtomStep(c.maxAtomStep);
     const auto run = RunFrom(opt, *c.f, c.start);
-    EXPECT_EQ(Trace(run->trace), c.trace);
+    ASSERT_EQ(Trace(run->trace), c.trace);
+    for (size_t k = 0; k < c.moved.size(); ++k)
+      for (size_t i = 0; i < c.unit.size(); ++i)
+        EXPECT_NEAR(run->Point(k)[i], c.moved[k] * c.unit[i], 1e-12);
+    EXPECT_EQ(run->gradients, c.gradients != 0 ? c.gradients : run->gradients);
     EXPECT_NEAR(run->f, c.value, 1e-11);
     EXPECT_EQ(run->f, (*c.f)(run->out.data()));
     EXPECT_EQ(run->values, c.trace == "0:1- " ? 0u : 1u);  // the final re-evaluation only
-  }
-}
-
-// The cap and the line search seen from outside: a slope is followed to the
-// per-atom cap, 1.0 in the first cycle and 4.0 in the second (1 + 3 + 4
-// gradients: the start, then after a restart a first trial moving the
-// farthest atom by 0.1, an extrapolation to 5 x that and on to the cap; the
-// slope leaves y = 0, so H is never updated and both cycles start fresh).
-// Variables that are not triples are capped one by one. SetMaxAtomStep above
-// the initial radius stops its growth at that limit.
-TEST(GeometryStep, TrialsStopAtAPerAtomCapThatGrowsWhenReached) {
-  const double a = 1.0 / std::sqrt(3.0);
-  struct Case {
-    Vec slope, unit;  // unit: the move per unit of atom 0's displacement
-    double maxAtomStep;
-    std::string trace;
-    Vec moved;  // atom 0's distance from the start after each cycle
-    std::uint64_t gradients;
-  };
-  const std::vector<Case> cases = {
-      {{0.1, 0.1, 0.1, 0, 0, 0}, {-a, -a, -a, 0, 0, 0}, 0.0, "1:0 2:6 ", {1, 5}, 8},
-      {{0.3, 0.1}, {-1.0, -1.0 / 3.0}, 0.0, "1:0 2:6 ", {1, 5}, 8},
-      {{0.1, 0.1, 0.1, 0, 0, 0}, {-a, -a, -a, 0, 0, 0}, 2.0, "1:0 2:0 3:6 ", {1, 3, 5}, 10},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.trace);
-    lxtest::Linear slope(c.slope);
-    LxBFGSOptimizer opt;
-    opt.SetMaxAtomStep(c.maxAtomStep);
-    opt.SetTolerance(1e-3);
-    opt.SetIterLimit(static_cast<unsigned int>(c.moved.size()));
-    const auto run = RunFrom(opt, slope, Vec(c.slope.size(), 0.0));
-    ASSERT_EQ(Trace(run->trace), c.trace);
-    for (size_t k = 0; k < c.moved.size(); ++k)
-      for (size_t i = 0; i < c.slope.size(); ++i)
-        EXPECT_NEAR(run->Point(k)[i], c.moved[k] * c.unit[i], 1e-12);
-    EXPECT_EQ(run->gradients, c.gradients);
-    EXPECT_EQ(run->values, 1u);
   }
 }
 
@@ -515,10 +506,7 @@ TEST_P(Converges, ToTheMinimumWithTheReportsInForm) {
   }
   if (c.flags & kKept) {
     ASSERT_TRUE(opt.GetInverseHessian(h.data(), n));
-    Eigen::MatrixXd full(n, n);  // the lower triangle is what LLT reads
-    for (unsigned int i = 0, k = 0; i < n; ++i)
-      for (unsigned int j = 0; j <= i; ++j) full(i, j) = h[k++];
-    EXPECT_EQ(Eigen::LLT<Eigen::MatrixXd>(full).info(), Eigen::Success);
+    EXPECT_EQ(Eigen::LLT<Eigen::MatrixXd>(Unpacked(h, n)).info(), Eigen::Success);
   }
   if (c.flags & kFallsBack) {
     LxCountingFunc plain(*c.f);
@@ -594,14 +582,13 @@ TEST(GeometryDriver, KeepHessianStoresThePackedInverseThatMeetsTheLastSecant) {
   const size_t reports = run->trace.Entries().size();
   ASSERT_GE(reports, 3u);
   const Vec &last = run->Point(reports - 2), &before = run->Point(reports - 3);
-  Vec g1(4), g0(4);
+  Eigen::Vector4d g1, g0;
   quad(last.data(), g1.data());
   quad(before.data(), g0.data());
+  const Eigen::Vector4d hy = Unpacked(h, 4) * (g1 - g0);
   for (int i = 0; i < 4; ++i) {
-    double hy = 0.0, s = last[i] - before[i];
-    for (int j = 0; j < 4; ++j)
-      hy += h[i >= j ? i * (i + 1) / 2 + j : j * (j + 1) / 2 + i] * (g1[j] - g0[j]);
-    EXPECT_NEAR(hy, s, 1e-9 + 1e-6 * std::fabs(s));
+    const double s = last[i] - before[i];
+    EXPECT_NEAR(hy(i), s, 1e-9 + 1e-6 * std::fabs(s));
   }
 
   auto ten = lxtest::DiagonalQuadratic::IllConditioned(10, 10.0);
