@@ -166,8 +166,9 @@ class LXOPT_API LxNRLineSearch : public LxLineMinimize {
 // Once its bracket is narrower than accuracy times its upper end, or the
 // trials are spent, the search settles for the lowest point evaluated.
 // Returns true when a step was accepted; unlike the base contract the value
-// accepted may be level with the entry value to rounding. On false nothing is
-// written.
+// accepted may be level with the entry value to rounding. Fails at once,
+// evaluating nothing, when dir does not point downhill (grad0 . dir not
+// negative). On false nothing is written.
 class LXOPT_API LxMoreThuenteLineMinimize : public LxLineMinimize {
  public:
   // How Search ended: found as operator() returns it; capped when the accepted

@@ -157,6 +157,8 @@ bool LxMoreThuenteLineMinimize::operator()(unsigned int n, const double* x0, dou
 LxMoreThuenteLineMinimize::Outcome LxMoreThuenteLineMinimize::Search(
     unsigned int n, const double* x0, const double* dir, const double* grad0, double* gradOut,
     double* fval, double* step, LxFunc1& func, double* work) const {
+  const double slope0 = detail::Dot(grad0, dir, n);
+  if (!(slope0 < 0.0)) return {false, false};
   LxMallocaPtr block;
   if (work == nullptr) work = detail::AllocateLineWorkspace(block, n);
   if (work == nullptr) return {false, false};
@@ -164,7 +166,7 @@ LxMoreThuenteLineMinimize::Outcome LxMoreThuenteLineMinimize::Search(
   double* const gt = work + n;
   const double f0 = *fval;
   const double maxStep = stepLimit_;
-  const Sample origin{0.0, f0, detail::Dot(grad0, dir, n)};
+  const Sample origin{0.0, f0, slope0};
   const double slopeTest = kC1 * origin.d;
   // x: best step of the interval, y: its other end; the next trial lies in
   // [lo, hi] and never beyond limit (maxStep, lowered past trials whose value
