@@ -50,28 +50,43 @@ std::unique_ptr<Run> RunFrom(LxBFGSOptimizer& opt, LxFunc1& func, const Vec& sta
   return run;
 }
 
-// f(x) = energy * inner(x / length): the same objective in other units.
+// f(x) = energy * inner(x / length): the same objective in other units. It
+// also records the largest move of an atom (triple) from the driver's current
+// point over all evaluations: the driver moves only to lower points and takes
+// the lowest point of each search, so its current point is the lowest
+// evaluated so far.
 class Rescaled : public lxtest::Objective {
  public:
   using Objective::operator();
   Rescaled(lxtest::Objective& inner, double energy, double length = 1.0)
       : inner_(inner), energy_(energy), length_(length), x_(inner.NumVar()) {}
   unsigned int NumVar() const override { return inner_.NumVar(); }
-  double operator()(const double* x) override { return energy_ * inner_(Shrink(x)); }
+  double operator()(const double* x) override { return Seen(x, energy_ * inner_(Shrink(x))); }
   double operator()(const double* x, double* g) override {
     const double f = inner_(Shrink(x), g);
     for (unsigned int i = 0; i < NumVar(); ++i) g[i] = g[i] * energy_ / length_;
-    return energy_ * f;
+    return Seen(x, energy_ * f);
   }
+  double largest = 0.0;
 
  private:
   double* Shrink(const double* x) {
     for (unsigned int i = 0; i < NumVar(); ++i) x_[i] = x[i] / length_;
     return x_.data();
   }
+  double Seen(const double* x, double f) {
+    for (size_t i = 0; i + 2 < current_.size(); i += 3)
+      largest = std::max(largest, std::hypot(x[i] - current_[i], x[i + 1] - current_[i + 1],
+                                             x[i + 2] - current_[i + 2]));
+    if (current_.empty() || f < lowest_) {
+      lowest_ = f;
+      current_.assign(x, x + NumVar());
+    }
+    return f;
+  }
   lxtest::Objective& inner_;
-  double energy_, length_;
-  Vec x_;
+  double energy_, length_, lowest_ = 0.0;
+  Vec x_, current_;
 };
 
 // One variable: f and its derivative given as functions.
@@ -259,35 +274,6 @@ TEST(GeometryDriver, ExitsFollowTheThresholdsAndLimits) {
   }
 }
 
-// Largest move of an atom (triple) from the driver's current point over all
-// evaluations. The driver moves only to lower points and takes the lowest
-// point of each search, so its current point is the lowest evaluated so far.
-class MoveTracker : public lxtest::Objective {
- public:
-  using lxtest::Objective::operator();
-  MoveTracker(lxtest::Objective& inner, Vec start)
-      : inner_(inner), current_(std::move(start)), lowest_(inner_(current_.data())) {}
-  unsigned int NumVar() const override { return inner_.NumVar(); }
-  double operator()(const double* x) override { return Seen(x, inner_(x)); }
-  double operator()(const double* x, double* g) override { return Seen(x, inner_(x, g)); }
-  double largest = 0.0;
-
- private:
-  double Seen(const double* x, double f) {
-    for (size_t i = 0; i + 2 < current_.size(); i += 3)
-      largest = std::max(largest, std::hypot(x[i] - current_[i], x[i + 1] - current_[i + 1],
-                                             x[i + 2] - current_[i + 2]));
-    if (f < lowest_) {
-      lowest_ = f;
-      current_.assign(x, x + current_.size());
-    }
-    return f;
-  }
-  lxtest::Objective& inner_;
-  Vec current_;
-  double lowest_;
-};
-
 // The first cycle's search on one-variable functions whose minimum is known
 // (from x = 0, along -g with H = I, cap 1): the accepted point lies below the
 // start and meets the strong Wolfe conditions with c1 = 1e-4, c2 = 0.9.
@@ -417,7 +403,7 @@ TEST_P(Converges, ToTheMinimumWithTheReportsInForm) {
   opt.SetTolerance(c.tol);
   EXPECT_EQ(opt.GetMaxAtomStep(), 0.0);
   if (c.cap > 0.0) opt.SetMaxAtomStep(c.cap);
-  MoveTracker tracked(*c.f, c.start);
+  Rescaled tracked(*c.f, 1.0);
   LxCountingFunc counted(tracked);
   LxBFGSCheckpoint exact;
   RecordingBFGSCheckpoint derived;

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <memory>
-#include <tuple>
 
 #include "support/linesearch.h"
 #include "support/problems.h"
@@ -38,13 +37,11 @@ const LxQNLineMinimize kQN, kQNFloor2(32, 1e-4, 0.9, 2.0), kQNOneTrial(1), kQNNo
 const LxMaxStepLineMinimize kMaxHalf(&limitHalf, 1), kMaxTwo(&limitTwo, 1), kMaxZero(&limitZero, 1),
     kMaxWide(&limitWide, 1), kMaxOne(&limitOne, 1), kMaxLong(&limitLong, 1), kMaxNone;
 const LxNRLineSearch kNR0(0), kNR1(1);
-const LxMoreThuenteLineMinimize kMT;
-LxMoreThuenteLineMinimize MTLimitedTo(double limit) {
+const LxMoreThuenteLineMinimize kMT, kMTLimit2 = [] {
   LxMoreThuenteLineMinimize lm;
-  lm.SetStepLimit(limit);
+  lm.SetStepLimit(2.0);
   return lm;
-}
-const LxMoreThuenteLineMinimize kMTLimit2 = MTLimitedTo(2.0);
+}();
 
 // The polynomials c0 + c1 x + c2 x^2 + c3 x^3 along the line.
 using Poly = std::array<double, 4>;
@@ -177,10 +174,10 @@ TEST(LineSearchInNVariables, QuadraticLineMinimum) {
   const double x0[3] = {0.0, 0.0, 0.0};
   double grad0[3] = {-2.0, 8.0, -36.0};
   for (const LxLineMinimize* lm : Searches{&kCG, &kQN}) {
-    lxtest::Counting counted(q);
+    LxCountingFunc counted(q);
     double dir[3] = {1.0, -0.5, 0.25}, gradOut[3], fval = 41.0, step = 0.1, g[3];
     ASSERT_TRUE((*lm)(3, x0, dir, grad0, gradOut, &fval, &step, counted));
-    EXPECT_TRUE(counted.gradients == 2 && counted.values == 0);
+    EXPECT_TRUE(counted.Gradients() == 2 && counted.Values() == 0);
     EXPECT_NEAR(step, 15.0 / 5.125, 1e-9);  // value differences limit the cubic
     const double x[3] = {step, -0.5 * step, 0.25 * step};
     EXPECT_NEAR(fval, q(x, g), 1e-12);
