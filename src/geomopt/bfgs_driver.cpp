@@ -39,7 +39,7 @@ struct Thresholds {
 };
 
 Thresholds ThresholdsFor(double tolerance, unsigned int n) {
-  // Exact comparison with 0.1 is intended: the default tolerance has a row
+  // Deliberate: exact comparison with 0.1; the default tolerance has a row
   // of its own.
   if (tolerance > 0.1) return {0.001, 1e-4, std::sqrt(n + 1e-5)};
   if (tolerance == 0.1) return {1e-4, 1e-5, 1.0};
@@ -116,7 +116,7 @@ double LxBFGSOptimizer::operator()(LxFunc0&, LxCheckpoint0*, const double*, doub
 
 bool LxBFGSOptimizer::GetInverseHessian(double* out, unsigned int n) const {
   if (keptHessian_.empty()) {
-    // The missing "was" is intended: the text is part of the interface.
+    // Deliberate: the missing "was"; the text is part of the interface.
     LxThrow.Warning("Hessian can't be extracted because it not generated");
     return false;
   }
@@ -230,12 +230,12 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint, geom::R
         Report(checkpoint, iter, n, f, gnorm, x, converged);
         if (ComponentsWithin(g, n, tol)) return Ending::kFinalState;
         if (++componentCount == 1) componentF = f;
-        // The component limit travels in the gnorm argument; intended.
+        // Deliberate: the component limit travels in the gnorm argument.
         Report(checkpoint, iter, n, f, tol, x, kLxComp);
         if (std::fabs(f - componentF) > kComponentWindow) {
           componentCount = 0;
         } else if (componentCount > kComponentAttempts) {
-          // The window travels in the value argument; intended.
+          // Deliberate: the window travels in the value argument.
           Report(checkpoint, iter, n, kComponentWindow, gnorm, x, kLxNotJust);
           detail::Zero(g, n);
           return Ending::kAlreadyReported;
