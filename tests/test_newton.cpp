@@ -37,6 +37,8 @@ struct Outcome {
     for (const LxTraceEntry& e : calls()) column.push_back(e.*field);
     return column;
   }
+  States states() const { return Column(&LxTraceEntry::state); }
+  States iters() const { return Column(&LxTraceEntry::iter); }
 };
 template <class Optimizer>
 Outcome RunFrom(Optimizer& opt, LxFunc2& func, std::vector<double> start) {
@@ -95,8 +97,8 @@ TEST(Newton, ConvexQuadraticTakesOneStepOnceDampingIsSmall) {
   newton.initialDamping_ = 1e-14;
   const Outcome run = RunFrom(newton, counted, {0.0, 0.0, 0.0});
   // Step 0 lands on the minimum; step 1 starts there with r < 1e-6: Done.
-  EXPECT_EQ(run.Column(&LxTraceEntry::state), (States{kLxCont, kLxCont, kLxDone}));
-  EXPECT_EQ(run.Column(&LxTraceEntry::iter), (States{0, 1, 1}));
+  EXPECT_EQ(run.states(), (States{kLxCont, kLxCont, kLxDone}));
+  EXPECT_EQ(run.iters(), (States{0, 1, 1}));
   const std::vector<double>& v = run.calls()[0].x;
   EXPECT_LT(std::hypot(v[0] - 1.0, v[1] + 2.0, v[2] - 3.0), 1e-10);
   EXPECT_LT(run.f, 1e-18);
@@ -116,7 +118,7 @@ TEST(Newton, DampingGrowsToMaximumThenNotFoundAtTheTrialPoint) {
   const Outcome run = RunFrom(newton, counted, {0.3, -0.4});
   // lambda: 0.01, 0.08, ..., 327.68 (iteration 5), then 1000 where mu = 3000
   // and the step is g / 3002: out is left at that trial point.
-  ASSERT_EQ(run.Column(&LxTraceEntry::state), States{kLxNotFound});
+  ASSERT_EQ(run.states(), States{kLxNotFound});
   EXPECT_EQ(run.calls()[0].iter, 6u);
   const double grow = 1.0 + 2.0 / 3002.0;
   EXPECT_DOUBLE_EQ(run.out[0], 0.3 * grow);
@@ -138,7 +140,7 @@ TEST(Newton, IterationLimitZeroAndHessianFailureEndAfterPreconditioning) {
   descent.SetTolerance(2.0);
   descent.SetIterLimit(20);
   const Outcome expected = RunFrom(descent, quadratic, {-3.0, 5.0});
-  ASSERT_EQ(run.Column(&LxTraceEntry::state), States{kLxExhaust});
+  ASSERT_EQ(run.states(), States{kLxExhaust});
   EXPECT_EQ(run.calls()[0].iter, 0u);
   EXPECT_EQ(run.calls()[0].gnorm, 0.0);
   EXPECT_EQ(run.out, expected.out);
@@ -168,8 +170,7 @@ TEST(Newton, RiseBelowValueChangeToleranceIsAccepted) {
     OpenNewton newton(1);
     const Outcome run = RunFrom(newton, rising, {0.0});
     const bool accepted = slope * x1 < 1e-12;
-    EXPECT_EQ(run.Column(&LxTraceEntry::state),
-              (accepted ? States{kLxCont, kLxExhaust} : States{kLxExhaust}));
+    EXPECT_EQ(run.states(), (accepted ? States{kLxCont, kLxExhaust} : States{kLxExhaust}));
     EXPECT_EQ(run.calls().back().iter, 1u);
     EXPECT_DOUBLE_EQ(run.out[0], accepted ? x1 : 0.0);
     EXPECT_DOUBLE_EQ(run.f, slope * x1);  // the last computed value, even when rejected
@@ -192,8 +193,8 @@ TEST(Newton, SmallGradientMovesTheLimitToIterationPlus30) {
     states.insert(states.begin() + 4, kLxStable);
     states.back() = kLxExhaust;
     for (unsigned int i = 3; i <= 33; ++i) iters.push_back(i);
-    EXPECT_EQ(run.Column(&LxTraceEntry::state), states);
-    EXPECT_EQ(run.Column(&LxTraceEntry::iter), iters);
+    EXPECT_EQ(run.states(), states);
+    EXPECT_EQ(run.iters(), iters);
     EXPECT_LT(run.calls()[4].gnorm, 1e-5);
     EXPECT_GE(run.calls()[2].gnorm, 1e-5);
   }
@@ -204,7 +205,7 @@ Eigen::VectorXd FirstStep(const Eigen::MatrixXd& h, const Eigen::VectorXd& x0) {
   Scripted f = Descending(h);
   OpenNewton newton(1);
   const Outcome run = RunFrom(newton, f, std::vector<double>(x0.data(), x0.data() + x0.size()));
-  EXPECT_EQ(run.Column(&LxTraceEntry::state), (States{kLxCont, kLxExhaust}));
+  EXPECT_EQ(run.states(), (States{kLxCont, kLxExhaust}));
   return x0 - Eigen::Map<const Eigen::VectorXd>(run.calls()[0].x.data(), x0.size());
 }
 
