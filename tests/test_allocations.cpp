@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "support/newton.h"
 #include "support/problems.h"
 
 namespace {
@@ -195,6 +196,35 @@ TEST(LineAllocations, NoneWithinFixedBlocksAboveTheThreshold) {
     EXPECT_EQ(CountSearch(*lm, kSmall), std::make_pair(0l, 0l)) << row.name;
     EXPECT_EQ(CountSearch(*lm, kLargeLine), std::make_pair(row.blocksAbove, row.blocksAbove))
         << row.name;
+  }
+}
+
+// The Newton runs, plain and under a plane and a sphere, on a Hessian that is
+// positive definite or needs its pivots repaired (n = 100: two 64-wide
+// tiles of the unpacking) allocate nothing from the first report to the last.
+TEST(NewtonAllocations, NoneWhileIterating) {
+  LXTEST_SKIP_IF_NOT_COUNTED();
+  const int n = 100;
+  MtRng rng;
+  Eigen::MatrixXd q = lxtest::Random(n, rng);
+  lxtest::Quadric plane(std::vector<double>(n, 1.0), 1.0);
+  lxtest::Quadric sphere(std::vector<double>(n, 0.0), 1.0, 1.0);
+  for (bool indefinite : {false, true}) {
+    for (int j = 0; j < n; ++j) q(j, j) = indefinite && j % 9 == 0 ? -3.0 * n : 2.0 * n;
+    lxtest::Scripted f = lxtest::Descending(q);
+    LxNewtonOpt newton;
+    LxNewtonConstrOpt constrained;
+    constrained.Add(plane);
+    constrained.Add(sphere);
+    for (LxOptimizer2* opt : std::initializer_list<LxOptimizer2*>{&newton, &constrained}) {
+      opt->SetIterLimit(12);
+      opt->SetTolerance(0.0);
+      Watch watch;
+      std::vector<double> start(n, 0.1), out(n);
+      (*opt)(f, &watch, start.data(), out.data());
+      EXPECT_GE(watch.calls, 3) << indefinite;
+      EXPECT_EQ(watch.lastAllocations - watch.firstAllocations, 0) << indefinite;
+    }
   }
 }
 

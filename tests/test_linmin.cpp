@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <memory>
-#include <tuple>
 
 #include "support/linesearch.h"
 #include "support/problems.h"
@@ -38,6 +37,11 @@ const LxQNLineMinimize kQN, kQNFloor2(32, 1e-4, 0.9, 2.0), kQNOneTrial(1), kQNNo
 const LxMaxStepLineMinimize kMaxHalf(&limitHalf, 1), kMaxTwo(&limitTwo, 1), kMaxZero(&limitZero, 1),
     kMaxWide(&limitWide, 1), kMaxOne(&limitOne, 1), kMaxLong(&limitLong, 1), kMaxNone;
 const LxNRLineSearch kNR0(0), kNR1(1);
+const LxMoreThuenteLineMinimize kMT, kMTLimit2 = [] {
+  LxMoreThuenteLineMinimize lm;
+  lm.SetStepLimit(2.0);
+  return lm;
+}();
 
 // The polynomials c0 + c1 x + c2 x^2 + c3 x^3 along the line.
 using Poly = std::array<double, 4>;
@@ -58,6 +62,13 @@ const Poly kFalling{0, -1, 0, -1};
 Points Doublings() {
   Points p(32);
   for (int i = 0; i < 32; ++i) p[i] = std::ldexp(1.0, i);
+  return p;
+}
+// The More-Thuente search extrapolates on kFalling to a + 4 (a - a_prev):
+// (4^(i+1) - 1) / 3, and after 20 trials takes the lowest, the last.
+Points Quadruplings() {
+  Points p(20);
+  for (int i = 0; i < 20; ++i) p[i] = (std::ldexp(1.0, 2 * i + 2) - 1.0) / 3.0;
   return p;
 }
 // (x - 50)^2 with limit 1 from the entry step 100: the march walks 1, 2, ...,
@@ -146,7 +157,14 @@ INSTANTIATE_TEST_SUITE_P(
         {"nr_mode0_starts_at_entry", &kNR0, kSq, 0.3, true, 0.3, {0.3, 0.3}},
         {"nr_mode1_quadratic_backtrack", &kNR1, kNear, 7.0, true, 0.1, {1.0, 0.1, 0.1}},
         {"nr_mode0_quadratic_backtrack", &kNR0, kNear, 1.0, true, 0.1, {1.0, 0.1, 0.1}},
-        {"nr_product_formula", &kNR0, kNear, 2.0, true, 0.1, {2.0, kProductStep, 0.1, 0.1}}}),
+        {"nr_product_formula", &kNR0, kNear, 2.0, true, 0.1, {2.0, kProductStep, 0.1, 0.1}},
+        // More-Thuente: strong Wolfe tests, no trial beyond the step limit.
+        {"mt_first_trial_accepted", &kMT, kSq, 0.5, true, 0.5, {0.5}},
+        {"mt_long_first_trial_brackets", &kMT, kSq, 3.0, true, 1.0, {3.0, 1.0}},
+        {"mt_not_downhill_fails", &kMT, kAtMin, 1.0, false, 0, {}},
+        {"mt_spent_trials_take_the_lowest", &kMT, kFalling, 1.0, true, Quadruplings()[19],
+         Quadruplings()},
+        {"mt_falling_at_the_limit_accepted", &kMTLimit2, kFalling, 1.0, true, 2.0, {1.0, 2.0}}}),
     [](const ::testing::TestParamInfo<Case>& i) { return std::string(i.param.name); });
 
 // In n variables both cubic searches find the exact line minimum of a
@@ -156,10 +174,10 @@ TEST(LineSearchInNVariables, QuadraticLineMinimum) {
   const double x0[3] = {0.0, 0.0, 0.0};
   double grad0[3] = {-2.0, 8.0, -36.0};
   for (const LxLineMinimize* lm : Searches{&kCG, &kQN}) {
-    lxtest::Counting counted(q);
+    LxCountingFunc counted(q);
     double dir[3] = {1.0, -0.5, 0.25}, gradOut[3], fval = 41.0, step = 0.1, g[3];
     ASSERT_TRUE((*lm)(3, x0, dir, grad0, gradOut, &fval, &step, counted));
-    EXPECT_TRUE(counted.gradients == 2 && counted.values == 0);
+    EXPECT_TRUE(counted.Gradients() == 2 && counted.Values() == 0);
     EXPECT_NEAR(step, 15.0 / 5.125, 1e-9);  // value differences limit the cubic
     const double x[3] = {step, -0.5 * step, 0.25 * step};
     EXPECT_NEAR(fval, q(x, g), 1e-12);
@@ -169,32 +187,59 @@ TEST(LineSearchInNVariables, QuadraticLineMinimum) {
 
 // Values that are not numbers end every search: CG spends its 32 trials and
 // succeeds, QN stops at the degenerate interpolation, the march at the first
-// such value (not 39 steps of 2.5e4 on to the entry step 1e6) before QN, and
-// the backtracking search fails at its smallest step.
-TEST(LineSearchNotANumber, EverySearchEnds) {
-  using Case = std::tuple<const LxLineMinimize*, bool, int>;
-  for (const auto& [lm, ok, evaluations] :
-       {Case{&kCG, true, 32}, Case{&kQN, false, 1}, Case{&kMaxLong, false, 1 + 1},
-        Case{&kNR1, false, 23}}) {
-    lxtest::NotANumber f;
-    const double x0 = 0.0;
-    double dir = 1.0, grad0 = -1.0, gradOut = kUnset, fval = 0.0, step = 1e6;
-    EXPECT_EQ((*lm)(1, &x0, &dir, &grad0, &gradOut, &fval, &step, f), ok);
-    EXPECT_EQ(f.evaluations, evaluations);
-  }
+// such value (not 39 steps of 2.5e4 on to the entry step 1e6) before QN, the
+// backtracking search fails at its smallest step, More-Thuente after its 20
+// trials. n = 0: the cubic searches fail at the first trial (the value did
+// not fall); the backtracking search's smallest step is infinite, so its
+// first trial fails; More-Thuente sees no downhill slope and evaluates nothing.
+struct EdgeCase {
+  const char* name;
+  const LxLineMinimize* lm;
+  bool nanOk;
+  int nanEvaluations;
+  std::vector<double> empty;  // gradient and value calls, step left
+};
+void PrintTo(const EdgeCase& c, std::ostream* os) {
+  *os << c.name;
+}
+class Edges : public ::testing::TestWithParam<EdgeCase> {};
+
+TEST_P(Edges, NotANumberAndNoVariablesEndTheSearch) {
+  const EdgeCase& c = GetParam();
+  lxtest::NotANumber f;
+  const double x0 = 0.0;
+  double dir = 1.0, grad0 = -1.0, gradOut = kUnset, fval = 0.0, step = 1e6;
+  EXPECT_EQ((*c.lm)(1, &x0, &dir, &grad0, &gradOut, &fval, &step, f), c.nanOk);
+  EXPECT_EQ(f.evaluations, c.nanEvaluations);
+  lxtest::DiagonalQuadratic empty({}, {});
+  LxCountingFunc counted(empty);
+  fval = 0.0, step = 0.5;
+  EXPECT_FALSE((*c.lm)(0, nullptr, nullptr, nullptr, nullptr, &fval, &step, counted));
+  EXPECT_EQ((std::vector<double>{1.0 * counted.Gradients(), 1.0 * counted.Values(), step}),
+            c.empty);
 }
 
-// n = 0: the cubic searches fail at the first trial (the value did not fall);
-// the backtracking search's smallest step is infinite, so its first trial fails.
-TEST(LineSearchEmpty, NoVariablesFails) {
-  lxtest::DiagonalQuadratic empty({}, {});
-  for (const LxLineMinimize* lm : Searches{&kCG, &kQN, &kNR0}) {
-    lxtest::Counting counted(empty);
-    double fval = 0.0, step = 0.5;
-    EXPECT_FALSE((*lm)(0, nullptr, nullptr, nullptr, nullptr, &fval, &step, counted));
-    EXPECT_EQ((std::vector<double>{1.0 * counted.gradients, 1.0 * counted.values, step}),
-              (std::vector<double>{1, lm == &kNR0 ? 1.0 : 0.0, 0.5}));
-  }
+INSTANTIATE_TEST_SUITE_P(Searches, Edges,
+                         ::testing::ValuesIn(std::vector<EdgeCase>{
+                             {"cg", &kCG, true, 32, {1, 0, 0.5}},
+                             {"qn", &kQN, false, 1, {1, 0, 0.5}},
+                             {"max_long", &kMaxLong, false, 1 + 1, {1, 0, 0.5}},
+                             {"nr0", &kNR0, false, 46, {1, 1, 0.5}},
+                             {"nr1", &kNR1, false, 23, {1, 1, 1.0}},
+                             {"mt", &kMT, false, 20, {0, 0, 0.5}}}),
+                         [](const auto& i) { return std::string(i.param.name); });
+
+// The geometry driver's search serves the quasi-Newton optimizers too: BFGS
+// with it reaches the valley's minimum.
+TEST(MoreThuenteLineMinimize, DrivesTheQuasiNewtonOptimizers) {
+  lxtest::Rosenbrock valley;
+  LxBFGSOpt bfgs;
+  ASSERT_TRUE(bfgs.SetLineMinimize(LxMoreThuenteLineMinimize()));
+  bfgs.SetTolerance(1e-16);
+  double start[2] = {-1.2, 1.0}, out[2];
+  EXPECT_LT(bfgs(valley, start, out), 1e-12);
+  EXPECT_EQ(bfgs.LastRun().state, kLxDone);
+  EXPECT_NEAR(out[0], 1.0, 1e-6);
 }
 
 // The limits are copied in; copies and assignment are deep (clones: above), and

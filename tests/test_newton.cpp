@@ -1,40 +1,19 @@
 // Newton optimizers: eigenvalue checks, the damped run's exits and damping,
-// the pivot repair, the constrained run and the allocation-free loop.
+// the pivot repair and the constrained run (the allocation-free loop is in
+// test_allocations.cpp).
 #include <gtest/gtest.h>
 
 #include <Eigen/Cholesky>
 #include <Eigen/QR>
-#include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <functional>
 
-#include "support/problems.h"
-
-// Counts every malloc of the process (Eigen's included). Only malloc is
-// replaced and it forwards to glibc's, so free, calloc and realloc stay matched.
-#ifndef __SANITIZE_ADDRESS__
-extern "C" void* __libc_malloc(std::size_t size);
-static std::atomic<long> mallocCount{0};
-extern "C" void* malloc(std::size_t size) {
-  ++mallocCount;
-  return __libc_malloc(size);
-}
-static long Mallocs() {
-  return mallocCount.load();
-}
-#else
-static long Mallocs() {
-  return -1;
-}  // not counted: the sanitizer owns malloc
-#endif
+#include "support/newton.h"
 
 namespace {
 
 using namespace LxOpt;
-using lxtest::Counting;
-using lxtest::DiagonalQuadratic;
-using lxtest::MessageCapture;
+using namespace lxtest;
 using States = std::vector<unsigned int>;
 
 // The implementation with its fixed settings opened up; no preconditioning.
@@ -49,64 +28,24 @@ struct OpenNewton : LxNewtonOptImpl {
 
 // One recorded run.
 struct Outcome {
-  lxtest::Recorder rec;
+  LxTraceCheckpoint rec{nullptr, true};
   std::vector<double> out;
   double f;
+  const std::vector<LxTraceEntry>& calls() const { return rec.Entries(); }
+  States Column(unsigned int LxTraceEntry::*field) const {
+    States column;
+    for (const LxTraceEntry& e : calls()) column.push_back(e.*field);
+    return column;
+  }
+  States states() const { return Column(&LxTraceEntry::state); }
+  States iters() const { return Column(&LxTraceEntry::iter); }
 };
 template <class Optimizer>
 Outcome RunFrom(Optimizer& opt, LxFunc2& func, std::vector<double> start) {
-  Outcome run{{}, std::vector<double>(start.size()), 0.0};
+  Outcome run;
+  run.out.resize(start.size());
   run.f = opt(func, &run.rec, start.data(), run.out.data());
   return run;
-}
-
-// An objective from one function f(x, packed H, g) that writes H and g when
-// g is not null, so value and derivatives can disagree on purpose. Its
-// evaluations do not allocate.
-class Scripted : public lxtest::Objective {
- public:
-  using Objective::operator();
-  using Fn = std::function<double(const double* x, double* packed, double* g)>;
-  Scripted(unsigned int n, Fn fn) : n_(n), fn_(std::move(fn)), packed_(n * (n + 1) / 2) {}
-  unsigned int NumVar() const override { return n_; }
-  double operator()(const double* x) override { return fn_(x, nullptr, nullptr); }
-  double operator()(const double* x, double* g) override { return fn_(x, packed_.data(), g); }
-  bool operator()(const double* x, double* packed, double* g) override {
-    return fn_(x, packed, g), true;
-  }
-
- private:
-  unsigned int n_;
-  Fn fn_;
-  std::vector<double> packed_;
-};
-
-std::vector<double> Packed(const Eigen::MatrixXd& h) {
-  std::vector<double> packed;
-  for (Eigen::Index i = 0; i < h.rows(); ++i)
-    for (Eigen::Index j = 0; j <= i; ++j) packed.push_back(h(i, j));
-  return packed;
-}
-
-// The derivatives of 1/2 x^T H x with a value that falls with every call, so
-// that every step is accepted.
-Scripted Descending(const Eigen::MatrixXd& h) {
-  const auto n = static_cast<unsigned int>(h.rows());
-  auto fn = [h, n, packed = Packed(h), calls = 0.0](const double* x, double* hp,
-                                                    double* g) mutable {
-    if (g)
-      Eigen::Map<Eigen::VectorXd>(g, n).noalias() = h * Eigen::Map<const Eigen::VectorXd>(x, n);
-    if (g) std::copy(packed.begin(), packed.end(), hp);
-    return -(calls += 1.0);
-  };
-  return Scripted(n, fn);
-}
-
-// Entries uniform in (-1, 1) from the seeded generator.
-Eigen::MatrixXd Random(int n, MtRng& rng) {
-  LxUniformDoubleRNG uniform(-1.0, 1.0);
-  return Eigen::MatrixXd::NullaryExpr(n, n,
-                                      [&](Eigen::Index, Eigen::Index) { return uniform(rng); });
 }
 
 // ---------------------------------------------------------------- eigenvalues
@@ -153,19 +92,19 @@ TEST(EigenvalueChecks, KnownSpectraInBothForms) {
 
 TEST(Newton, ConvexQuadraticTakesOneStepOnceDampingIsSmall) {
   DiagonalQuadratic quadratic({1.0, 10.0, 100.0}, {1.0, -2.0, 3.0});
-  Counting counted(quadratic);
+  LxCountingFunc counted(quadratic);
   OpenNewton newton;
   newton.initialDamping_ = 1e-14;
   const Outcome run = RunFrom(newton, counted, {0.0, 0.0, 0.0});
   // Step 0 lands on the minimum; step 1 starts there with r < 1e-6: Done.
-  EXPECT_EQ(run.rec.States(), (States{kLxCont, kLxCont, kLxDone}));
-  EXPECT_EQ(run.rec.Iters(), (States{0, 1, 1}));
-  const std::vector<double>& v = run.rec.calls[0].vars;
+  EXPECT_EQ(run.states(), (States{kLxCont, kLxCont, kLxDone}));
+  EXPECT_EQ(run.iters(), (States{0, 1, 1}));
+  const std::vector<double>& v = run.calls()[0].x;
   EXPECT_LT(std::hypot(v[0] - 1.0, v[1] + 2.0, v[2] - 3.0), 1e-10);
   EXPECT_LT(run.f, 1e-18);
   // Values at the start and the two trial points; two Hessians.
-  EXPECT_EQ((std::vector<int>{counted.values, counted.gradients, counted.hessians}),
-            (std::vector<int>{3, 0, 2}));
+  EXPECT_EQ((std::vector<std::uint64_t>{counted.Values(), counted.Gradients(), counted.Hessians()}),
+            (std::vector<std::uint64_t>{3, 0, 2}));
 }
 
 TEST(Newton, DampingGrowsToMaximumThenNotFoundAtTheTrialPoint) {
@@ -174,25 +113,25 @@ TEST(Newton, DampingGrowsToMaximumThenNotFoundAtTheTrialPoint) {
     if (g) g[0] = -2.0 * x[0], g[1] = -2.0 * x[1], h[0] = h[2] = 2.0;
     return x[0] * x[0] + x[1] * x[1];
   });
-  Counting counted(uphill);
+  LxCountingFunc counted(uphill);
   OpenNewton newton;
   const Outcome run = RunFrom(newton, counted, {0.3, -0.4});
   // lambda: 0.01, 0.08, ..., 327.68 (iteration 5), then 1000 where mu = 3000
   // and the step is g / 3002: out is left at that trial point.
-  ASSERT_EQ(run.rec.States(), States{kLxNotFound});
-  EXPECT_EQ(run.rec.calls[0].iter, 6u);
+  ASSERT_EQ(run.states(), States{kLxNotFound});
+  EXPECT_EQ(run.calls()[0].iter, 6u);
   const double grow = 1.0 + 2.0 / 3002.0;
   EXPECT_DOUBLE_EQ(run.out[0], 0.3 * grow);
   EXPECT_DOUBLE_EQ(run.out[1], -0.4 * grow);
   EXPECT_DOUBLE_EQ(run.f, 0.25 * grow * grow);
-  EXPECT_DOUBLE_EQ(run.rec.calls[0].gnorm, std::sqrt(0.5));
-  EXPECT_EQ(counted.hessians, 1);  // H and g are reused after a failed step
-  EXPECT_EQ(counted.values, 8);
+  EXPECT_DOUBLE_EQ(run.calls()[0].gnorm, std::sqrt(0.5));
+  EXPECT_EQ(counted.Hessians(), 1u);  // H and g are reused after a failed step
+  EXPECT_EQ(counted.Values(), 8u);
 }
 
 TEST(Newton, IterationLimitZeroAndHessianFailureEndAfterPreconditioning) {
   DiagonalQuadratic quadratic({1.0, 4.0}, {1.0, 1.0});
-  Counting counted(quadratic);
+  LxCountingFunc counted(quadratic);
   LxNewtonOpt newton;
   newton.SetIterLimit(0);
   const Outcome run = RunFrom(newton, counted, {-3.0, 5.0});
@@ -201,19 +140,20 @@ TEST(Newton, IterationLimitZeroAndHessianFailureEndAfterPreconditioning) {
   descent.SetTolerance(2.0);
   descent.SetIterLimit(20);
   const Outcome expected = RunFrom(descent, quadratic, {-3.0, 5.0});
-  ASSERT_EQ(run.rec.States(), States{kLxExhaust});
-  EXPECT_EQ(run.rec.calls[0].iter, 0u);
-  EXPECT_EQ(run.rec.calls[0].gnorm, 0.0);
+  ASSERT_EQ(run.states(), States{kLxExhaust});
+  EXPECT_EQ(run.calls()[0].iter, 0u);
+  EXPECT_EQ(run.calls()[0].gnorm, 0.0);
   EXPECT_EQ(run.out, expected.out);
   EXPECT_EQ(run.f, quadratic(expected.out.data()));
-  EXPECT_EQ((std::vector<int>{counted.values, counted.hessians}), (std::vector<int>{1, 0}));
+  EXPECT_EQ(counted.Values(), 1u);
+  EXPECT_EQ(counted.Hessians(), 0u);
   // A Hessian operation that fails: 0.0 and no report; out stays where the
   // preconditioning run left it.
   lxtest::Linear linear({1.0, -2.0});
   newton.SetIterLimit(5);
   const Outcome failed = RunFrom(newton, linear, {0.5, 0.5});
   EXPECT_EQ(failed.f, 0.0);
-  EXPECT_TRUE(failed.rec.calls.empty());
+  EXPECT_TRUE(failed.calls().empty());
   EXPECT_NE(failed.out[0], 0.5);
 }
 
@@ -230,8 +170,8 @@ TEST(Newton, RiseBelowValueChangeToleranceIsAccepted) {
     OpenNewton newton(1);
     const Outcome run = RunFrom(newton, rising, {0.0});
     const bool accepted = slope * x1 < 1e-12;
-    EXPECT_EQ(run.rec.States(), (accepted ? States{kLxCont, kLxExhaust} : States{kLxExhaust}));
-    EXPECT_EQ(run.rec.calls.back().iter, 1u);
+    EXPECT_EQ(run.states(), (accepted ? States{kLxCont, kLxExhaust} : States{kLxExhaust}));
+    EXPECT_EQ(run.calls().back().iter, 1u);
     EXPECT_DOUBLE_EQ(run.out[0], accepted ? x1 : 0.0);
     EXPECT_DOUBLE_EQ(run.f, slope * x1);  // the last computed value, even when rejected
   }
@@ -253,10 +193,10 @@ TEST(Newton, SmallGradientMovesTheLimitToIterationPlus30) {
     states.insert(states.begin() + 4, kLxStable);
     states.back() = kLxExhaust;
     for (unsigned int i = 3; i <= 33; ++i) iters.push_back(i);
-    EXPECT_EQ(run.rec.States(), states);
-    EXPECT_EQ(run.rec.Iters(), iters);
-    EXPECT_LT(run.rec.calls[4].gnorm, 1e-5);
-    EXPECT_GE(run.rec.calls[2].gnorm, 1e-5);
+    EXPECT_EQ(run.states(), states);
+    EXPECT_EQ(run.iters(), iters);
+    EXPECT_LT(run.calls()[4].gnorm, 1e-5);
+    EXPECT_GE(run.calls()[2].gnorm, 1e-5);
   }
 }
 
@@ -265,8 +205,8 @@ Eigen::VectorXd FirstStep(const Eigen::MatrixXd& h, const Eigen::VectorXd& x0) {
   Scripted f = Descending(h);
   OpenNewton newton(1);
   const Outcome run = RunFrom(newton, f, std::vector<double>(x0.data(), x0.data() + x0.size()));
-  EXPECT_EQ(run.rec.States(), (States{kLxCont, kLxExhaust}));
-  return x0 - Eigen::Map<const Eigen::VectorXd>(run.rec.calls[0].vars.data(), x0.size());
+  EXPECT_EQ(run.states(), (States{kLxCont, kLxExhaust}));
+  return x0 - Eigen::Map<const Eigen::VectorXd>(run.calls()[0].x.data(), x0.size());
 }
 
 TEST(Newton, IndefiniteHessianIsRepaired) {
@@ -303,23 +243,6 @@ TEST(Newton, IndefiniteHessianIsRepaired) {
 
 // ---------------------------------------------------------------- constrained
 
-// c(x) = s |x|^2 + a^T x - b: a plane (s = 0) or a sphere.
-class Quadric : public LxConstrFunc {
- public:
-  Quadric(std::vector<double> a, double b, double s = 0.0) : a_(std::move(a)), b_(b), s_(s) {}
-  double operator()(const double* x, double* grad) override {
-    double v = -b_;
-    for (size_t i = 0; i < a_.size(); ++i)
-      v += (s_ * x[i] + a_[i]) * x[i], grad[i] = 2.0 * s_ * x[i] + a_[i];
-    return v;
-  }
-  unsigned int NumVar() const override { return static_cast<unsigned int>(a_.size()); }
-
- private:
-  std::vector<double> a_;
-  double b_, s_;
-};
-
 TEST(ConstrainedNewton, ReachesAnalyticConstrainedMinima) {
   const std::vector<double> c{1.0, -1.0, 2.0, 0.5};
   DiagonalQuadratic quadratic({1.0, 2.0, 3.0, 0.5}, c), round({1.0, 1.0, 1.0, 1.0}, c);
@@ -346,8 +269,8 @@ TEST(ConstrainedNewton, ReachesAnalyticConstrainedMinima) {
     newton.SetTolerance(1e-9);
     for (LxConstrFunc* constraint : k.constraints) ASSERT_TRUE(newton.Add(*constraint));
     const Outcome run = RunFrom(newton, *k.f, k.start);
-    ASSERT_FALSE(run.rec.calls.empty());
-    EXPECT_EQ(run.rec.calls.back().state, kLxDone);
+    ASSERT_FALSE(run.calls().empty());
+    EXPECT_EQ(run.calls().back().state, kLxDone);
     for (int i = 0; i < 4; ++i) EXPECT_NEAR(run.out[i], k.minimizer[i], 1e-7) << i;
     EXPECT_NEAR(run.f, (*k.f)(k.minimizer.data()), 1e-10);
   }
@@ -363,47 +286,6 @@ TEST(ConstrainedNewton, AddAndRemoveByAddress) {
   EXPECT_TRUE(copy.Remove(q));
   EXPECT_EQ(copy.GetImpl()->Constraints(), std::vector<LxConstrFunc*>{&other});
   EXPECT_EQ(newton.GetImpl()->Constraints(), (std::vector<LxConstrFunc*>{&q, &other}));
-}
-
-// ---------------------------------------------------------------- allocation
-
-// The mallocs from the first to the last state-0 report; stores nothing on the heap.
-struct MallocWatch : LxCheckpoint1 {
-  using LxCheckpoint1::operator();
-  bool operator()(unsigned, unsigned, double, double, const double*, const double*,
-                  unsigned state) override {
-    if (state == kLxCont && conts++ == 0) first = Mallocs();
-    if (state == kLxCont) between = Mallocs() - first;
-    return true;
-  }
-  long first = 0, conts = 0, between = 0;
-};
-
-TEST(NewtonAllocation, IterationsDoNotAllocate) {
-  if (Mallocs() < 0) GTEST_SKIP() << "malloc is not counted under the address sanitizer";
-  const int n = 100;  // two 64-wide tiles
-  const long before = Mallocs();
-  MtRng rng;
-  Eigen::MatrixXd q = Random(n, rng);
-  ASSERT_GT(Mallocs(), before) << "malloc is not interposed; the test would prove nothing";
-  Quadric plane(std::vector<double>(n, 1.0), 1.0), sphere(std::vector<double>(n, 0.0), 1.0, 1.0);
-  for (bool indefinite : {false, true}) {
-    for (int j = 0; j < n; ++j) q(j, j) = indefinite && j % 9 == 0 ? -3.0 * n : 2.0 * n;
-    Scripted f = Descending(q);
-    LxNewtonOpt newton;
-    LxNewtonConstrOpt constrained;
-    constrained.Add(plane);
-    constrained.Add(sphere);
-    for (LxOptimizer2* opt : std::initializer_list<LxOptimizer2*>{&newton, &constrained}) {
-      opt->SetIterLimit(12);
-      opt->SetTolerance(0.0);
-      MallocWatch watch;
-      std::vector<double> start(n, 0.1), out(n);
-      (*opt)(f, &watch, start.data(), out.data());
-      EXPECT_GE(watch.conts, 3) << indefinite;
-      EXPECT_EQ(watch.between, 0) << indefinite;
-    }
-  }
 }
 
 }  // namespace

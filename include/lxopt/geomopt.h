@@ -13,6 +13,10 @@
 
 namespace LxOpt {
 
+namespace geom {
+struct RunState;
+}  // namespace geom
+
 // Turns a variable vector into Cartesian coordinates (x, y, z per atom).
 class LXOPT_API LxAdaptor {
  public:
@@ -316,23 +320,14 @@ class LXOPT_API LxBFGSOptimizer : public LxOptimizer1 {
                     double* xsave, double s, double& ssave, std::size_t n);
 
  private:
-  // Restores the default settings.
-  void setup();
-  // The cycles of one run on the current point and gradient of the object.
-  void optimize(LxFunc1& func, LxCheckpoint1* checkpoint);
+  // The cycles of one run on the point, gradient and value in run.
+  void optimize(LxFunc1& func, LxCheckpoint1* checkpoint, geom::RunState& run);
   double Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in, double* out);
   LxRunSummary lastRun_;
 
-  unsigned int n_ = 0;
+  unsigned int n_ = 0;  // variables of the latest run
   unsigned int iterLimit_ = kDefaultIterLimit;
   double tolerance_ = kDefaultTolerance;
-  double f_ = 0.0;
-  // Per-run arrays, empty when idle: point (n), gradient (n), and with history
-  // the stored points (n m), gradients (n m) and coefficients (m).
-  std::vector<double> run_;
-  bool idle_ = true;
-  unsigned int historyCount_ = 0;
-  unsigned int historyLength_ = 0;
   bool historyEnabled_ = false;
   // Kept packed inverse Hessian; empty until stored.
   std::vector<double> keptHessian_;

@@ -2,6 +2,7 @@
 #ifndef LXOPT_LINMIN_H
 #define LXOPT_LINMIN_H
 
+#include <limits>
 #include <memory>
 
 #include "lxopt/function.h"
@@ -191,6 +192,58 @@ class LXOPT_API LxNRLineSearch : public LxLineMinimize {
  private:
   double maxStep_;
   int initialStepMode_;
+};
+
+// The search of the geometry driver (LxBFGSOptimizer): Moré and Thuente's
+// safeguarded interpolation (ACM TOMS 20 (1994) 286) for a step meeting the
+// strong Wolfe conditions,
+//   f(a) <= f0 + 1e-4 a slope0   and   |slope(a)| <= 0.9 |slope0|,
+// with at most 20 evaluations, each of value and gradient. Near a minimum,
+// where f(a) - f0 sinks below the rounding of the values, a trial whose value
+// lies within 16 ulps of f0 is judged by its slope alone and accepted when
+// |slope(a)| <= 0.3 |slope0|. The first trial is min(*step, step limit); no
+// trial goes beyond the step limit (a multiple of dir), and a trial at the
+// limit that still goes down steeply (slope <= 1e-4 slope0) is accepted there.
+// Once its bracket is narrower than accuracy times its upper end, or the
+// trials are spent, the search settles for the lowest point evaluated.
+// Returns true when a step was accepted; unlike the base contract the value
+// accepted may be level with the entry value to rounding. Fails at once,
+// evaluating nothing, when dir does not point downhill (grad0 . dir not
+// negative). On false nothing is written.
+class LXOPT_API LxMoreThuenteLineMinimize : public LxLineMinimize {
+ public:
+  // How Search ended: found as operator() returns it; capped when the accepted
+  // step is at the step limit and was taken there for want of a Wolfe point.
+  struct Outcome {
+    bool found;
+    bool capped;
+  };
+
+  // No step limit, accuracy 0.01.
+  LxMoreThuenteLineMinimize() = default;
+
+  // The search described above, with the base class's argument contract
+  // (but for the level values above).
+  bool operator()(unsigned int n, const double* x0, double* dir, double* grad0, double* gradOut,
+                  double* fval, double* step, LxFunc1& func) const override;
+  // The same search with the trial point and gradient in work (2 n doubles),
+  // or in a block of its own when work is null, reporting whether it was
+  // capped.
+  Outcome Search(unsigned int n, const double* x0, const double* dir, const double* grad0,
+                 double* gradOut, double* fval, double* step, LxFunc1& func, double* work) const;
+  // A new heap copy with the same settings, owned by the caller.
+  LxLineMinimize* CreateCopy() const override;
+
+  // Largest step a, a multiple of dir (infinite: no limit).
+  void SetStepLimit(double limit) { stepLimit_ = limit; }
+  double GetStepLimit() const { return stepLimit_; }
+  // Relative bracket width at which the search stops refining.
+  void SetAccuracy(double accuracy) { accuracy_ = accuracy; }
+  double GetAccuracy() const { return accuracy_; }
+
+ private:
+  double stepLimit_ = std::numeric_limits<double>::infinity();
+  double accuracy_ = 0.01;
 };
 
 }  // namespace LxOpt

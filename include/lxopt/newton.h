@@ -18,10 +18,11 @@ namespace LxOpt {
 // ------------------------------------------------------------ eigenvalue checks
 
 // Whether a final Hessian describes a minimum: 1 when no eigenvalue is below
-// -1.0 (small negative eigenvalues pass on purpose), else 0 after the warning
-// "Found a negative eigenvalue = %f ...". 0 without a message when the
-// eigensolver fails; 1 for n = 0. The packed form unpacks and calls the dense
-// one; the dense form reads the lower triangle of the n x n matrix h.
+// -1.0, else 0 after the warning "Found a negative eigenvalue = %f ...". 0
+// without a message when the eigensolver fails; 1 for n = 0. The packed form
+// unpacks and calls the dense one; the dense form reads the lower triangle of
+// the n x n matrix h.
+// Deliberate: small negative eigenvalues (down to -1.0) pass.
 LXOPT_API int LxCheckEigenvalues(unsigned int n, const double* packed);
 LXOPT_API int LxCheckEigenvalues(unsigned int n, const Eigen::MatrixXd& h);
 
@@ -105,7 +106,7 @@ class LXOPT_API LxNewtonOptImpl {
   // The damped Newton loop of both runs, from the preconditioning to the
   // returned value (the exits of the class comment); step forms each step,
   // the merit it is accepted by, the reported gradient and the convergence
-  // test. gradient_ and packed_ must be sized to func, work to n.
+  // test. work must be sized to func's n.
   double RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint, const double* start, double* x,
                          detail::NewtonStep& step, detail::NewtonWorkspace& work);
 
@@ -121,8 +122,6 @@ class LXOPT_API LxNewtonOptImpl {
   int preconditionIterLimit_ = 20;
   double preconditionGradientScale_ = 1.0;
   bool checkEigenvalues_ = false;
-  std::vector<double> gradient_;  // work vector, n per run
-  std::vector<double> packed_;    // work vector, n (n + 1) / 2 per run
 };
 
 // The front: owns one LxNewtonOptImpl; copies copy it deeply.

@@ -50,8 +50,8 @@ double LxBFGSCheckpoint::maxdisp(const double* var) const {
 }
 
 bool LxBFGSCheckpoint::operator()(unsigned int, unsigned int, double, const double*, unsigned int) {
-  // The argument list is cut short at its end ("unsigned in)"); intended, the
-  // text is part of the interface.
+  // Deliberate: the argument list is cut short at its end ("unsigned in)");
+  // the text is part of the interface.
   LxThrow.Fatal("operator() %s, can't be used with LxBFGSOptimizer",
                 "(unsigned int,unsigned int,double,const double*, unsigned in)");
 }
@@ -117,7 +117,7 @@ bool LxBFGSCheckpoint::operator()(unsigned int iter, unsigned int nvar, double f
     case kLxNotJust:
       if (v) {
         LxThrow.Info("Gradient test not passed but further calculations not justified:");
-        // The number printed is the RMSD, not the value decrease; intended.
+        // Deliberate: the number printed is the RMSD, not the value decrease.
         LxThrow.Info("In 5 attempts to reduce %s decrease was less than %12.5f", Name(), rmsd(var));
       }
       return SummaryOrStatistics(iter, nvar, gnorm, var, state);

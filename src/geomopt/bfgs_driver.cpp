@@ -6,6 +6,7 @@
 #include <typeinfo>
 
 #include "framework/internal.h"
+#include "framework/packed.h"
 #include "framework/run_record.h"
 #include "geomopt/geom_internal.h"
 #include "geomopt/surrogate_step.h"
@@ -38,7 +39,7 @@ struct Thresholds {
 };
 
 Thresholds ThresholdsFor(double tolerance, unsigned int n) {
-  // Exact comparison with 0.1 is intended: the default tolerance has a row
+  // Deliberate: exact comparison with 0.1; the default tolerance has a row
   // of its own.
   if (tolerance > 0.1) return {0.001, 1e-4, std::sqrt(n + 1e-5)};
   if (tolerance == 0.1) return {1e-4, 1e-5, 1.0};
@@ -80,17 +81,22 @@ enum class Ending { kFinalState, kAlreadyReported };
 
 }  // namespace
 
-LxBFGSOptimizer::LxBFGSOptimizer() {
-  setup();
+namespace geom {
+
+RunState::RunState(unsigned int n, bool withHistory) {
+  const unsigned int m = n <= kShortHistoryVariables ? n / 2 : kLongHistory;
+  const std::size_t size = n;
+  buffer.assign(2 * size + (withHistory ? 2 * size * m + m : 0), 0.0);
+  x = buffer.data();
+  g = x + size;
+  history = {g + size, g + size + size * m, g + size + 2 * size * m, m, n, 0, 0};
 }
+
+}  // namespace geom
+
+LxBFGSOptimizer::LxBFGSOptimizer() = default;
 
 LxBFGSOptimizer::~LxBFGSOptimizer() = default;
-
-void LxBFGSOptimizer::setup() {
-  iterLimit_ = kDefaultIterLimit;
-  idle_ = true;
-  tolerance_ = kDefaultTolerance;
-}
 
 void LxBFGSOptimizer::SetAtomicNumbers(const int* numbers, unsigned int atoms) {
   if (numbers == nullptr) atoms = 0;
@@ -115,14 +121,14 @@ double LxBFGSOptimizer::operator()(LxFunc0&, LxCheckpoint0*, const double*, doub
 
 bool LxBFGSOptimizer::GetInverseHessian(double* out, unsigned int n) const {
   if (keptHessian_.empty()) {
-    // The missing "was" is intended: the text is part of the interface.
+    // Deliberate: the missing "was"; the text is part of the interface.
     LxThrow.Warning("Hessian can't be extracted because it not generated");
     return false;
   }
   // n must be the latest run's; the kept matrix may come from an earlier run
   // over more variables, of which the leading n (n + 1) / 2 values are
   // copied as they stand. One kept for fewer variables cannot fill out.
-  const std::size_t count = geom::PackedSize(n);
+  const std::size_t count = packed::Size(n);
   if (n != n_ || keptHessian_.size() < count) {
     LxThrow.Warning("Can't extract Hessian: Wrong number of variables");
     return false;
@@ -141,35 +147,25 @@ double LxBFGSOptimizer::operator()(LxFunc1& func, LxCheckpoint1* checkpoint, con
 double LxBFGSOptimizer::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* in,
                             double* out) {
   n_ = func.NumVar();
-  const std::size_t n = n_;
-  historyLength_ = n_ <= kShortHistoryVariables ? n_ / 2 : kLongHistory;
-  historyCount_ = 0;
-  const std::size_t historySize = historyEnabled_ ? 2 * n * historyLength_ + historyLength_ : 0;
-  run_.assign(2 * n + historySize, 0.0);
-  double* const x = run_.data();
-  double* const g = x + n;
-  if (n != 0) std::memcpy(x, in, sizeof(double) * n);
-  f_ = func(x, g);
-
-  idle_ = false;
-  optimize(func, checkpoint);
-  if (out != nullptr && n != 0) std::memcpy(out, x, sizeof(double) * n);
-  run_.clear();
-  run_.shrink_to_fit();
-  idle_ = true;
-  return f_;
+  geom::RunState run(n_, historyEnabled_);
+  if (n_ != 0) std::memcpy(run.x, in, sizeof(double) * n_);
+  run.f = func(run.x, run.g);
+  optimize(func, checkpoint, run);
+  if (out != nullptr && n_ != 0) std::memcpy(out, run.x, sizeof(double) * n_);
+  return run.f;
 }
 
-void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
+void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint, geom::RunState& run) {
   const unsigned int n = n_;
   const double tol = tolerance_;
-  double* const x = run_.data();
-  double* const g = x + n;
+  double* const x = run.x;
+  double* const g = run.g;
+  double& f = run.f;
   const Thresholds limits = ThresholdsFor(tol, n);
 
   double gnorm = Norm(g, n);
   if (gnorm < tol) {
-    Report(checkpoint, 0, n, f_, gnorm, nullptr, kLxNoOpt);
+    Report(checkpoint, 0, n, f, gnorm, nullptr, kLxNoOpt);
     return;
   }
 
@@ -181,15 +177,9 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
                     static_cast<int>(sizeof(double) * scratchSize));
     return;
   }
-  geom::History history{g + n,
-                        g + n + std::size_t(n) * historyLength_,
-                        g + n + 2 * std::size_t(n) * historyLength_,
-                        historyLength_,
-                        n,
-                        0,
-                        0};
+  geom::History& history = run.history;
   const bool elements = !atomicNumbers_.empty() && 3 * atomicNumbers_.size() == n;
-  geom::CycleStep step(func, n, x, g, f_, scratch, historyEnabled_ ? &history : nullptr, cartesian_,
+  geom::CycleStep step(func, n, x, g, f, scratch, historyEnabled_ ? &history : nullptr, cartesian_,
                        elements ? atomicNumbers_.data() : nullptr);
   if (maxAtomStep_ > 0.0 && std::isfinite(maxAtomStep_)) step.CapAtomStep(maxAtomStep_);
   LxMallocaPtr surrogateBlock;
@@ -199,7 +189,7 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
   if (surrogateScratch != nullptr) step.SetSurrogate(&surrogate);
 
   unsigned int iter = 0;
-  double bestF = f_;
+  double bestF = f;
   unsigned int stalled = 0;
   unsigned int componentCount = 0;
   double componentF = 0.0;
@@ -207,30 +197,29 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
 
   auto cycles = [&]() -> Ending {
     for (;;) {
-      const double previousF = f_;
+      const double previousF = f;
       double moved = 0.0;
       const geom::StepStatus status = step.Take(accuracy, moved);
-      historyCount_ = history.count;
       gnorm = Norm(g, n);
       if (status == geom::StepStatus::kNotFound) {
-        Report(checkpoint, iter, n, f_, gnorm, x, kLxNotFound);
+        Report(checkpoint, iter, n, f, gnorm, x, kLxNotFound);
         return Ending::kAlreadyReported;
       }
       if (status == geom::StepStatus::kEnded) {
-        Report(checkpoint, iter, n, f_, gnorm, x, kLxEnded);
+        Report(checkpoint, iter, n, f, gnorm, x, kLxEnded);
         return Ending::kAlreadyReported;
       }
       ++iter;
 
       const double xnorm = Norm(x, n);
       const double displacement = xnorm != 0.0 ? moved / xnorm : moved;
-      const double valueChange = std::fabs(previousF - f_);
+      const double valueChange = std::fabs(previousF - f);
 
-      if (bestF - f_ >= kStallDecrease) {
+      if (bestF - f >= kStallDecrease) {
         stalled = 0;
-        bestF = f_;
+        bestF = f;
       } else if (++stalled > kStallCycles) {
-        Report(checkpoint, iter, n, f_, gnorm, x, kLxStable);
+        Report(checkpoint, iter, n, f, gnorm, x, kLxStable);
         return Ending::kFinalState;
       }
 
@@ -245,15 +234,15 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
         converged = kLxDist;
       }
       if (converged != kLxCont) {
-        Report(checkpoint, iter, n, f_, gnorm, x, converged);
+        Report(checkpoint, iter, n, f, gnorm, x, converged);
         if (ComponentsWithin(g, n, tol)) return Ending::kFinalState;
-        if (++componentCount == 1) componentF = f_;
-        // The component limit travels in the gnorm argument; intended.
-        Report(checkpoint, iter, n, f_, tol, x, kLxComp);
-        if (std::fabs(f_ - componentF) > kComponentWindow) {
+        if (++componentCount == 1) componentF = f;
+        // Deliberate: the component limit travels in the gnorm argument.
+        Report(checkpoint, iter, n, f, tol, x, kLxComp);
+        if (std::fabs(f - componentF) > kComponentWindow) {
           componentCount = 0;
         } else if (componentCount > kComponentAttempts) {
-          // The window travels in the value argument; intended.
+          // Deliberate: the window travels in the value argument.
           Report(checkpoint, iter, n, kComponentWindow, gnorm, x, kLxNotJust);
           detail::Zero(g, n);
           return Ending::kAlreadyReported;
@@ -263,20 +252,20 @@ void LxBFGSOptimizer::optimize(LxFunc1& func, LxCheckpoint1* checkpoint) {
       if (iter >= iterLimit_) return Ending::kFinalState;
       accuracy = AccuracyFor(valueChange);
       if (valueChange > kHistoryResetChange) geom::ClearHistory(history);
-      Report(checkpoint, iter, n, f_, gnorm, x, kLxCont);
+      Report(checkpoint, iter, n, f, gnorm, x, kLxCont);
     }
   };
 
   // The limit is looked at only after a cycle, so a limit of 0 runs one.
   const Ending ending = cycles();
   if (ending == Ending::kFinalState)
-    Report(checkpoint, iter, n, f_, gnorm, x, iter >= iterLimit_ ? kLxExhaust : kLxDone);
+    Report(checkpoint, iter, n, f, gnorm, x, iter >= iterLimit_ ? kLxExhaust : kLxDone);
 
-  f_ = func(x);
+  f = func(x);
   gnorm = Norm(g, n);
   if (keepHessian_ && gnorm < step.RestartGradientNorm()) {
     const double* h = step.InverseHessian();
-    keptHessian_.assign(h, h + geom::PackedSize(n));
+    keptHessian_.assign(h, h + packed::Size(n));
   }
 }
 

@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "framework/internal.h"
+#include "framework/packed.h"
 #include "geomopt/geom_internal.h"
 #include "geomopt/pair_model.h"
 #include "geomopt/surrogate_step.h"
@@ -50,7 +51,7 @@ constexpr unsigned int kSurrogateMisses = 5;
 }  // namespace
 
 std::size_t CycleStep::ScratchSize(unsigned int n, bool cartesian) {
-  return PackedSize(n) + 12 * std::size_t(n) +
+  return packed::Size(n) + 12 * std::size_t(n) +
          (cartesian ? PairModelSize(n) + (1 + 2 * std::size_t(ModelPairs(n))) * n + n / 3 : 0);
 }
 
@@ -58,7 +59,7 @@ CycleStep::CycleStep(LxFunc1& func, unsigned int n, double* x, double* g, double
                      double* scratch, History* history, bool cartesian, const int* atomicNumbers)
     : func_(func), n_(n), x_(x), g_(g), f_(f), history_(history) {
   h_ = scratch;
-  double* next = scratch + PackedSize(n);
+  double* next = scratch + packed::Size(n);
   for (double** v : {&dir_, &xStart_, &xOld_, &gOld_, &s_, &y_, &hy_, &xt_, &gt_, &gBest_}) {
     *v = next;
     next += n;
@@ -111,15 +112,16 @@ StepStatus CycleStep::Take(double accuracy, double& displacement) {
     Restart();
     for (unsigned int i = 0; i < n_; ++i) dir_[i] = -g_[i];
   }
-  LineResult found = Search(accuracy);
-  if (!found.found && !fresh_) {
+  double step = 0.0, fNew = f_;
+  bool found = Search(accuracy, step, fNew);
+  if (!found && !fresh_) {
     Restart();
     for (unsigned int i = 0; i < n_; ++i) dir_[i] = -g_[i];
-    found = Search(accuracy);
+    found = Search(accuracy, step, fNew);
   }
-  if (!found.found) return StepStatus::kNotFound;
+  if (!found) return StepStatus::kNotFound;
 
-  Move(found.step, found.f);
+  Move(step, fNew);
   Update();
   if (model_ != nullptr && !fresh_) RefreshModel();
   if (history_ != nullptr) {
@@ -130,17 +132,19 @@ StepStatus CycleStep::Take(double accuracy, double& displacement) {
   return StepStatus::kLowered;
 }
 
-LineResult CycleStep::Search(double accuracy) {
+bool CycleStep::Search(double accuracy, double& step, double& fNew) {
   // The first trial is the full quasi-Newton step, or after a restart the
   // move of kFirstMove; no trial moves an atom farther than the radius.
   const double firstMove = modelNearest_ > 0.0 ? kFirstMove * modelNearest_ : kFirstMove;
-  const double first = fresh_ ? CappedStep(dir_, n_, firstMove) : 1.0;
-  const double limit = CappedStep(dir_, n_, radius_);
-  const Line line{func_, n_, x_, g_, f_, dir_};
-  const LineResult found = LineMinimize(line, LineWork{xt_, gt_, gBest_}, first, limit, accuracy);
+  step = fresh_ ? CappedStep(dir_, n_, firstMove) : 1.0;
+  fNew = f_;
+  lineSearch_.SetStepLimit(CappedStep(dir_, n_, radius_));
+  lineSearch_.SetAccuracy(accuracy);
+  const LxMoreThuenteLineMinimize::Outcome found =
+      lineSearch_.Search(n_, x_, dir_, g_, gBest_, &fNew, &step, func_, xt_);
   radius_ = NextRadius(radius_, found.found && found.capped);
   if (radiusLimit_ > 0.0) radius_ = std::min(radius_, radiusLimit_);
-  return found;
+  return found.found;
 }
 
 void CycleStep::Move(double step, double fNew) {

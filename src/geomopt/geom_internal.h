@@ -1,12 +1,15 @@
 // Step generation of the geometry BFGS driver: packed inverse-Hessian
-// algebra, the line search and the history (DIIS and subspace) steps.
+// algebra, the step cap and the history (DIIS and subspace) steps.
 // Not part of the public interface.
 #ifndef LXOPT_SRC_GEOMOPT_GEOM_INTERNAL_H
 #define LXOPT_SRC_GEOMOPT_GEOM_INTERNAL_H
 
 #include <cstddef>
+#include <vector>
 
+#include "framework/packed.h"
 #include "lxopt/function.h"
+#include "lxopt/linmin.h"
 
 namespace LxOpt {
 namespace geom {
@@ -14,11 +17,7 @@ namespace geom {
 class Surrogate;
 
 // ------------------------------------------------ packed inverse Hessian
-// Lower triangle by rows: element (i, j), j <= i, at i (i + 1) / 2 + j.
-
-inline std::size_t PackedSize(std::size_t n) {
-  return n * (n + 1) / 2;
-}
+// Lower triangle by rows (framework/packed.h).
 
 // h = scale * I
 void ResetInverseHessian(double* h, unsigned int n, double scale);
@@ -65,48 +64,6 @@ double NextRadius(double radius, bool capped);
 // of b lies farther than limit from its place in a.
 bool WithinAtomStep(const double* a, const double* b, unsigned int n, double limit);
 
-// ------------------------------------------------ line search (linemin)
-
-// The line x + a dir from the current point, whose value f and gradient g
-// are known; dir must point downhill (g.dir < 0).
-struct Line {
-  LxFunc1& func;
-  unsigned int n;
-  const double* x;
-  const double* g;
-  double f;
-  const double* dir;
-};
-
-// Scratch of the search: trial point and gradient, and the gradient at the
-// best point found (n doubles each).
-struct LineWork {
-  double* xt;
-  double* gt;
-  double* gBest;
-};
-
-// found: a point was accepted whose value is below line.f, or level with it
-// within rounding (a few ulps) where the slope shows the line's minimum
-// near; its step a (multiple of dir), value and gradient (in work.gBest) are
-// returned. capped: the accepted step is maxStep.
-struct LineResult {
-  bool found;
-  double step;
-  double f;
-  bool capped;
-};
-
-// Moré-Thuente search for a step meeting the strong Wolfe conditions
-// (c1 = 1e-4, c2 = 0.9), judged by the slope alone (|phi'| <= 0.3 |phi'(0)|)
-// for values level with line.f to rounding. firstStep is the first trial a;
-// no trial goes beyond maxStep, and a trial at maxStep that is still going
-// down steeply is accepted there. accuracy: the search stops refining once
-// the bracket is narrower than accuracy times its upper end, and then takes
-// the lowest point found. At most 20 trials.
-LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep, double maxStep,
-                        double accuracy);
-
 // ------------------------------------------------ history steps
 
 // The last `count` points and gradients, newest at slot (next - 1) mod m.
@@ -140,6 +97,19 @@ bool DiisPoint(History& history, const double* h, const double* x, double* xTria
 // matrix is not positive definite or the step exceeds maxStep per coordinate.
 bool SubspacePoint(const History& history, const double* x, const double* g, double* xTrial,
                    double maxStep);
+
+// ------------------------------------------------ one run
+
+// The buffers of one driver run: the point x, its gradient g and value f,
+// and, with history, the stored points, gradients and coefficients.
+struct RunState {
+  RunState(unsigned int n, bool withHistory);
+  std::vector<double> buffer;
+  double* x;
+  double* g;
+  double f = 0.0;
+  History history;
+};
 
 // ------------------------------------------------ one cycle's step
 
@@ -190,7 +160,9 @@ class CycleStep {
   // than a share of the nearest-neighbour distance since it was built:
   // H = gamma P^-1 with gamma = s.y / y.P^-1 y of the last step.
   void RefreshModel();
-  LineResult Search(double accuracy);
+  // The capped line search along dir; on success step and fNew are the
+  // accepted step and value, the gradient is in gBest.
+  bool Search(double accuracy, double& step, double& fNew);
   // Takes the accepted point of a search: x += step dir, g = gBest, f = fNew.
   void Move(double step, double fNew);
   // BFGS update from the move xOld -> x, gOld -> g; scales H first after a
@@ -209,6 +181,7 @@ class CycleStep {
   bool TryPoint();
 
   LxFunc1& func_;
+  LxMoreThuenteLineMinimize lineSearch_;
   unsigned int n_;
   double* x_;
   double* g_;
@@ -225,7 +198,7 @@ class CycleStep {
   double* y_;
   double* hy_;
   double* xt_;
-  double* gt_;
+  double* gt_;  // xt_ + n: the line search's trial point and gradient
   double* gBest_;
   double* historyWork_;      // 2 n
   double* model_;            // pair model factor (n n + n), null unless cartesian

@@ -29,15 +29,15 @@ constexpr double kDampRatio = 0.2;
 }  // namespace
 
 void ResetInverseHessian(double* h, unsigned int n, double scale) {
-  detail::Zero(h, PackedSize(n));
-  for (unsigned int i = 0; i < n; ++i) h[PackedSize(i) + i] = scale;
+  detail::Zero(h, packed::Size(n));
+  for (unsigned int i = 0; i < n; ++i) h[packed::Index(i, i)] = scale;
 }
 
 void MatXVec(const double* h, const double* v, double* out, unsigned int n) {
   detail::Zero(out, n);
   // Row i of the triangle holds H_ij for j <= i; each also stands for H_ji.
   for (unsigned int i = 0; i < n; ++i) {
-    const double* row = h + PackedSize(i);
+    const double* row = h + packed::RowStart(i);
     double sum = 0.0;
     for (unsigned int j = 0; j < i; ++j) {
       sum += row[j] * v[j];
@@ -48,7 +48,7 @@ void MatXVec(const double* h, const double* v, double* out, unsigned int n) {
 }
 
 void ScaleInverseHessian(double* h, unsigned int n, double factor) {
-  const std::size_t size = PackedSize(n);
+  const std::size_t size = packed::Size(n);
   for (std::size_t k = 0; k < size; ++k) h[k] *= factor;
 }
 
@@ -88,7 +88,7 @@ bool UpdateInverseHessian(double* h, double* s, const double* y, double* hy, uns
   const double a = (1.0 + yhy * rho) * rho;  // coefficient of s s^T
   // H_ij = tau H_ij + a s_i s_j - rho (Hy_i s_j + s_i Hy_j)
   for (unsigned int i = 0; i < n; ++i) {
-    double* row = h + PackedSize(i);
+    double* row = h + packed::RowStart(i);
     const double asi = a * s[i], rhyi = rho * hy[i], rsi = rho * s[i];
     for (unsigned int j = 0; j <= i; ++j)
       row[j] = tau * row[j] + asi * s[j] - rhyi * s[j] - rsi * hy[j];

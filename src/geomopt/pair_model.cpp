@@ -23,6 +23,7 @@
 #include <limits>
 
 #include "framework/internal.h"
+#include "framework/packed.h"
 
 namespace LxOpt {
 namespace geom {
@@ -192,7 +193,7 @@ void PackedPairModelInverse(const double* model, unsigned int n, double* h, doub
     work[j] = 1.0;
     SolvePairModel(model, n, work);
     // Column j of P^-1 gives the elements (i, j), i >= j, of the triangle.
-    for (unsigned int i = j; i < n; ++i) h[std::size_t(i) * (i + 1) / 2 + j] = work[i];
+    for (unsigned int i = j; i < n; ++i) h[packed::Index(i, j)] = work[i];
   }
 }
 

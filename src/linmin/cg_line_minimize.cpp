@@ -34,7 +34,7 @@ bool LxCGLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
     const detail::LineSample& trial = search.Sample(func, x0, dir, grad0);
     if (search.RetreatIfOvershot()) continue;
     // Negated tests: a ratio that is not a number (both slopes 0) passes them.
-    // Intended: the first trial needs a practically zero slope, so the
+    // Deliberate: the first trial needs a practically zero slope, so the
     // curvature test alone never ends the search there.
     if (!(trial.value > f0 + kSufficientDecrease * search.a * search.slope0)) {
       const double r = std::fabs(trial.slope / search.slope0);
@@ -43,7 +43,7 @@ bool LxCGLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
     search.Interpolate();
   }
 
-  // Intended: the caller's step, not the clamped one, is tested, so an entry
+  // Deliberate: the caller's step, not the clamped one, is tested, so an entry
   // step below 1e-10 always fails; and after spent trials the step is the
   // next, unevaluated one, reported with the last trial's value and gradient.
   if (search.trial.value >= f0 || *step < kMinStep) return false;

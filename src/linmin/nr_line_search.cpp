@@ -43,7 +43,7 @@ double BacktrackStep(double alam, double f, double alam2, double f2, double fold
     const double disc = b * b - 3.0 * a * slope;
     if (disc < 0.0) return kLeastShrink * alam;
     if (b <= 0.0) {
-      // Intended: a product, not the textbook's (-b + sqrt(disc)) / (3a);
+      // Deliberate: a product, not the textbook's (-b + sqrt(disc)) / (3a);
       // results depend on it.
       tmplam = (std::sqrt(disc) * (-b)) / (3.0 * a);
     } else {
@@ -66,7 +66,7 @@ bool LxNRLineSearch::SetMaxStep(unsigned int n, double* x) {
   return true;
 }
 
-// Intended: a copy starts with no cap; only SetMaxStep sets one.
+// Deliberate: a copy starts with no cap; only SetMaxStep sets one.
 LxLineMinimize* LxNRLineSearch::CreateCopy() const {
   return new LxNRLineSearch(initialStepMode_);
 }

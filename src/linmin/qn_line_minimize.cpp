@@ -43,8 +43,8 @@ bool LxQNLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
     search.Interpolate();
   }
 
-  // After spent trials the step is the next, unevaluated one; it is reported
-  // while value and gradient are the last trial's. Intended.
+  // Deliberate: after spent trials the step is the next, unevaluated one; it
+  // is reported while value and gradient are the last trial's.
   if (search.trial.value >= f0 || search.a < minStep_) return false;
   return search.Accept(gradOut, step, fval);
 }

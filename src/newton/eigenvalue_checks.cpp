@@ -20,15 +20,6 @@ Eigen::MatrixXd Unpacked(unsigned int n, const double* packed) {
   return h;
 }
 
-// Ascending eigenvalues into values; false when the solver fails.
-bool Eigenvalues(const Eigen::MatrixXd& h, Eigen::VectorXd& values) {
-  // The eigenvectors are not needed; the eigenvalues are the same either way.
-  Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(h, Eigen::EigenvaluesOnly);
-  if (solver.info() != Eigen::Success) return false;
-  values = solver.eigenvalues();
-  return true;
-}
-
 // 0 with the warning at the first eigenvalue below -1.0, else 1.
 int CheckNoneBelowMostNegative(const Eigen::VectorXd& values) {
   for (Eigen::Index i = 0; i < values.size(); ++i) {
@@ -43,6 +34,18 @@ int CheckNoneBelowMostNegative(const Eigen::VectorXd& values) {
   return 1;
 }
 
+// The general test on the n x n matrix h, its ascending eigenvalues left in
+// values: 1 for n = 0 (the solver is not given an empty matrix), 0 when the
+// solver fails, else the -1.0 test.
+int GeneralCheck(unsigned int n, const Eigen::MatrixXd& h, Eigen::VectorXd& values) {
+  if (n == 0) return 1;
+  // The eigenvectors are not needed; the eigenvalues are the same either way.
+  Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(h, Eigen::EigenvaluesOnly);
+  if (solver.info() != Eigen::Success) return 0;
+  values = solver.eigenvalues();
+  return CheckNoneBelowMostNegative(values);
+}
+
 }  // namespace
 
 int LxCheckEigenvalues(unsigned int n, const double* packed) {
@@ -50,10 +53,8 @@ int LxCheckEigenvalues(unsigned int n, const double* packed) {
 }
 
 int LxCheckEigenvalues(unsigned int n, const Eigen::MatrixXd& h) {
-  if (n == 0) return 1;  // the solver is not given an empty matrix
   Eigen::VectorXd values;
-  if (!Eigenvalues(h, values)) return 0;
-  return CheckNoneBelowMostNegative(values);
+  return GeneralCheck(n, h, values);
 }
 
 int LxCheckMMFFEigenvalues(unsigned int n, const double* packed) {
@@ -61,10 +62,8 @@ int LxCheckMMFFEigenvalues(unsigned int n, const double* packed) {
 }
 
 int LxCheckMMFFEigenvalues(unsigned int n, const Eigen::MatrixXd& h) {
-  if (n == 0) return 1;  // the solver is not given an empty matrix
   Eigen::VectorXd values;
-  if (!Eigenvalues(h, values)) return 0;
-  if (CheckNoneBelowMostNegative(values) == 0) return 0;
+  if (GeneralCheck(n, h, values) == 0) return 0;
   if (n <= kRigidBodyModes) return 1;
   for (Eigen::Index i = kRigidBodyModes; i < values.size(); ++i) {
     if (values(i) < 0.0) {

@@ -62,19 +62,11 @@ double LxNewtonOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoint, con
     return 0.0;
   }
   const unsigned int n = func.NumVar();
-  const std::size_t packedSize = static_cast<std::size_t>(n) * (n + 1) / 2;
   std::unique_ptr<detail::NewtonWorkspace> work;
-  try {
-    gradient_.assign(n, 0.0);
-    packed_.assign(packedSize, 0.0);
-    work = std::make_unique<detail::NewtonWorkspace>(n);
-  } catch (const std::bad_alloc&) {
-    const double bytes = 8.0 * (4.0 * n * n + packedSize);
-    LxThrow.Warning("out of memory allocating %d in LxNewtonOptImpl",
-                    bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes));
+  if (!detail::AllocateRun([&] { work = std::make_unique<detail::NewtonWorkspace>(n); },
+                           8.0 * (4.0 * n * n + packed::Size(n)), "LxNewtonOptImpl"))
     return 0.0;
-  }
-  PlainStep step(gradient_.data(), tolerance_);
+  PlainStep step(work->gradient.data(), tolerance_);
   return RunDampedNewton(func, checkpoint, start, result, step, *work);
 }
 
@@ -88,7 +80,8 @@ double LxNewtonOptImpl::RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint
   } else if (x != start) {
     std::memmove(x, start, sizeof(double) * n);
   }
-  double* const g = gradient_.data();
+  double* const g = work.gradient.data();
+  double* const packed = work.packed.data();
   const double* const reported = step.ReportedGradient();
   Eigen::Map<Eigen::VectorXd> xv(x, n);
   const Eigen::Map<const Eigen::VectorXd> gv(g, n);
@@ -109,12 +102,12 @@ double LxNewtonOptImpl::RunDampedNewton(LxFunc2& func, LxCheckpoint1* checkpoint
   for (;;) {
     if (fresh) {
       detail::Zero(g, n);
-      detail::Zero(packed_.data(), packed_.size());
-      if (!func(x, packed_.data(), g)) return 0.0;
-      r = step.Evaluated(x, gv, packed_.data());
+      detail::Zero(packed, work.packed.size());
+      if (!func(x, packed, g)) return 0.0;
+      r = step.Evaluated(x, gv, packed);
     }
     // Unpacked again after a failed step too, so shifts never accumulate.
-    detail::UnpackSymmetric(packed_.data(), work.hessian);
+    detail::UnpackSymmetric(packed, work.hessian);
     detail::AddDampingShift(damping.lambda(), work.hessian);
     const bool repaired = work.factor.Factorize(work.hessian);
     step.Solve(work.factor, gv, work.step);

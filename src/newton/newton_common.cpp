@@ -23,7 +23,7 @@ void UnpackSymmetric(const double* packed, Eigen::MatrixXd& h) {
     const Eigen::Index i1 = std::min(n, i0 + kUnpackTile);
     for (Eigen::Index j0 = 0; j0 <= i0; j0 += kUnpackTile) {
       for (Eigen::Index i = i0; i < i1; ++i) {
-        const double* row = packed + i * (i + 1) / 2;
+        const double* row = packed + packed::RowStart(static_cast<std::size_t>(i));
         const Eigen::Index j1 = std::min(i + 1, j0 + kUnpackTile);
         for (Eigen::Index j = j0; j < j1; ++j) {
           h(j, i) = row[j];

@@ -170,10 +170,10 @@ class ConstrainedStep final : public detail::NewtonStep {
       x[i] = xi;
       w_.curvatureColumn = (w_.curvatureColumn - w_.combinedGradient) / h;
       for (Eigen::Index r = 0; r < i; ++r)
-        packed[i * (i + 1) / 2 + r] -= 0.5 * w_.curvatureColumn(r);
+        packed[packed::Index(i, r)] -= 0.5 * w_.curvatureColumn(r);
       for (Eigen::Index r = i + 1; r < n; ++r)
-        packed[r * (r + 1) / 2 + i] -= 0.5 * w_.curvatureColumn(r);
-      packed[i * (i + 1) / 2 + i] -= w_.curvatureColumn(i);
+        packed[packed::Index(r, i)] -= 0.5 * w_.curvatureColumn(r);
+      packed[packed::Index(i, i)] -= w_.curvatureColumn(i);
     }
   }
 
@@ -224,20 +224,15 @@ double LxNewtonConstrOptImpl::operator()(LxFunc2& func, LxCheckpoint1* checkpoin
     }
   }
   const Eigen::Index m = static_cast<Eigen::Index>(constraints_.size());
-  const std::size_t packedSize = static_cast<std::size_t>(n) * (n + 1) / 2;
   std::unique_ptr<detail::NewtonWorkspace> work;
   std::unique_ptr<Workspace> constrainedWork;
-  try {
-    gradient_.assign(n, 0.0);
-    packed_.assign(packedSize, 0.0);
+  const auto allocate = [&] {
     work = std::make_unique<detail::NewtonWorkspace>(n);
     constrainedWork = std::make_unique<Workspace>(n, m);
-  } catch (const std::bad_alloc&) {
-    const double bytes = 8.0 * (4.0 * n * n + packedSize + 4.0 * n * m);
-    LxThrow.Warning("out of memory allocating %d in LxNewtonConstrOptImpl",
-                    bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes));
+  };
+  if (!detail::AllocateRun(allocate, 8.0 * (4.0 * n * n + packed::Size(n) + 4.0 * n * m),
+                           "LxNewtonConstrOptImpl"))
     return 0.0;
-  }
   ConstrainedStep step(constraints_, *constrainedWork, tolerance_, valueChangeTolerance_);
   return RunDampedNewton(func, checkpoint, start, result, step, *work);
 }

@@ -7,6 +7,11 @@
 
 #include <Eigen/Cholesky>
 #include <Eigen/Core>
+#include <new>
+#include <vector>
+
+#include "framework/packed.h"
+#include "lxopt/host.h"
 
 namespace LxOpt {
 namespace detail {
@@ -16,7 +21,7 @@ namespace detail {
 constexpr double kExtendBelowRms = 1e-5;
 constexpr unsigned int kExtensionIterations = 30;
 
-// h(i, j) = h(j, i) = packed[i (i + 1) / 2 + j] for j <= i; h is n x n.
+// h(i, j) = h(j, i) = packed[packed::Index(i, j)] for j <= i; h is n x n.
 void UnpackSymmetric(const double* packed, Eigen::MatrixXd& h);
 
 // Adds mu = damping * (1 + |trace(h) / n|) to the diagonal of h in place and
@@ -56,6 +61,21 @@ class IterationBudget {
   unsigned int end_;
   bool extended_ = false;
 };
+
+// Runs allocate, which sizes the buffers of a run; when that throws
+// std::bad_alloc, warns "out of memory allocating <bytes> in <who>" (bytes
+// capped at the int range) and returns false.
+template <class Allocate>
+bool AllocateRun(Allocate allocate, double bytes, const char* who) {
+  try {
+    allocate();
+    return true;
+  } catch (const std::bad_alloc&) {
+    LxThrow.Warning("out of memory allocating %d in %s",
+                    bytes > 2147483647.0 ? 2147483647 : static_cast<int>(bytes), who);
+    return false;
+  }
+}
 
 // Symmetric LDLT with diagonal pivoting whose small pivots are repaired:
 // A = P^T L D L^T P; every D_i < 0.001 becomes 1000.0, and
@@ -98,12 +118,18 @@ class RepairedLdlt {
   bool repaired_ = false;
 };
 
-// The matrices of the damped loop, sized once before it: the shifted
-// Hessian A (after the loop: the last one, shift included), its repaired
-// factorization and the step s.
+// The buffers of the damped loop, sized once before it: the gradient and the
+// packed Hessian the objective fills, the shifted Hessian A (after the loop:
+// the last one, shift included), its repaired factorization and the step s.
 struct NewtonWorkspace {
   explicit NewtonWorkspace(Eigen::Index n)
-      : hessian(Eigen::MatrixXd::Zero(n, n)), factor(n), step(Eigen::VectorXd::Zero(n)) {}
+      : gradient(static_cast<std::size_t>(n), 0.0),
+        packed(packed::Size(static_cast<std::size_t>(n)), 0.0),
+        hessian(Eigen::MatrixXd::Zero(n, n)),
+        factor(n),
+        step(Eigen::VectorXd::Zero(n)) {}
+  std::vector<double> gradient;
+  std::vector<double> packed;
   Eigen::MatrixXd hessian;
   RepairedLdlt factor;
   Eigen::VectorXd step;

@@ -1,4 +1,5 @@
-// Line search of the geometry driver (linemin): the Moré-Thuente search for
+// LxMoreThuenteLineMinimize, the line search of the geometry driver: the
+// Moré-Thuente search for
 // a step that meets the strong Wolfe conditions (J. J. Moré and D. J.
 // Thuente, "Line search algorithms with guaranteed sufficient decrease", ACM
 // Trans. Math. Software 20 (1994) 286-307; the safeguarded step of their
@@ -23,11 +24,10 @@
 #include <cmath>
 #include <limits>
 
-#include "framework/internal.h"
-#include "geomopt/geom_internal.h"
+#include "linmin/trial_point.h"
+#include "lxopt/linmin.h"
 
 namespace LxOpt {
-namespace geom {
 namespace {
 
 constexpr double kC1 = 1e-4;  // sufficient decrease (ftol)
@@ -142,20 +142,31 @@ bool LevelWith(double f, double f0) {
   return std::fabs(f - f0) <= kLevelUlps * std::numeric_limits<double>::epsilon() * std::fabs(f0);
 }
 
-// phi(a) and phi'(a); the gradient is left in work.gt.
-Sample Evaluate(const Line& line, const LineWork& work, double a) {
-  for (unsigned int i = 0; i < line.n; ++i) work.xt[i] = line.x[i] + a * line.dir[i];
-  detail::Zero(work.gt, line.n);
-  const double f = line.func(work.xt, work.gt);
-  return {a, f, detail::Dot(work.gt, line.dir, line.n)};
-}
-
 }  // namespace
 
-LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep, double maxStep,
-                        double accuracy) {
-  const unsigned int n = line.n;
-  const Sample origin{0.0, line.f, detail::Dot(line.g, line.dir, n)};
+LxLineMinimize* LxMoreThuenteLineMinimize::CreateCopy() const {
+  return new LxMoreThuenteLineMinimize(*this);
+}
+
+bool LxMoreThuenteLineMinimize::operator()(unsigned int n, const double* x0, double* dir,
+                                           double* grad0, double* gradOut, double* fval,
+                                           double* step, LxFunc1& func) const {
+  return Search(n, x0, dir, grad0, gradOut, fval, step, func, nullptr).found;
+}
+
+LxMoreThuenteLineMinimize::Outcome LxMoreThuenteLineMinimize::Search(
+    unsigned int n, const double* x0, const double* dir, const double* grad0, double* gradOut,
+    double* fval, double* step, LxFunc1& func, double* work) const {
+  const double slope0 = detail::Dot(grad0, dir, n);
+  if (!(slope0 < 0.0)) return {false, false};
+  LxMallocaPtr block;
+  if (work == nullptr) work = detail::AllocateLineWorkspace(block, n);
+  if (work == nullptr) return {false, false};
+  double* const xt = work;
+  double* const gt = work + n;
+  const double f0 = *fval;
+  const double maxStep = stepLimit_;
+  const Sample origin{0.0, f0, slope0};
   const double slopeTest = kC1 * origin.d;
   // x: best step of the interval, y: its other end; the next trial lies in
   // [lo, hi] and never beyond limit (maxStep, lowered past trials whose value
@@ -164,14 +175,15 @@ LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep
   bool bracketed = false;
   bool stage1 = true;
   double limit = maxStep;
-  double stp = std::min(firstStep, maxStep);
+  double stp = std::min(*step, maxStep);
   double width = maxStep, previousWidth = 2.0 * maxStep;
   double lo = 0.0, hi = stp + kExtrapUpper * stp;
-  // The lowest trial so far (its gradient in work.gBest).
-  double best = 0.0, fBest = line.f;
+  // The lowest trial so far (its gradient in gradOut).
+  double best = 0.0, fBest = f0;
 
   for (unsigned int trial = 0; trial < kMaxTrials; ++trial) {
-    const Sample found = Evaluate(line, work, stp);
+    const detail::LineSample sample = detail::SampleLine(func, n, x0, dir, stp, xt, gt);
+    const Sample found{stp, sample.value, sample.slope};
     if (!std::isfinite(found.f) || !std::isfinite(found.d)) {
       limit = stp;
       stp = x.a + kNonFiniteBacktrack * (stp - x.a);
@@ -179,22 +191,24 @@ LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep
       continue;
     }
     if (found.f < fBest) {
-      detail::Copy(work.gt, work.gBest, n);
+      detail::Copy(gt, gradOut, n);
       best = stp;
       fBest = found.f;
     }
     // A level trial steers the search as if its value were phi(0).
-    const bool level = LevelWith(found.f, line.f);
-    const Sample t{found.a, level ? line.f : found.f, found.d};
-    const bool decrease = level || t.f <= line.f + stp * slopeTest;
+    const bool level = LevelWith(found.f, f0);
+    const Sample t{found.a, level ? f0 : found.f, found.d};
+    const bool decrease = level || t.f <= f0 + stp * slopeTest;
     const bool wolfe = level ? std::fabs(t.d) <= -kLevelC2 * origin.d
                              : decrease && std::fabs(t.d) <= -kC2 * origin.d;
     // At the step limit and still going down steeply: the caller may widen
     // its limit.
     const bool capped = stp >= maxStep && decrease && t.d <= slopeTest;
     if (wolfe || capped) {
-      detail::Copy(work.gt, work.gBest, n);
-      return {true, stp, found.f, !wolfe};
+      detail::Copy(gt, gradOut, n);
+      *step = stp;
+      *fval = found.f;
+      return {true, !wolfe};
     }
     if (stage1 && decrease && t.d >= std::min(kC1, kC2) * origin.d) stage1 = false;
 
@@ -225,12 +239,13 @@ LineResult LineMinimize(const Line& line, const LineWork& work, double firstStep
     // The interval has shrunk to the requested accuracy, rounding keeps the
     // trial from moving inside it, or the limit was reached: settle for the
     // lowest step.
-    if (bracketed && (stp <= lo || stp >= hi || hi - lo <= accuracy * hi)) break;
+    if (bracketed && (stp <= lo || stp >= hi || hi - lo <= accuracy_ * hi)) break;
     if (x.a >= limit) break;
   }
-  if (best > 0.0) return {true, best, fBest, best >= maxStep};
-  return {false, 0.0, line.f, false};
+  if (!(best > 0.0)) return {false, false};
+  *step = best;
+  *fval = fBest;
+  return {true, best >= maxStep};
 }
 
-}  // namespace geom
 }  // namespace LxOpt
