@@ -76,7 +76,7 @@ double LxMinfinderImpl::BatchRun::TakeResult(unsigned long sample, Workspace& w)
 }
 
 std::size_t LxMinfinderImpl::BatchRun::PlanAhead(std::size_t done) {
-  PlanSamples(aheadNext_, done, aheadEngine_, false);
+  PlanSamples(aheadNext_, done, aheadEngine_);
   aheadNext_ = std::max(aheadNext_, done);
   return planValues_.size();
 }
@@ -102,11 +102,10 @@ bool LxMinfinderImpl::BatchRun::ExpectsValidation(std::size_t j) const {
          !finder_.minima_.IsItInAnyEllipsoid(finder_.samples_.PointData(j));
 }
 
-void LxMinfinderImpl::BatchRun::PlanSamples(std::size_t from, std::size_t to, MtRng& engine,
-                                            bool first) {
+void LxMinfinderImpl::BatchRun::PlanSamples(std::size_t from, std::size_t to, MtRng& engine) {
   const unsigned int neighbours = NeighbourCount(n());
   for (std::size_t j = from; j < to; ++j) {
-    if (!(first && j == from) && !ExpectsValidation(j)) continue;
+    if (!ExpectsValidation(j)) continue;
     std::size_t at = planPoints_.size();
     planFirst_[j] = at / n();
     planPoints_.resize(at + neighbours * n());
@@ -121,7 +120,8 @@ bool LxMinfinderImpl::BatchRun::Replan(unsigned long sample) {
   MtRng engine = planEngine_;
   std::fill(planFirst_.begin(), planFirst_.end(), kNoPlan);
   planPoints_.clear();
-  PlanSamples(sample, planFirst_.size(), engine, true);
+  // The sample being validated is among them: it passed the same tests.
+  PlanSamples(sample, planFirst_.size(), engine);
   if (batch_.Values(planPoints_.data(), planValues_.size(), planValues_.data())) return true;
   std::fill(planFirst_.begin(), planFirst_.end(), kNoPlan);
   return false;

@@ -56,9 +56,9 @@ class LxMinfinderImpl::BatchRun : public LxMinfinderPlanner {
   // Whether sample j is expected to be validated: a small gradient at its
   // local minimum and its start outside every ellipsoid now.
   bool ExpectsValidation(std::size_t j) const;
-  // Appends the neighbours of samples from .. to - 1 expected to be validated
-  // (`from` itself whenever first is set), drawn from engine.
-  void PlanSamples(std::size_t from, std::size_t to, MtRng& engine, bool first);
+  // Appends the neighbours of samples from .. to - 1 expected to be
+  // validated, drawn from engine.
+  void PlanSamples(std::size_t from, std::size_t to, MtRng& engine);
   // Plans sample and the later samples anew from planEngine_ and has the
   // batch evaluate them.
   bool Replan(unsigned long sample);
