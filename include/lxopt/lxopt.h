@@ -11,6 +11,8 @@
 #include "lxopt/host.h"
 #include "lxopt/linmin.h"
 #include "lxopt/minfinder.h"
+#include "lxopt/minfinder_generators.h"
+#include "lxopt/minfinder_samples.h"
 #include "lxopt/newton.h"
 #include "lxopt/numeric.h"
 #include "lxopt/optimizer.h"

@@ -1,10 +1,10 @@
-// Global minimum search: random start-point generators, the sample-point
-// store, the validity criteria of start points and the minimum finder that
-// samples a box, optimizes locally from each accepted start point and keeps the
-// distinct minima it finds.
+// Global minimum search: the minimum finder that samples a box, optimizes
+// locally from each accepted start point and keeps the distinct minima it
+// finds, and the batches that can take its work elsewhere. The start-point
+// generators and the sample store have their own headers, included here.
 //
-// The notices of the store and of the finder (index dumps, "No minimums!",
-// the minima table) go to std::cerr, one line each; errors go to LxThrow.
+// The notices of the finder (the minima table, "No minimums!") go to
+// std::cerr, one line each; errors go to LxThrow.
 #ifndef LXOPT_MINFINDER_H
 #define LXOPT_MINFINDER_H
 
@@ -17,231 +17,14 @@
 #include "lxopt/function.h"
 #include "lxopt/host.h"
 #include "lxopt/lxopt_export.h"
+#include "lxopt/minfinder_generators.h"
+#include "lxopt/minfinder_samples.h"
 #include "lxopt/optimizer.h"
 #include "lxopt/quasinewton.h"
 #include "lxopt/steepest.h"
 
 namespace LxOpt {
 namespace LxMinfinder {
-
-// ------------------------------------------------------------- generators
-
-// Draws one start point inside a box. The base owns a Mersenne Twister
-// (seeded 5489 at construction) and a uniform [0, 1) distribution over it for
-// the draws of derived generators.
-class LXOPT_API GetRandomVariables {
- public:
-  // Engine seeded 5489.
-  GetRandomVariables() = default;
-  virtual ~GetRandomVariables();
-  // Writes one point into x (lower.size() entries unless the generator says
-  // otherwise) and returns true; on bad bounds reports an error through
-  // LxThrow and returns false without writing.
-  virtual bool operator()(double* x, const std::vector<double>& lower,
-                          const std::vector<double>& upper) = 0;
-  // Restarts the engine, for reproducible runs.
-  void Seed(std::uint32_t seed) { engine_.Seed(seed); }
-
- protected:
-  // Next uniform draw in [0, 1) from the owned engine.
-  double NextUniform() { return uniform_(engine_); }
-
-  MtRng engine_;
-  LxUniformDoubleRNG uniform_{0.0, 1.0};
-};
-
-// Uniform in the box: x_i = lower_i + u (upper_i - lower_i), u in [0, 1).
-// Bounds of different lengths or empty: error "Dimension of lower and upper
-// bound vectors should be equal and at least 1!", false.
-class LXOPT_API GetRandomVariablesGeneral : public GetRandomVariables {
- public:
-  // Writes lower.size() values into x and returns true; see above for errors.
-  bool operator()(double* x, const std::vector<double>& lower,
-                  const std::vector<double>& upper) override;
-};
-
-}  // namespace LxMinfinder
-
-// For rigid-body searches over (q0, q1, q2, q3, t...): x[0..3] is a uniformly
-// distributed unit quaternion with x[0] >= 0, drawn from the process-wide
-// rand() (seeding it with srand is the application's business); x[4..] are
-// uniform in the box from the object's own Mersenne Twister. The bounds of the
-// first four variables are never read, and x always receives at least four
-// values, even when the bounds are shorter: give it room for four. Bounds of
-// different lengths or empty: error "Dimension of lower and upper bound
-// vectors should be equal!", false.
-//
-// With SetQuaternionFromOwnEngine(true) the quaternion is drawn from the
-// object's own Mersenne Twister as well (three uniform draws before those of
-// the box), so Seed() alone reproduces every pose whatever else the process
-// does with rand(). Off by default.
-class LXOPT_API LxRandomPosOrient : public LxMinfinder::GetRandomVariables {
- public:
-  // Writes max(4, lower.size()) values into x as described above and
-  // returns true; false on bad bounds.
-  bool operator()(double* x, const std::vector<double>& lower,
-                  const std::vector<double>& upper) override;
-  // Chooses the quaternion's source (see above); the getter reports it.
-  void SetQuaternionFromOwnEngine(bool on) { ownEngineQuaternion_ = on; }
-  bool GetQuaternionFromOwnEngine() const { return ownEngineQuaternion_; }
-
- private:
-  double TwoPiTimesUniform();
-
-  bool ownEngineQuaternion_ = false;
-};
-
-namespace LxMinfinder {
-
-// ------------------------------------------------------------- sample store
-
-// Points (coordinates, value, gradient) of one kind: the samples of a search
-// cycle or the minima found. Besides the points it keeps
-//  - the lowest value ever stored (Clear keeps it),
-//  - per-variable same-point tolerances,
-//  - the store-wide radius Rt: per variable, the running MEAN OF SQUARES of
-//    start-to-minimum displacements (updateEllipsoidParemetersRt),
-//  - for a minima store, per-minimum radii r_i: per variable, the running MEAN
-//    OF ABSOLUTE displacements of the start points attracted to minimum i,
-//    with a counter of those start points (updateMinima).
-// The two radii are different statistics on purpose; both are used as radii
-// (squared in the ellipsoid tests).
-class LXOPT_API MinfinderSamplePoints {
- public:
-  static constexpr unsigned long kReservedPoints = 1000;
-  static constexpr double kSameValueTolerance = 0.0001;  // haveItAlready by value
-  static constexpr double kEllipsoidThreshold = 0.1;
-  static constexpr double kWideEllipsoidThreshold = 0.3;  // counter > 9
-  static constexpr unsigned long kWideAfterAttracted = 9;
-
-  // An empty store over 0 variables: call Setup first.
-  MinfinderSamplePoints() = default;
-
-  // Empties the store, sets n, fills the tolerances with tolerance, zeroes
-  // Rt and its update count, reserves room for 1000 points.
-  void Setup(unsigned int n, double tolerance);
-  // Empties points, values, gradients, per-minimum radii and counters; the
-  // lowest value, Rt and its update count are kept.
-  void Clear();
-
-  // When set (the default), addPoint refuses points outside the box.
-  void SetCheckMinimumInRange(bool check) { checkInRange_ = check; }
-  bool GetCheckMinimumInRange() const { return checkInRange_; }
-  // The per-variable same-point tolerances (n values), copied out or in.
-  void GetSamePointTolerance(std::vector<double>& tolerance) const { tolerance = tolerance_; }
-  void SetSamePointTolerance(const std::vector<double>& tolerance) { tolerance_ = tolerance; }
-
-  // Number of points stored and of variables per point.
-  unsigned long getNumPoints() const { return numPoints_; }
-  unsigned int getNumVar() const { return n_; }
-  // The largest finite double until a point is stored.
-  double getLowestValue() const { return lowest_; }
-  // Number of Rt updates since Setup, and Rt itself (n values).
-  unsigned long getUpdateCount() const { return updateCount_; }
-  const std::vector<double>& GetRt() const { return rt_; }
-  // Per-minimum radius vector (n values) and attracted counter of point i;
-  // empty / 0 when updateMinima has not reached i.
-  std::vector<double> GetMinimumRadii(unsigned long i) const;
-  unsigned long GetAttractedCount(unsigned long i) const;
-
-  // Appends (x, value, grad); with the range check set, refuses (false) a
-  // point with any x_d outside [lower_d, upper_d] (both ends allowed; a
-  // coordinate that is not a number is outside). Here and in replacePoint,
-  // updateEllipsoidParemetersRt and updateMinima a vector shorter than n is
-  // reported as an error and refused.
-  bool addPoint(const std::vector<double>& x, double value, const std::vector<double>& grad,
-                const std::vector<double>& lower, const std::vector<double>& upper);
-  // Copy out point i (x and g are resized to n). An index >= the number of
-  // points reports "index>= _numSamplePoint in getX!" (getY, getGrad alike),
-  // leaves the output alone and returns false.
-  bool getX(std::vector<double>& x, unsigned long i) const;
-  bool getY(double& value, unsigned long i) const;
-  bool getGrad(std::vector<double>& g, unsigned long i) const;
-  // Overwrites point i; an index >= the number of points reports
-  // "index>= _numSamplePoint in replacePoint!" and returns false. The lowest
-  // value takes in the new value.
-  bool replacePoint(unsigned long i, const std::vector<double>& x, double value,
-                    const std::vector<double>& grad);
-  // Asks generator for a point of the box into x (resized to n). A null
-  // generator is an error; the generator's answer is returned.
-  bool GetRandomSamplePoint(std::vector<double>& x, const std::vector<double>& lower,
-                            const std::vector<double>& upper, GetRandomVariables* generator) const;
-
-  // Euclidean distance over the n variables and its square; n = 0 gives 0.
-  // Indices must be below getNumPoints() (not checked: inner-loop helpers).
-  double CalcDistance(const double* a, const double* b) const;
-  double CalcDistance(unsigned long i, const double* x) const;
-  double CalcDistance(unsigned long i, unsigned long j) const;
-  double CalcDistance2(const double* a, const double* b) const;
-  double CalcDistance2(unsigned long i, const double* x) const;
-  double CalcDistance2(unsigned long i, unsigned long j) const;
-
-  // First stored point matching x: byCoordinates, |x_d - p_i,d| <= tolerance_d
-  // for every d; otherwise |value - y_i| <= 0.0001. Sets index and returns
-  // true; an empty store sets index 0 and returns false.
-  bool haveItAlready(unsigned long& index, const std::vector<double>& x, double value,
-                     bool byCoordinates) const;
-  // keepDegenerate: point i matches when func.IsRedundant(x, p_i, tolerance)
-  // (geometry decides); otherwise when |value - y_i| <= tolerance (equal
-  // values merge). First match sets index; empty store: index 0, false.
-  bool haveItAlready(unsigned long& index, const LxFunc1& func, double tolerance,
-                     const std::vector<double>& x, double value, bool keepDegenerate) const;
-
-  // Rt_d = (Rt_d k + (start_d - minimum_d)^2) / (k + 1), k = update count,
-  // then k += 1. False (nothing changed) on an empty store.
-  bool updateEllipsoidParemetersRt(const std::vector<double>& start,
-                                   const std::vector<double>& minimum);
-  // With c = counter[which]: r_which,d = (|start_d - minimum_d| + r_which,d c)
-  // / (c + 1), counter[which] = c + 1. Radii and counters are first grown to
-  // the number of points. False on an empty store; a bad index writes
-  // "whichOne=" and "getNumPoints()=" lines to std::cerr, reports
-  // "Bad whichOne in updateMinima!" and returns false.
-  bool updateMinima(const std::vector<double>& start, const std::vector<double>& minimum,
-                    unsigned long which);
-
-  // Minima store only: true when s = sum_d (m_i,d - x_d)^2 / r_i,d^2 <= 0.1
-  // (0.3 once minimum i has attracted 10 start points) for some minimum i.
-  // A zero radius with any difference (or none: 0/0) leaves x outside. On a
-  // store whose counters do not match its points, writes the two sizes to
-  // std::cerr, reports "IsItInAnyEllipsoid function should be called on
-  // minimums only!" and returns false.
-  bool IsItInAnyEllipsoid(const double* x) const;
-  // True when sum_d (p_i,d - x_d)^2 / Rt_d^2 <= t for some stored point.
-  bool IsItInAnyEllipsoidRt(const double* x, double t) const;
-
-  // The points in ascending order of value, one line each to std::cerr:
-  // index, coordinates, value. The second form prints only values <= bound.
-  void PrintSortedPoints() const;
-  void PrintSortedPoints(double bound) const;
-
-  // Read-only view of point i's n coordinates / gradient (i < getNumPoints()).
-  const double* PointData(unsigned long i) const { return coords_.data() + i * n_; }
-  const double* GradientData(unsigned long i) const { return grads_.data() + i * n_; }
-  // Grows on every change of stored coordinates other than an append
-  // (Setup, Clear, replacePoint), so that caches over the points can tell
-  // when they went stale.
-  std::uint64_t Generation() const { return generation_; }
-
- private:
-  bool IndexError(unsigned long i, const char* where) const;
-  bool TooShort(std::size_t size, const char* where) const;
-  void GrowMinimaRecords();
-  void PrintSorted(bool bounded, double bound) const;
-
-  bool checkInRange_ = true;
-  unsigned long numPoints_ = 0;
-  unsigned long updateCount_ = 0;
-  unsigned int n_ = 0;
-  double lowest_ = std::numeric_limits<double>::max();
-  std::vector<double> coords_;
-  std::vector<double> values_;
-  std::vector<double> grads_;
-  std::vector<double> tolerance_;
-  std::vector<double> rt_;
-  std::vector<double> radii_;
-  std::vector<unsigned long> attracted_;
-  std::uint64_t generation_ = 0;
-};
 
 // ------------------------------------------------------------- batches
 
@@ -490,22 +273,21 @@ class LXOPT_API LxMinfinderImpl {
   const MinfinderSamplePoints& GetMinima() const { return minima_; }
 
  private:
+  // The buffers of one Optimize call (src/minfinder/minfinder_internal.h).
   struct Workspace;
-  class AheadPlanner;
+  // A cycle's work handed to the batch, with the neighbours of the
+  // validations planned ahead (src/minfinder/batch_run.h).
+  class BatchRun;
   // Whether the objective has the number of variables of the set-up bounds
   // (a failed Setup may have left another).
   bool ObjectiveFitsSetup() const;
   bool DrawStartPoint(std::vector<double>& x);
   bool FindFirstMinimum(Workspace& w);
   unsigned long FillSamples(Workspace& w, bool& ok);
-  unsigned long FillSamplesInBatches(Workspace& w, bool& ok);
-  bool OptimizeSamplesInBatch();
-  double TakeBatchResult(unsigned long sample, Workspace& w);
-  bool IsMinimumAt(const double* grad, const double* x, double f, unsigned long sample,
-                   bool planned);
-  double NeighbourValue(unsigned long sample, unsigned int k);
-  bool PlanNeighbours(unsigned long sample);
   double LocalOptimize(Workspace& w);
+  bool EvaluateAndValidate(double* grad, const double* x, double* neighbour);
+  bool IsMinimumAt(const double* grad, const double* x, double f, double* neighbour, BatchRun* run,
+                   unsigned long sample);
   unsigned long NearestMinimum(const double* x) const;
   unsigned long CachedNearestMinimum(unsigned long sample) const;
 
@@ -536,23 +318,7 @@ class LXOPT_API LxMinfinderImpl {
   bool seeded_ = false;  // SetSeed was called: Setup seeds the generator
   std::uint32_t seed_ = 0;
   LxUniformDoubleRNG uniform_{0.0, 1.0};
-  std::vector<double> neighbour_;  // ValidateMinimum's trial point, n values
-
-  // With a batch: the cycle's local results (z, f, value and gradient at z)
-  // and the planned neighbours of ValidateMinimum. The plan draws ahead from
-  // a copy of the engine, taken before the sample's first neighbour, for the
-  // samples expected to need it; a planned value is used only for a neighbour
-  // equal bit for bit to the one drawn, otherwise the plan is made again.
   LxMinfinderBatch* batch_ = nullptr;
-  bool batchFailed_ = false;
-  std::vector<double> batchX_, batchF_, batchG_;
-  std::vector<double> localZ_, localF_, localFz_, localGz_;
-  MtRng planEngine_;                    // the engine before the current sample's neighbours
-  MtRng aheadEngine_;                   // the engine as drawn ahead by AheadPlanner
-  std::size_t aheadNext_ = 0;           // the next sample AheadPlanner looks at
-  std::vector<std::size_t> planFirst_;  // per sample: first planned neighbour, or kNoPlan
-  std::vector<double> planPoints_, planValues_;
-  static constexpr std::size_t kNoPlan = static_cast<std::size_t>(-1);
 
   // Nearest minimum of each sample point, valid while neither store has
   // changed its existing points and the minima store has not grown.
@@ -575,7 +341,6 @@ class LXOPT_API LxMinfinderLocalBatch : public LxMinfinderBatch {
  private:
   LxMinfinderImpl& finder_;
   LxFunc1& func_;
-  std::vector<double> y_;
 };
 
 // The public front: owns one LxMinfinderImpl and forwards every call to it.

@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <memory>
 
 #include "framework/internal.h"
 #include "lxopt/minfinder.h"
+#include "minfinder/batch_run.h"
 #include "minfinder/minfinder_internal.h"
 
 namespace LxOpt {
@@ -68,7 +70,6 @@ bool LxMinfinderImpl::Setup(LxFunc1& func, GetRandomVariables* generator,
   upper_ = upper;
   samples_.Setup(n, samePointTolerance_);
   minima_.Setup(n, samePointTolerance_);
-  neighbour_.assign(n, 0.0);
   setUp_ = true;
   return true;
 }
@@ -98,7 +99,7 @@ bool LxMinfinderImpl::DrawStartPoint(std::vector<double>& x) {
 
 bool LxMinfinderImpl::FindFirstMinimum(Workspace& w) {
   const std::size_t n = lower_.size();
-  // Deliberately unbounded (see the header): it ends only with a minimum.
+  // Deliberate: unbounded (see the header); it ends only with a minimum.
   for (;;) {
     double f;
     do {
@@ -112,7 +113,7 @@ bool LxMinfinderImpl::FindFirstMinimum(Workspace& w) {
     // Written as negated "inside" tests so that a value that is not a number
     // fails too.
     if (!(f < fvalMinimaMax_) || !(f > fvalMinimaMin_)) continue;
-    // Intended: validity is asked of the start point x, not of the minimum.
+    // Deliberate: validity is asked of the start point x, not of the minimum.
     if (!func_->CheckVariablesValidity(w.x.data())) continue;
     detail::Zero(w.g.data(), n);
     (*func_)(w.z.data(), w.g.data());  // the minimum is stored with its own gradient
@@ -157,7 +158,8 @@ bool LxMinfinderImpl::Optimize() {
   const std::time_t startTime = std::time(nullptr);
   minima_.SetCheckMinimumInRange(checkMinimumInRange_);
   Workspace w(lower_.size());
-  batchFailed_ = false;
+  std::unique_ptr<BatchRun> run;
+  if (batch_ != nullptr) run = std::make_unique<BatchRun>(*this, *batch_);
 
   // Every call starts by securing one minimum, and adds it to any kept from
   // earlier calls.
@@ -169,14 +171,14 @@ bool LxMinfinderImpl::Optimize() {
   for (;;) {
     samples_.Clear();
     bool drawn = true;
-    const unsigned long draws = batch_ ? FillSamplesInBatches(w, drawn) : FillSamples(w, drawn);
+    const unsigned long draws = run ? run->FillSamples(w, drawn) : FillSamples(w, drawn);
     if (!drawn) return false;
-    // Intended: needing every draw ends the search even when the store
+    // Deliberate: needing every draw ends the search even when the store
     // filled up on the last one.
     if (draws == maxSample_) return true;
     // With a batch every sample is optimized ahead; those the loop below
     // skips have their results dropped.
-    if (batch_ && !OptimizeSamplesInBatch()) return false;
+    if (run && !run->OptimizeSamples()) return false;
 
     unsigned long newMinima = knownMinima;
     unsigned long optimized = 0;
@@ -184,15 +186,16 @@ bool LxMinfinderImpl::Optimize() {
       samples_.getX(w.x, i);
       samples_.getGrad(w.g, i);
       if (!minima_.IsItInAnyEllipsoid(w.x.data())) {
-        const double f = batch_ ? TakeBatchResult(i, w) : LocalOptimize(w);
+        const double f = run ? run->TakeResult(i, w) : LocalOptimize(w);
         ++optimized;
         minima_.updateEllipsoidParemetersRt(w.x, w.z);
         samples_.updateEllipsoidParemetersRt(w.x, w.z);
         // With a batch, w.g already holds the gradient at z.
-        const bool valid = batch_ ? IsMinimumAt(w.g.data(), w.z.data(), localFz_[i], i, true)
-                                  : ValidateMinimum(w.g.data(), w.z.data());
-        if (batchFailed_) return false;
-        // Intended: the objective judges the start point x, not the minimum.
+        const bool valid = run ? IsMinimumAt(w.g.data(), w.z.data(), run->ValueAtMinimum(i),
+                                             w.neighbour.data(), run.get(), i)
+                               : EvaluateAndValidate(w.g.data(), w.z.data(), w.neighbour.data());
+        if (run && run->Failed()) return false;
+        // Deliberate: the objective judges the start point x, not the minimum.
         const bool inRange = func_->CheckVariablesValidity(w.x.data());
         const bool accept = valid && fvalMinimaMin_ < f && f < fvalMinimaMax_ &&
                             f <= minima_.getLowestValue() + fvalMinimaWindow_;
@@ -200,14 +203,14 @@ bool LxMinfinderImpl::Optimize() {
         const bool duplicate = minima_.haveItAlready(index, *func_, samePointTolerance_, w.z, f,
                                                      keepDegenerateStates_);
         if (duplicate || (accept && !inRange)) {
-          // Intended: an accepted minimum from an invalid start that matches
+          // Deliberate: an accepted minimum from an invalid start that matches
           // nothing widens the ellipsoid of minimum 0 (index stays 0).
           if (accept) minima_.updateMinima(w.x, w.z, index);
         } else if (accept && minima_.addPoint(w.z, f, w.g, lower_, upper_)) {
           ++newMinima;
           minima_.updateMinima(w.x, w.z, minima_.getNumPoints() - 1);
           noChange = 0;
-          // Intended: the clock is read only here, when a minimum is added; a
+          // Deliberate: the clock is read only here, when a minimum is added; a
           // search that stops finding minima ends by the no-change count.
           if (std::difftime(std::time(nullptr), startTime) > timeLimit_ * kSecondsPerHour)
             timeUp = true;
@@ -228,26 +231,32 @@ bool LxMinfinderImpl::ValidateMinimum(double* grad, const double* x) {
     LxThrow.Error("You have to setup the minfinder object first!");
     return false;
   }
-  detail::Zero(grad, lower_.size());
-  const double f = (*func_)(x, grad);
-  return IsMinimumAt(grad, x, f, 0, false);
+  std::vector<double> neighbour(lower_.size());
+  return EvaluateAndValidate(grad, x, neighbour.data());
 }
 
-// The tests of ValidateMinimum on the value f and gradient grad at x; when
-// planned, the neighbours' values come from the batch's plan for `sample`.
-bool LxMinfinderImpl::IsMinimumAt(const double* grad, const double* x, double f,
-                                  unsigned long sample, bool planned) {
+// ValidateMinimum once the objective is known to fit the bounds.
+bool LxMinfinderImpl::EvaluateAndValidate(double* grad, const double* x, double* neighbour) {
+  detail::Zero(grad, lower_.size());
+  const double f = (*func_)(x, grad);
+  return IsMinimumAt(grad, x, f, neighbour, nullptr, 0);
+}
+
+// The tests of ValidateMinimum on the value f and gradient grad at x, each
+// neighbour drawn into neighbour (n doubles); with run, the neighbours' values
+// come from its plan for `sample`.
+bool LxMinfinderImpl::IsMinimumAt(const double* grad, const double* x, double f, double* neighbour,
+                                  BatchRun* run, unsigned long sample) {
   const std::size_t n = lower_.size();
   if (n == 0) return false;
   if (RmsGradientAbove(grad, n, kMinimumRmsGradient)) return false;
-  if (planned) planEngine_ = engine_;
+  if (run) run->StartValidation();
   // No neighbour within +-0.005 per variable may be lower.
   const unsigned int neighbours = NeighbourCount(n);
   for (unsigned int k = 0; k < neighbours; ++k) {
-    for (std::size_t i = 0; i < n; ++i)
-      neighbour_[i] = NeighbourCoordinate(x[i], uniform_(engine_));
-    const double value = planned ? NeighbourValue(sample, k) : (*func_)(neighbour_.data());
-    if (value < f || batchFailed_) return false;
+    DrawNeighbour(x, n, uniform_, engine_, neighbour);
+    const double value = run ? run->NeighbourValue(sample, k, neighbour) : (*func_)(neighbour);
+    if (value < f || (run && run->Failed())) return false;
   }
   return true;
 }

@@ -1,5 +1,5 @@
-// Shared by the search and its batch path: the search's working vectors and
-// the arithmetic of ValidateMinimum's neighbour test.
+// Shared by the search and its batch path: the buffers of one Optimize call
+// and the arithmetic of ValidateMinimum's neighbour test.
 #ifndef LXOPT_MINFINDER_INTERNAL_H
 #define LXOPT_MINFINDER_INTERNAL_H
 
@@ -15,10 +15,10 @@ namespace LxOpt {
 namespace LxMinfinder {
 
 // The vectors of one Optimize call: start x with its gradient g, the
-// pre-optimized point y and the local minimum z.
+// pre-optimized point y, the local minimum z and the validation's neighbour.
 struct LxMinfinderImpl::Workspace {
-  explicit Workspace(std::size_t n) : x(n), g(n), y(n), z(n) {}
-  std::vector<double> x, g, y, z;
+  explicit Workspace(std::size_t n) : x(n), g(n), y(n), z(n), neighbour(n) {}
+  std::vector<double> x, g, y, z, neighbour;
 };
 
 // sqrt(sum g^2 / n) > limit.
@@ -31,9 +31,13 @@ inline unsigned int NeighbourCount(std::size_t n) {
   return static_cast<unsigned int>(std::max<std::size_t>(LxMinfinderImpl::kMinNeighbours, 2 * n));
 }
 
-// x_i + (u - 0.5) 0.01 for a uniform draw u in [0, 1).
-inline double NeighbourCoordinate(double x, double u) {
-  return x + (u - 0.5) * LxMinfinderImpl::kNeighbourSpread;
+// One neighbour of z into out: out_i = z_i + (u - 0.5) 0.01, one uniform draw
+// u in [0, 1) from engine per variable, in order. The validation and the
+// plans of its neighbours all draw through here.
+inline void DrawNeighbour(const double* z, std::size_t n, const LxUniformDoubleRNG& uniform,
+                          MtRng& engine, double* out) {
+  for (std::size_t i = 0; i < n; ++i)
+    out[i] = z[i] + (uniform(engine) - 0.5) * LxMinfinderImpl::kNeighbourSpread;
 }
 
 }  // namespace LxMinfinder

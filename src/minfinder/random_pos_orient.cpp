@@ -7,7 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "lxopt/minfinder.h"
+#include "lxopt/minfinder_generators.h"
 
 namespace LxOpt {
 namespace {
@@ -29,7 +29,7 @@ bool LxRandomPosOrient::operator()(double* x, const std::vector<double>& lower,
     LxThrow.Error("Dimension of lower and upper bound vectors should be equal!");
     return false;
   }
-  // Intended: by default the orientation comes from the process-wide rand()
+  // Deliberate: by default the orientation comes from the process-wide rand()
   // (seeded by the application), the remaining variables from this object's
   // own engine.
   const double u = ownEngineQuaternion_ ? NextUniform() : std::rand() / kRandScale;

@@ -1,5 +1,5 @@
 // The start-point generator interface and the uniform box generator.
-#include "lxopt/minfinder.h"
+#include "lxopt/minfinder_generators.h"
 
 namespace LxOpt {
 namespace LxMinfinder {

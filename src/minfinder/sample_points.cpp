@@ -5,7 +5,7 @@
 #include <iostream>
 #include <numeric>
 
-#include "lxopt/minfinder.h"
+#include "lxopt/minfinder_samples.h"
 
 namespace LxOpt {
 namespace LxMinfinder {
@@ -218,7 +218,7 @@ bool MinfinderSamplePoints::updateMinima(const std::vector<double>& start,
   if (TooShort(start.size(), "updateMinima") || TooShort(minimum.size(), "updateMinima"))
     return false;
   GrowMinimaRecords();
-  // Intended: a running mean of ABSOLUTE displacements, unlike the mean of
+  // Deliberate: a running mean of ABSOLUTE displacements, unlike the mean of
   // squares kept in Rt; the two statistics stay different.
   const double c = static_cast<double>(attracted_[which]);
   double* r = radii_.data() + which * n_;

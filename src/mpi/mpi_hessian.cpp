@@ -5,6 +5,7 @@
 // then broadcast.
 #include <vector>
 
+#include "framework/packed.h"
 #include "lxopt/host.h"
 #include "lxopt/mpi.h"
 #include "mpi/collectives.h"
@@ -73,7 +74,7 @@ bool LxMpiNumericHessian(LxFunc1& func, const double* x, double* hessian, double
   double ok = 0.0;
   if (rank == 0) ok = NumericHessian(UnpackRecords(items, n, step), hessian) ? 1.0 : 0.0;
   mpi::Broadcast(&ok, 1, comm);
-  if (ok != 0.0) mpi::Broadcast(hessian, static_cast<std::size_t>(n) * (n + 1) / 2, comm);
+  if (ok != 0.0) mpi::Broadcast(hessian, packed::Size(n), comm);
   return ok != 0.0;
 }
 

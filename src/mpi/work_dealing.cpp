@@ -43,8 +43,7 @@ std::vector<double> AnswerShare(LxMinfinderLocalBatch& local, long long order, c
 
 // A serving rank's side of Dealer.
 void TakeItems(LxMinfinderLocalBatch& local, const double* x, std::size_t n, MPI_Comm comm) {
-  std::vector<double> message(1 + std::max(AnswerWidth(kOptimize, n), kNeighboursPerItem));
-  std::vector<double> reply(2 + kNeighboursPerItem * n);
+  std::vector<double> message(MessageSize(n)), reply(ReplySize(n));
   message[0] = kNone;
   std::size_t length = 1;
   for (;;) {

@@ -53,6 +53,16 @@ constexpr int kTagItem = 2;
 constexpr double kNone = -1.0;
 constexpr std::size_t kNeighboursPerItem = 4;
 
+// Doubles in a serving rank's message (the code, then a local optimization's
+// answer or up to kNeighboursPerItem values) and in rank 0's reply (the code,
+// the number of neighbours and their points).
+inline std::size_t MessageSize(std::size_t n) {
+  return 1 + std::max(AnswerWidth(kOptimize, n), kNeighboursPerItem);
+}
+inline std::size_t ReplySize(std::size_t n) {
+  return 2 + kNeighboursPerItem * n;
+}
+
 inline double NeighbourCode(std::size_t v) {
   return -2.0 - static_cast<double>(v);
 }
@@ -68,7 +78,6 @@ class Dealer {
          LxMinfinderPlanner& planner, MPI_Comm comm)
       : count_(count),
         n_(n),
-        width_(AnswerWidth(kOptimize, n)),
         z_(z),
         f_(f),
         fz_(fz),
@@ -77,8 +86,8 @@ class Dealer {
         comm_(comm),
         open_(mpi::Size(comm) - 1),
         complete_(count, 0),
-        message_(1 + std::max(width_, kNeighboursPerItem)),
-        reply_(2 + kNeighboursPerItem * n) {}
+        message_(MessageSize(n)),
+        reply_(ReplySize(n)) {}
 
   // The next item for rank 0 itself: its code in `code`, for neighbours
   // their number in `count`.
@@ -162,7 +171,7 @@ class Dealer {
     return prefix_ == count_ ? kFinished : kNothingYet;
   }
 
-  std::size_t count_, n_, width_;
+  std::size_t count_, n_;
   double *z_, *f_, *fz_, *gz_;
   LxMinfinderPlanner& planner_;
   MPI_Comm comm_;
