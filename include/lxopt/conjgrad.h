@@ -95,7 +95,7 @@ class LXOPT_API LxConjGradOpt : public LxConjGradBase {
 //   11 Done    the state-0 report answered false.
 //   6 Exhaust  the iteration counter reached the limit (limit 0 or 1 as for
 //              LxConjGradOpt).
-// Intended: a failed search along a conjugate direction still moves the point
+// Deliberate: a failed search along a conjugate direction still moves the point
 // by the step that stood before the search, keeps the old value and forces a
 // restart.
 class LXOPT_API LxBetaConjGradOpt : public LxConjGradBase {

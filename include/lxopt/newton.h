@@ -18,10 +18,11 @@ namespace LxOpt {
 // ------------------------------------------------------------ eigenvalue checks
 
 // Whether a final Hessian describes a minimum: 1 when no eigenvalue is below
-// -1.0 (small negative eigenvalues pass on purpose), else 0 after the warning
-// "Found a negative eigenvalue = %f ...". 0 without a message when the
-// eigensolver fails; 1 for n = 0. The packed form unpacks and calls the dense
-// one; the dense form reads the lower triangle of the n x n matrix h.
+// -1.0, else 0 after the warning "Found a negative eigenvalue = %f ...". 0
+// without a message when the eigensolver fails; 1 for n = 0. The packed form
+// unpacks and calls the dense one; the dense form reads the lower triangle of
+// the n x n matrix h.
+// Deliberate: small negative eigenvalues (down to -1.0) pass.
 LXOPT_API int LxCheckEigenvalues(unsigned int n, const double* packed);
 LXOPT_API int LxCheckEigenvalues(unsigned int n, const Eigen::MatrixXd& h);
 

@@ -50,7 +50,8 @@ class LXOPT_API LxQNSettings {
 //   3 NotFound the search failed right after a (re)start. The value is the
 //              one the line minimizer left: LxNRLineSearch writes its last
 //              trial value even on failure, and that value is returned while
-//              out keeps the last accepted point (intended).
+//              out keeps the last accepted point.
+//              Deliberate: value and point disagree on this exit.
 //   6 Exhaust  iteration limit reached (reported with the limit).
 // A search that fails after an update restarts from the re-evaluated point
 // along -g, with H reset to the identity unless the Hessian is kept.
@@ -90,7 +91,7 @@ class LXOPT_API LxBFGSOpt : public LxOptimizer1 {
   // after an update restarts from the current H instead of the identity).
   void SetKeepHessian(bool keep) { keepHessian_ = keep; }
   bool GetKeepHessian() const { return keepHessian_; }
-  // Deliberately the element count n * n (32-bit) of the last run, not n;
+  // Deliberate: the element count n * n (32-bit) of the last run, not n;
   // 0 before any run.
   unsigned int GetHessianDimension() const { return hessianDim_; }
   // Writes the stored H packed (lower triangle by rows, (i, j) at
