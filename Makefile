@@ -44,7 +44,8 @@ bench: deps
 	@for b in $(BENCH_BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" || exit 1; done
 
 # LxOpt next to GSL multimin, dlib and scipy.optimize on one problem set, and
-# per-iteration scaling; writes bench/results/ and docs/performance.md.
+# per-iteration scaling; writes docs/performance.md and its profile SVG (the
+# full tables go to $(BENCH_BUILD)/peer-results).
 .PHONY: bench-peers
 bench-peers: deps
 	@bash scripts/install-peer-deps.sh

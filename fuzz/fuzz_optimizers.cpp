@@ -3,67 +3,27 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "fuzz_input.h"
-#include "lxopt/anneal.h"
-#include "lxopt/conjgrad.h"
-#include "lxopt/geomopt.h"
-#include "lxopt/newton.h"
-#include "lxopt/quasinewton.h"
-#include "lxopt/steepest.h"
+#include "lxopt/lxopt.h"
 
 namespace {
 
 using lxfuzz::Bytes;
 
-enum Choice : unsigned int {
-  kSteepest,
-  kConjGrad,
-  kFletcherReeves,
-  kPolakRibiere,
-  kHestenesStiefel,
-  kBFGS,
-  kBFGSMod,
-  kDFP,
-  kLBFGS,
-  kGeometry,
-  kNewton,
-  kNewtonConstr,
-  kAnnealing,
-  kChoices
-};
-
 // Dense-matrix optimizers keep n smaller; Newton factorises n x n each step.
-unsigned int SizeCap(unsigned int choice) {
-  switch (choice) {
-    case kNewton:
-    case kNewtonConstr:
-      return 24;
-    case kAnnealing:
-      return 12;
-    case kBFGS:
-    case kBFGSMod:
-    case kDFP:
-    case kGeometry:
-      return 120;
-    default:
-      return 300;
-  }
+unsigned int SizeCap(const std::string& name) {
+  if (name == "Newton" || name == "NewtonConstr") return 24;
+  if (name == "Annealing") return 12;
+  if (name == "BFGS" || name == "BFGSMod" || name == "DFP" || name == "GeomBFGS") return 120;
+  return 300;
 }
 
-// Simulated annealing leaves the two getters to the derived class.
-class Annealing : public LxOpt::LxSAOpt {
- public:
-  using LxOpt::LxSAOpt::LxSAOpt;
-  unsigned int GetIterLimit() const override { return EvaluationLimit(); }
-  double GetTolerance() const override { return Tolerance(); }
-};
-
+// Sometimes another line minimizer.
 template <class Opt>
 void Configure(Opt& opt, Bytes& in, unsigned int n) {
-  opt.SetIterLimit(in.Below(48));
-  opt.SetTolerance(in.Tolerance());
   if (in.Bool()) opt.SetLineMinimize(*lxfuzz::MakeLineMinimizer(in, n));
 }
 
@@ -84,7 +44,6 @@ void Run(Opt& opt, Func& func, Bytes& in, unsigned int n) {
 }
 
 void RunBFGSFamily(LxOpt::LxBFGSOpt& opt, lxfuzz::Polynomial& func, Bytes& in, unsigned int n) {
-  Configure(opt, in, n);
   opt.SetKeepHessian(in.Bool());
   const unsigned int setup = in.Below(4);
   const unsigned int m = in.Below(4) == 0 ? in.Below(n + 2) : n;  // sometimes another size
@@ -100,120 +59,79 @@ void RunBFGSFamily(LxOpt::LxBFGSOpt& opt, lxfuzz::Polynomial& func, Bytes& in, u
   opt.GetInverseHessian(h.data(), m);
   LxOpt::LxBFGSOpt copy(opt);  // copies carry the kept matrix
   copy.GetInverseHessian(h.data(), m);
+  if (auto* mod = dynamic_cast<LxOpt::LxBFGSModOpt*>(&opt)) {
+    LxOpt::LxBFGSModOpt carried(*mod);  // carries the matrix of the last run
+    Run(carried, func, in, n);
+  }
+}
+
+// The settings a gradient optimizer has beyond the common two, then its run.
+void RunGradient(LxOpt::LxOptimizer1& opt, lxfuzz::Polynomial& func, Bytes& in, unsigned int n) {
+  if (auto* bfgs = dynamic_cast<LxOpt::LxBFGSOpt*>(&opt)) {
+    Configure(*bfgs, in, n);
+    RunBFGSFamily(*bfgs, func, in, n);
+  } else if (auto* lbfgs = dynamic_cast<LxOpt::LxLBFGSOpt*>(&opt)) {
+    Configure(*lbfgs, in, n);
+    lbfgs->SetMemory(in.Below(20));
+    Run(*lbfgs, func, in, n);
+  } else if (auto* cg = dynamic_cast<LxOpt::LxConjGradBase*>(&opt)) {
+    Configure(*cg, in, n);
+    Run(*cg, func, in, n);
+  } else if (auto* dfp = dynamic_cast<LxOpt::LxDFPOpt*>(&opt)) {
+    Configure(*dfp, in, n);
+    Run(*dfp, func, in, n);
+  } else if (auto* geometry = dynamic_cast<LxOpt::LxBFGSOptimizer*>(&opt)) {
+    geometry->SetHistory(in.Bool());
+    geometry->SetKeepHessian(in.Bool());
+    Run(opt, func, in, n);
+    std::vector<double> h(static_cast<std::size_t>(n) * (n + 1) / 2 + 1);
+    geometry->GetInverseHessian(h.data(), n);
+  } else if (auto* annealing = dynamic_cast<LxOpt::LxSAOpt*>(&opt)) {
+    annealing->SetTemperature(in.Number());
+    annealing->SetIterLimit(in.Below(1500));
+    annealing->SetSeed(in.U32());
+    Run(opt, func, in, n);
+  } else {
+    Run(opt, func, in, n);  // steepest descent
+  }
+}
+
+void RunHessian(LxOpt::LxOptimizer2& opt, lxfuzz::Polynomial& func, Bytes& in, unsigned int n) {
+  if (auto* constrained = dynamic_cast<LxOpt::LxNewtonConstrOpt*>(&opt)) {
+    // Mostly over all n variables; sometimes a mismatched count, which the
+    // optimizer must refuse.
+    const unsigned int na = in.Below(4) == 0 ? in.Below(n + 1) : n;
+    lxfuzz::Restraint a(na, in.Number()), b(n, in.Number());
+    const unsigned int constraints = in.Below(3);
+    if (constraints > 0) constrained->Add(a);
+    if (constraints > 1) constrained->Add(b);
+    if (in.Below(4) == 0) constrained->Remove(a);
+    Run(opt, func, in, n);  // while the restraints live
+    return;
+  }
+  Run(opt, func, in, n);
+  if (auto* newton = dynamic_cast<LxOpt::LxNewtonOpt*>(&opt); newton && in.Bool()) {
+    std::vector<double> start = lxfuzz::StartPoint(in, n), out(n);
+    newton->GetImpl()->PreconditionWSteepestDescent(func, start.data(), out.data());
+  }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Bytes in(data, size);
-  const unsigned int choice = in.Below(kChoices);
-  const unsigned int n = in.Below(SizeCap(choice) + 1);
+  const std::vector<LxOpt::LxOptimizerEntry>& registry = LxOpt::LxOptimizerRegistry();
+  const LxOpt::LxOptimizerEntry& entry =
+      registry[in.Below(static_cast<unsigned int>(registry.size()))];
+  const unsigned int n = in.Below(SizeCap(entry.name) + 1);
   lxfuzz::Polynomial func(in, n, in.Range(1, 3000));
-
-  switch (choice) {
-    case kSteepest: {
-      LxOpt::LxSteepestDescentOpt opt;
-      opt.SetIterLimit(in.Below(200));
-      opt.SetTolerance(in.Tolerance());
-      Run(opt, func, in, n);
-      break;
-    }
-    case kConjGrad: {
-      LxOpt::LxConjGradOpt opt;
-      Configure(opt, in, n);
-      Run(opt, func, in, n);
-      break;
-    }
-    case kFletcherReeves: {
-      LxOpt::LxFletcherReevesOpt opt;
-      Configure(opt, in, n);
-      Run(opt, func, in, n);
-      break;
-    }
-    case kPolakRibiere: {
-      LxOpt::LxRibierePolakOpt opt;
-      Configure(opt, in, n);
-      Run(opt, func, in, n);
-      break;
-    }
-    case kHestenesStiefel: {
-      LxOpt::LxHestenesStiefelOpt opt;
-      Configure(opt, in, n);
-      Run(opt, func, in, n);
-      break;
-    }
-    case kBFGS: {
-      LxOpt::LxBFGSOpt opt;
-      RunBFGSFamily(opt, func, in, n);
-      break;
-    }
-    case kBFGSMod: {
-      LxOpt::LxBFGSModOpt opt;
-      RunBFGSFamily(opt, func, in, n);
-      LxOpt::LxBFGSModOpt copy(opt);  // carries the matrix of the last run
-      Run(copy, func, in, n);
-      break;
-    }
-    case kDFP: {
-      LxOpt::LxDFPOpt opt;
-      Configure(opt, in, n);
-      Run(opt, func, in, n);
-      break;
-    }
-    case kLBFGS: {
-      LxOpt::LxLBFGSOpt opt;
-      Configure(opt, in, n);
-      opt.SetMemory(in.Below(20));
-      Run(opt, func, in, n);
-      break;
-    }
-    case kGeometry: {
-      LxOpt::LxBFGSOptimizer opt;
-      opt.SetIterLimit(in.Below(48));
-      opt.SetTolerance(in.Tolerance());
-      opt.SetHistory(in.Bool());
-      opt.SetKeepHessian(in.Bool());
-      Run(opt, func, in, n);
-      std::vector<double> h(static_cast<std::size_t>(n) * (n + 1) / 2 + 1);
-      opt.GetInverseHessian(h.data(), n);
-      break;
-    }
-    case kNewton: {
-      LxOpt::LxNewtonOpt opt;
-      opt.SetIterLimit(in.Below(48));
-      opt.SetTolerance(in.Tolerance());
-      Run(opt, func, in, n);
-      if (in.Bool()) {
-        std::vector<double> start = lxfuzz::StartPoint(in, n), out(n);
-        opt.GetImpl()->PreconditionWSteepestDescent(func, start.data(), out.data());
-      }
-      break;
-    }
-    case kNewtonConstr: {
-      LxOpt::LxNewtonConstrOpt opt;
-      opt.SetIterLimit(in.Below(48));
-      opt.SetTolerance(in.Tolerance());
-      // Mostly over all n variables; sometimes a mismatched count, which the
-      // optimizer must refuse.
-      const unsigned int na = in.Below(4) == 0 ? in.Below(n + 1) : n;
-      lxfuzz::Restraint a(na, in.Number()), b(n, in.Number());
-      const unsigned int constraints = in.Below(3);
-      if (constraints > 0) opt.Add(a);
-      if (constraints > 1) opt.Add(b);
-      if (in.Below(4) == 0) opt.Remove(a);
-      Run(opt, func, in, n);
-      break;
-    }
-    case kAnnealing: {
-      Annealing opt(in.Number());
-      opt.SetIterLimit(in.Below(1500));
-      opt.SetTolerance(in.Tolerance());
-      opt.SetSeed(in.U32());
-      Run(opt, func, in, n);
-      break;
-    }
-    default:
-      break;
+  LxOpt::LxAnyOptimizer opt(entry);
+  opt.SetIterLimit(in.Below(entry.family == std::string("SD") ? 200 : 48));
+  opt.SetTolerance(in.Tolerance());
+  if (opt.Gradient() != nullptr) {
+    RunGradient(*opt.Gradient(), func, in, n);
+  } else {
+    RunHessian(*opt.Hessian(), func, in, n);
   }
   return 0;
 }

@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
-# Runs the peer comparison from a built benchmark tree and regenerates the
-# results: bench/results/*.csv, *.md, profile.svg and docs/performance.md. The
-# raw per-library CSVs stay in BUILD_DIR/peer-results.
+# Runs the peer comparison from a built benchmark tree and regenerates
+# docs/performance.md with its profile docs/performance-profile.svg. The raw
+# per-library CSVs and the full tables (*.csv, *.md) stay in
+# BUILD_DIR/peer-results.
 # Usage: scripts/run-peer-bench.sh BUILD_DIR
 # The Debian python (/usr/bin/python3) is used: scipy comes from its packages.
 set -euo pipefail
 
 build="${1:?usage: $0 BUILD_DIR}"
 root="$(cd "$(dirname "$0")/.." && pwd)"
-results="$root/bench/results"
 raw="$build/peer-results"
 python=/usr/bin/python3
-mkdir -p "$results" "$raw" "$root/docs"
+mkdir -p "$raw" "$root/docs"
 
 start=$(date +%s)
 echo "== problem set: LxOpt, GSL, dlib"
@@ -22,6 +22,6 @@ echo "== problem set and scaling: scipy"
 echo "== scaling: LxOpt, dlib, Eigen"
 "$build/bench/peer_scaling" "$raw/scaling_cpp.csv"
 echo "== report"
-"$python" "$root/scripts/peers_report.py" --raw "$raw" --results "$results" \
-  --doc "$root/docs/performance.md" \
+"$python" "$root/scripts/peers_report.py" --raw "$raw" --results "$raw" \
+  --doc "$root/docs/performance.md" --profile "$root/docs/performance-profile.svg" \
   --command "make bench-peers" --seconds "$(( $(date +%s) - start ))"

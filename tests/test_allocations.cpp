@@ -1,82 +1,24 @@
 // Allocation discipline: the optimizers and line minimizers take one scratch
 // block per call (on the stack within LxGetAllocaThreshold, on the heap above
-// it) and allocate nothing while they iterate. This program replaces the
-// malloc family with counting versions that forward to glibc's own entry
-// points. The runtime's operator new and delete obtain and return their blocks
-// through malloc, aligned_alloc and free, so they are counted too (the first
-// test checks that).
+// it) and allocate nothing while they iterate, as counted by the allocation
+// interposer (the last test checks that it counts).
 #include <gtest/gtest.h>
 
-#include <malloc.h>
 #include <cstddef>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "support/allocations.h"
 #include "support/newton.h"
 #include "support/problems.h"
 
 namespace {
-long allocations = 0;
-long releases = 0;
-}  // namespace
-
-// The sanitizers own malloc, and the forwarding needs glibc's entry points:
-// elsewhere the replacements stay out and the counting tests skip.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && defined(__GLIBC__)
-#define LXTEST_COUNTED 1
-extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* block, std::size_t size);
-void* __libc_memalign(std::size_t alignment, std::size_t size);
-void __libc_free(void* block);
-
-void* malloc(std::size_t size) {
-  ++allocations;
-  return __libc_malloc(size);
-}
-void* calloc(std::size_t count, std::size_t size) {
-  ++allocations;
-  return __libc_calloc(count, size);
-}
-void* realloc(void* block, std::size_t size) {
-  if (block == nullptr) ++allocations;
-  if (size == 0 && block != nullptr) ++releases;
-  return __libc_realloc(block, size);
-}
-void free(void* block) {
-  if (block != nullptr) ++releases;
-  __libc_free(block);
-}
-void* memalign(std::size_t alignment, std::size_t size) {
-  ++allocations;
-  return __libc_memalign(alignment, size);
-}
-void* aligned_alloc(std::size_t alignment, std::size_t size) {
-  return memalign(alignment, size);
-}
-int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
-  void* block = memalign(alignment, size);
-  if (block == nullptr) return 12;  // ENOMEM
-  *out = block;
-  return 0;
-}
-}  // extern "C"
-
-#endif
-
-namespace {
 
 using namespace LxOpt;
-
-#ifdef LXTEST_COUNTED
-#define LXTEST_SKIP_IF_NOT_COUNTED() static_cast<void>(0)
-#else
-#define LXTEST_SKIP_IF_NOT_COUNTED() \
-  GTEST_SKIP() << "a sanitizer intercepts malloc (or no glibc): nothing is counted"
-#endif
 
 // Remembers the allocation and release counts at the first and at the last
 // checkpoint call; allocates nothing itself.
@@ -107,30 +49,24 @@ Counts CountRun(LxOptimizer1& opt, unsigned int n) {
           watch.calls};
 }
 
-struct OptimizerRow {
-  const char* name;
-  std::unique_ptr<LxOptimizer1> (*make)();
-  long blocksWithin;  // heap blocks per call within the threshold
-  long blocksAbove;   // heap blocks per call above it
-};
-
 template <class T, class Base = LxOptimizer1>
 std::unique_ptr<Base> Make() {
   return std::make_unique<T>();
 }
 
-// Steepest descent, the conjugate gradients and L-BFGS take one scratch
-// block; BFGS and DFP take their scratch vectors and, as a second block,
-// the n x n working matrix, which DFP always takes from malloc.
-const OptimizerRow kOptimizers[] = {
-    {"SteepestDescent", Make<LxSteepestDescentOpt>, 0, 1},
-    {"ConjGrad", Make<LxConjGradOpt>, 0, 1},
-    {"FletcherReeves", Make<LxFletcherReevesOpt>, 0, 1},
-    {"RibierePolak", Make<LxRibierePolakOpt>, 0, 1},
-    {"HestenesStiefel", Make<LxHestenesStiefelOpt>, 0, 1},
-    {"BFGS", Make<LxBFGSOpt>, 0, 2},
-    {"DFP", Make<LxDFPOpt>, 1, 2},
-    {"LBFGS", Make<LxLBFGSOpt>, 0, 1},
+// Heap blocks per call within the threshold and above it. Steepest descent,
+// the conjugate gradients and L-BFGS take one scratch block; BFGS and DFP
+// take their scratch vectors and, as a second block, the n x n working
+// matrix, which DFP always takes from malloc.
+const std::map<std::string, std::pair<long, long>> kBlocks = {
+    {"SteepestDescent", {0, 1}},
+    {"ConjGrad", {0, 1}},
+    {"FletcherReeves", {0, 1}},
+    {"RibierePolak", {0, 1}},
+    {"HestenesStiefel", {0, 1}},
+    {"BFGS", {0, 2}},
+    {"DFP", {1, 2}},
+    {"LBFGS", {0, 1}},
 };
 
 // Small: every block within the threshold (the largest, L-BFGS's 19n doubles
@@ -139,18 +75,35 @@ const OptimizerRow kOptimizers[] = {
 // 2n doubles (16000 bytes) still fit on the stack.
 constexpr unsigned int kSmall = 10, kLarge = 1000, kLargeLine = 4096;
 
-TEST(OptimizerAllocations, NoneWhileIteratingFixedBlocksPerCall) {
+class OptimizerAllocations
+    : public ::testing::TestWithParam<std::tuple<const LxOptimizerEntry*, unsigned int>> {};
+
+TEST_P(OptimizerAllocations, NoneWhileIteratingFixedBlocksPerCall) {
   LXTEST_SKIP_IF_NOT_COUNTED();
-  for (const OptimizerRow& row : kOptimizers)
-    for (unsigned int n : {kSmall, kLarge}) {
-      SCOPED_TRACE(std::string(row.name) + " n " + std::to_string(n));
-      const Counts c = CountRun(*row.make(), n);
-      ASSERT_GE(c.reports, 3);
-      EXPECT_EQ(c.between, 0);
-      EXPECT_EQ(c.whole, n == kSmall ? row.blocksWithin : row.blocksAbove);
-      EXPECT_EQ(c.released, c.whole);
-    }
+  const auto [entry, n] = GetParam();
+  const std::pair<long, long> blocks = kBlocks.at(entry->name);
+  const Counts c = CountRun(*entry->make1(), n);
+  ASSERT_GE(c.reports, 3);
+  EXPECT_EQ(c.between, 0);
+  EXPECT_EQ(c.whole, n == kSmall ? blocks.first : blocks.second);
+  EXPECT_EQ(c.released, c.whole);
 }
+
+// The registered optimizers with a row above.
+std::vector<const LxOptimizerEntry*> Counted() {
+  std::vector<const LxOptimizerEntry*> counted;
+  for (const LxOptimizerEntry& e : LxOptimizerRegistry())
+    if (kBlocks.count(e.name)) counted.push_back(&e);
+  return counted;
+}
+
+INSTANTIATE_TEST_SUITE_P(Registry, OptimizerAllocations,
+                         ::testing::Combine(::testing::ValuesIn(Counted()),
+                                            ::testing::Values(kSmall, kLarge)),
+                         [](const auto& info) {
+                           return std::string(std::get<0>(info.param)->name) + "_" +
+                                  std::to_string(std::get<1>(info.param));
+                         });
 
 struct LineRow {
   const char* name;

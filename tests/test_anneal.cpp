@@ -28,7 +28,7 @@ struct Annealed : lxtest::Objective {
   using lxtest::Objective::operator();
   Annealed(LxOpt::LxSAOpt& sa, lxtest::Objective& f, std::vector<double> start)
       : inner(f), x(start.size()) {
-    lxtest::Recorder rec;
+    LxOpt::LxTraceCheckpoint rec;
     lxtest::MessageCapture capture;
     std::ostringstream text;
     std::ostream* previous = LxOpt::LxSetOutputStream(&text);
@@ -36,7 +36,7 @@ struct Annealed : lxtest::Objective {
     LxOpt::LxSetOutputStream(previous);
     lines = text.str();
     messages = capture.Texts();
-    states = rec.States();
+    for (const LxOpt::LxTraceEntry& e : rec.Entries()) states.push_back(e.state);
   }
   unsigned int NumVar() const override { return inner.NumVar(); }
   double operator()(const double* p) override {

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -153,19 +154,26 @@ struct PinFirst : LxConstrFunc {
   unsigned int n;
 };
 
-// Annealing leaves its two getters to the caller.
-class Annealing : public LxSAOpt {
+struct CheckpointError {};
+
+// A trace that throws from its `throwAt`-th call (0: never).
+class ThrowingRecorder : public LxTraceCheckpoint {
  public:
-  Annealing() : LxSAOpt(300.0) {}
-  unsigned int GetIterLimit() const override { return EvaluationLimit(); }
-  double GetTolerance() const override { return Tolerance(); }
+  using LxTraceCheckpoint::operator();
+  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
+                  const double* vars, const double* grad, unsigned int state) override {
+    LxTraceCheckpoint::operator()(iter, nvar, fval, gnorm, vars, grad, state);
+    if (Entries().size() == throwAt) throw CheckpointError{};
+    return true;
+  }
+  size_t throwAt = 0;
 };
 
 struct Outcome {
   unsigned int state;  // the last report's, kNone, or kTrue / kFalse
   double value;        // returned value; a line search's final *fval
 };
-using RunFn = std::function<Outcome(HostileFunc&, lxtest::Recorder&, double* out)>;
+using RunFn = std::function<Outcome(HostileFunc&, ThrowingRecorder&, double* out)>;
 
 // A subject under test: how to run it, the most evaluations the run may
 // make, the states it may end on (kNone: no report at all), the states it
@@ -176,21 +184,23 @@ struct Subject {
   long bound;
   std::set<unsigned int> finals;
   std::set<unsigned int> intermediates;
-  RunFn run;
+  RunFn run;  // null for a registered optimizer: Optimize(entry, configure)
   std::set<Fault> neverEnds = {};
   bool smallOnly = false;  // runs of O(n^3) (or long O(n^2)) work: small n only
+  std::function<void(LxAnyOptimizer&, unsigned int n)> configure = nullptr;
 };
 
-// Runs an optimizer with the common limit; the state is the last report's.
-template <class Opt>
-RunFn Optimize(std::function<void(Opt&, unsigned int n)> configure = nullptr) {
-  return [configure](HostileFunc& f, lxtest::Recorder& rec, double* out) {
-    Opt opt;
+// Runs a registered optimizer with the common limit; the state is the last
+// report's.
+RunFn Optimize(const LxOptimizerEntry& entry,
+               std::function<void(LxAnyOptimizer&, unsigned int n)> configure) {
+  return [&entry, configure](HostileFunc& f, ThrowingRecorder& rec, double* out) {
+    LxAnyOptimizer opt(entry);
     opt.SetIterLimit(kLimit);
     if (configure) configure(opt, f.NumVar());
     const std::vector<double> start(f.NumVar(), 0.0);
     const double value = opt(f, &rec, start.data(), out);
-    return Outcome{rec.calls.empty() ? kNone : rec.calls.back().state, value};
+    return Outcome{rec.Entries().empty() ? kNone : rec.Entries().back().state, value};
   };
 }
 
@@ -198,7 +208,7 @@ RunFn Optimize(std::function<void(Opt&, unsigned int n)> configure = nullptr) {
 // direction (2, 4, 6, 2, ...); the entry value and gradient come from one evaluation.
 template <class LM>
 RunFn Search(std::function<void(LM&)> configure = nullptr) {
-  return [configure](HostileFunc& f, lxtest::Recorder&, double*) {
+  return [configure](HostileFunc& f, ThrowingRecorder&, double*) {
     LM lm;
     if (configure) configure(lm);
     const unsigned int n = f.NumVar();
@@ -212,7 +222,7 @@ RunFn Search(std::function<void(LM&)> configure = nullptr) {
 
 constexpr unsigned int kMinfinderSamples = 3;
 // The minimum finder with a budget of a few samples; true/false as a state.
-Outcome FindMinima(HostileFunc& f, lxtest::Recorder&, double*) {
+Outcome FindMinima(HostileFunc& f, ThrowingRecorder&, double*) {
   LxMinfinder::LxMinfinder finder;
   LxMinfinder::GetRandomVariablesGeneral generator;
   finder.SetMaxSample(kMinfinderSamples);
@@ -260,75 +270,58 @@ const std::set<Fault> kNoFirstMinimum = {Fault::kNaN,     Fault::kPosInf, Fault:
 const std::vector<Subject>& Subjects() {
   // The Fletcher-Reeves family ends silently (last report "Cont", or none)
   // on convergence and on a hopeless search.
-  const std::set<unsigned int> betaFinals = {kNone, 0, 1, 6, 11};
-  static const std::vector<Subject> subjects = {
-      {"SteepestDescent", 1 + kLimit, {1, 3, 6, 11}, kCont, Optimize<LxSteepestDescentOpt>()},
-      {"ConjGrad", kGradientRun, {1, 3, 6, 9, 11}, kCont, Optimize<LxConjGradOpt>()},
-      {"FletcherReeves", kGradientRun, betaFinals, kCont, Optimize<LxFletcherReevesOpt>()},
-      {"RibierePolak", kGradientRun, betaFinals, kCont, Optimize<LxRibierePolakOpt>()},
-      {"HestenesStiefel", kGradientRun, betaFinals, kCont, Optimize<LxHestenesStiefelOpt>()},
-      {"BFGS", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxBFGSOpt>()},
-      {"BFGSKeep",
-       kGradientRun,
-       {1, 3, 6, 11},
-       kCont,
-       Optimize<LxBFGSOpt>([](LxBFGSOpt& o, unsigned int) { o.SetKeepHessian(true); })},
-      {"BFGSMod", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxBFGSModOpt>()},
-      {"DFP", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxDFPOpt>()},
-      {"LBFGS", kGradientRun, {1, 3, 6, 11}, kCont, Optimize<LxLBFGSOpt>()},
-      {"GeomBFGS",
-       kGeomRun,
-       {1, 3, 4, 5, 6, 11},
-       {0, 7, 8, 9, 10, 12},
-       Optimize<LxBFGSOptimizer>()},
-      {"Newton", kNewtonRun, {kNone, 3, 6, 11, 12}, {0, 12}, Optimize<LxNewtonOpt>(), {}, true},
-      {"NewtonConstr",
-       kNewtonRun,
-       {kNone, 3, 6, 11, 12},
-       {0, 12},
-       Optimize<LxNewtonConstrOpt>([](LxNewtonConstrOpt& o, unsigned int n) {
-         static PinFirst small(kN), large(kLarge);
-         o.Add(n == kN ? small : large);
-       }),
-       {},
-       true},
-      {"Annealing",
-       kAnnealEvaluations + kQNDefaultRun,
-       {1, 3, 6, 11},
-       kCont,
-       Optimize<Annealing>([](Annealing& o, unsigned int) { o.SetIterLimit(kAnnealEvaluations); }),
-       {},
-       true},
-      {"Minfinder", kMinfinderRun, kLineResults, kCont, FindMinima, kNoFirstMinimum, true},
-      {"LineCG", 1 + kTrials, kLineResults, {}, Search<LxCGLineMinimize>()},
-      {"LineQN", 1 + kTrials, kLineResults, {}, Search<LxQNLineMinimize>()},
-      {"LineMaxStep",
-       1 + kMarch + kTrials,
-       kLineResults,
-       {},  // the march, the inner search
-       Search<LxMaxStepLineMinimize>([](LxMaxStepLineMinimize& lm) {
-         double limits[kN] = {0.1, 0.1, 0.1};  // further variables unlimited
-         lm.SetMaxStep(kN, limits);
-       })},
-      {"LineNR", kNRSearch, kLineResults, {}, Search<LxNRLineSearch>()},
+  const std::set<unsigned int> betaFinals = {kNone, 0, 1, 6, 11}, plain = {1, 3, 6, 11};
+  const std::set<unsigned int> newtonFinals = {kNone, 3, 6, 11, 12}, newtonSteps = {0, 12};
+  // Every registered optimizer has a row (an optimizer added to the registry
+  // without one stops the program at once), then the other subjects.
+  const auto pin = [](LxAnyOptimizer& o, unsigned int n) {
+    static PinFirst small(kN), large(kLarge);
+    static_cast<LxNewtonConstrOpt*>(o.Hessian())->Add(n == kN ? small : large);
   };
+  const auto cool = [](LxAnyOptimizer& o, unsigned int) { o.SetIterLimit(kAnnealEvaluations); };
+  const std::map<std::string, Subject> optimizers = {
+      {"SteepestDescent", {"", 1 + kLimit, plain, kCont, nullptr}},
+      {"ConjGrad", {"", kGradientRun, {1, 3, 6, 9, 11}, kCont, nullptr}},
+      {"FletcherReeves", {"", kGradientRun, betaFinals, kCont, nullptr}},
+      {"RibierePolak", {"", kGradientRun, betaFinals, kCont, nullptr}},
+      {"HestenesStiefel", {"", kGradientRun, betaFinals, kCont, nullptr}},
+      {"BFGS", {"", kGradientRun, plain, kCont, nullptr}},
+      {"BFGSMod", {"", kGradientRun, plain, kCont, nullptr}},
+      {"DFP", {"", kGradientRun, plain, kCont, nullptr}},
+      {"LBFGS", {"", kGradientRun, plain, kCont, nullptr}},
+      {"GeomBFGS", {"", kGeomRun, {1, 3, 4, 5, 6, 11}, {0, 7, 8, 9, 10, 12}, nullptr}},
+      {"Newton", {"", kNewtonRun, newtonFinals, newtonSteps, nullptr, {}, true}},
+      {"NewtonConstr", {"", kNewtonRun, newtonFinals, newtonSteps, nullptr, {}, true, pin}},
+      {"Annealing",
+       {"", kAnnealEvaluations + kQNDefaultRun, plain, kCont, nullptr, {}, true, cool}}};
+  static const std::vector<Subject> subjects = [&] {
+    std::vector<Subject> all;
+    for (const LxOptimizerEntry& e : LxOptimizerRegistry()) {
+      all.push_back(optimizers.at(e.name));
+      all.back().name = e.name;
+      all.back().run = Optimize(e, all.back().configure);
+    }
+    all.push_back({"BFGSKeep", kGradientRun, plain, kCont,
+                   Optimize(*LxFindOptimizer("BFGS"), [](LxAnyOptimizer& o, unsigned int) {
+                     static_cast<LxBFGSOpt*>(o.Gradient())->SetKeepHessian(true);
+                   })});
+    all.push_back(
+        {"Minfinder", kMinfinderRun, kLineResults, kCont, FindMinima, kNoFirstMinimum, true});
+    all.push_back({"LineCG", 1 + kTrials, kLineResults, {}, Search<LxCGLineMinimize>()});
+    all.push_back({"LineQN", 1 + kTrials, kLineResults, {}, Search<LxQNLineMinimize>()});
+    all.push_back({"LineMaxStep",
+                   1 + kMarch + kTrials,
+                   kLineResults,
+                   {},  // march, inner search
+                   Search<LxMaxStepLineMinimize>([](LxMaxStepLineMinimize& lm) {
+                     double limits[kN] = {0.1, 0.1, 0.1};  // further variables unlimited
+                     lm.SetMaxStep(kN, limits);
+                   })});
+    all.push_back({"LineNR", kNRSearch, kLineResults, {}, Search<LxNRLineSearch>()});
+    return all;
+  }();
   return subjects;
 }
-
-struct CheckpointError {};
-
-// A recorder that throws from its `throwAt`-th call (0: never).
-class ThrowingRecorder : public lxtest::Recorder {
- public:
-  using lxtest::Recorder::operator();
-  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
-                  const double* vars, const double* grad, unsigned int state) override {
-    lxtest::Recorder::operator()(iter, nvar, fval, gnorm, vars, grad, state);
-    if (calls.size() == throwAt) throw CheckpointError{};
-    return true;
-  }
-  size_t throwAt = 0;
-};
 
 // One run of a subject on a hostile objective, with messages and progress
 // lines kept out of the test output.
@@ -379,7 +372,7 @@ TEST_P(Hostile, EndsBoundedWithAnAllowedState) {
   }
   ASSERT_FALSE(play.overrun) << "more than " << s.bound << " evaluations";
   EXPECT_LE(play.f.evaluations, s.bound);
-  const std::vector<lxtest::Call>& calls = play.rec.calls;
+  const std::vector<LxTraceEntry>& calls = play.rec.Entries();
   for (size_t i = 0; i + 1 < calls.size(); ++i)
     EXPECT_TRUE(s.intermediates.count(calls[i].state)) << "report " << i << ": " << calls[i].state;
   // A run may end before the fault sets in (short line searches on ThrowLargeLater).
@@ -442,7 +435,7 @@ TEST(HostileCheckpoint, ExceptionPassesThrough) {
     const Hostility healthy{"Healthy", Fault::kNaN, 1L << 40, newton ? kN : kLarge};
     const Play play(s, healthy, 1);
     EXPECT_TRUE(play.checkpointThrew) << s.name;
-    EXPECT_EQ(play.rec.calls.size(), 1u) << s.name;
+    EXPECT_EQ(play.rec.Entries().size(), 1u) << s.name;
   }
 }
 

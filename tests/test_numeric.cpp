@@ -80,10 +80,10 @@ TEST(NumericGradients, MatchAnalyticAccumulateAndRestoreByArithmetic) {
 // up; rows without one stay as they were.
 TEST(NumericHessian, ExactOnCubicAndAssembledFromRecords) {
   Cubic cubic;
-  lxtest::Counting counted(cubic);
+  LxCountingFunc counted(cubic);
   Vec direct(10, 0.0), assembled(10, 0.0);
   EXPECT_EQ(NumericHessian(counted, kX, direct.data()), cubic(kX));
-  EXPECT_TRUE(counted.gradients == 4 * 5 && counted.values == 1);  // both gradients per element
+  EXPECT_TRUE(counted.Gradients() == 4 * 5 && counted.Values() == 1);  // both gradients per element
   ExpectNear(direct, cubic.Hessian(kX), 1e-8);
   Vec twice = direct;  // the one-call form adds to what is there
   NumericHessian(cubic, kX, twice.data());
@@ -149,10 +149,10 @@ TEST(NumericDerivatives, BadInputWarnsAndReturnsNeutralResults) {
                 "Hessian array is not allocated"}));
   // n = 0: nothing to displace, just the value.
   lxtest::DiagonalQuadratic none({}, {});
-  lxtest::Counting empty(none);
+  LxCountingFunc empty(none);
   EXPECT_TRUE(NumericGradients(empty, nullptr, nullptr) == 0.0 &&
               NumericHessian(empty, nullptr, nullptr) == 0.0);
-  EXPECT_TRUE(empty.values == 2 && empty.gradients == 0);
+  EXPECT_TRUE(empty.Values() == 2 && empty.Gradients() == 0);
 }
 
 TEST(NumericFunc1, GivesAValueOnlyObjectiveAGradient) {

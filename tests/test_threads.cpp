@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -13,7 +14,6 @@
 #include <vector>
 
 #include "lxopt/lxopt.h"
-#include "support/problems.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ struct Job {
 };
 
 // The chained curved valley as an LxFunc2 (numeric Hessian) for the Newton
-// optimizer.
+// optimizers.
 class ValleyWithHessian : public LxFunc2 {
  public:
   using LxFunc2::operator();
@@ -59,34 +59,21 @@ class ValleyWithHessian : public LxFunc2 {
   LxTestF f_;
 };
 
-// Simulated annealing leaves the two getters to a derived class.
-class Annealing : public LxSAOpt {
- public:
-  using LxSAOpt::LxSAOpt;
-  unsigned int GetIterLimit() const override { return EvaluationLimit(); }
-  double GetTolerance() const override { return Tolerance(); }
-};
-
-// An optimizer on f from (start, ..., start).
-template <class Opt, class F>
-Outcome Run(Opt& opt, F& f, double start) {
-  const unsigned int n = f.NumVar();
-  lxtest::Recorder record;
+// An optimizer on the valley of n variables from (start, ..., start).
+template <class Opt>
+Outcome Valley(Opt& opt, unsigned int n, double start) {
+  ValleyWithHessian f(n);
+  LxTraceCheckpoint record(nullptr, true);
   Vec x0(n, start), x(n);
   Outcome o;
   o.Add({opt(f, &record, x0.data(), x.data())});
   o.Add(x);
-  for (const lxtest::Call& c : record.calls) {
-    o.codes.insert(o.codes.end(), {c.iter, c.state, c.gradNull});
+  for (const LxTraceEntry& c : record.Entries()) {
+    o.codes.insert(o.codes.end(), {c.iter, c.state, c.hasGradient});
     o.Add({c.fval, c.gnorm});
-    o.Add(c.vars);
+    o.Add(c.x);
   }
   return o;
-}
-template <class Opt>
-Outcome Valley(Opt& opt, unsigned int n, double start) {
-  LxTestF f(n);
-  return Run(opt, f, start);
 }
 
 Outcome Finder(std::uint32_t seed, const Vec& lower, const Vec& upper) {
@@ -104,75 +91,46 @@ Outcome Finder(std::uint32_t seed, const Vec& lower, const Vec& upper) {
   return o;
 }
 
+// Every optimizer of the registry on its own valley; settings other than
+// the defaults where a run would be too short or too long.
+struct Setting {
+  unsigned int n = 5;
+  double start = -0.5, tolerance = 0.0;  // 0: the default
+  unsigned int limit = 0;                // 0: the default
+};
+const std::map<std::string, Setting> kSettings = {
+    {"BFGS", {12, -1.2}},
+    {"ConjGrad", {8, -0.5, 1e-8}},
+    {"RibierePolak", {5, 0.0, 1e-8}},
+    {"DFP", {4, 2.0}},
+    {"LBFGS", {30, -1.0, 1e-10}},
+    {"SteepestDescent", {3, 0.5, 0.0, 3000}},
+    {"GeomBFGS", {9, -0.7}},
+    {"Newton", {6, -0.8}},
+    {"Annealing", {3, 3.0, 0.0, 20000}},
+};
+
 std::vector<Job> Jobs() {
-  return {
-      {"BFGS",
-       [] {
-         LxBFGSOpt o;
-         return Valley(o, 12, -1.2);
-       }},
-      {"BFGS again",
-       [] {
-         LxBFGSOpt o;
-         o.SetLineMinimize(LxMaxStepLineMinimize());
-         return Valley(o, 6, 0.3);
-       }},
-      {"ConjGrad",
-       [] {
-         LxConjGradOpt o;
-         o.SetTolerance(1e-8);
-         return Valley(o, 8, -0.5);
-       }},
-      {"PolakRibiere",
-       [] {
-         LxRibierePolakOpt o;
-         o.SetTolerance(1e-8);
-         return Valley(o, 5, 0.0);
-       }},
-      {"DFP",
-       [] {
-         LxDFPOpt o;
-         return Valley(o, 4, 2.0);
-       }},
-      {"LBFGS",
-       [] {
-         LxLBFGSOpt o;
-         o.SetTolerance(1e-10);
-         return Valley(o, 30, -1.0);
-       }},
-      {"Steepest",
-       [] {
-         LxSteepestDescentOpt o;
-         o.SetIterLimit(3000);
-         return Valley(o, 3, 0.5);
-       }},
-      {"Geometry",
-       [] {
-         LxBFGSOptimizer o;
-         return Valley(o, 9, -0.7);
-       }},
-      {"Newton",
-       [] {
-         ValleyWithHessian f(6);
-         LxNewtonOpt o;
-         return Run(o, f, -0.8);
-       }},
-      {"Annealing",
-       [] {
-         Annealing o(300.0);
-         o.SetSeed(11);
-         o.SetIterLimit(20000);
-         return Valley(o, 3, 3.0);
-       }},
-      {"Finder A",
-       [] {
-         return Finder(1, {-3, -2}, {3, 2});
-       }},
-      {"Finder B",
-       [] {
-         return Finder(2, {-2.5, -1.5}, {2.5, 1.5});
-       }},
-  };
+  std::vector<Job> jobs;
+  for (const LxOptimizerEntry& e : LxOptimizerRegistry()) {
+    const auto found = kSettings.find(e.name);
+    const Setting s = found == kSettings.end() ? Setting() : found->second;
+    jobs.push_back({e.name, [&e, s] {
+                      LxAnyOptimizer o(e);
+                      if (s.tolerance > 0.0) o.SetTolerance(s.tolerance);
+                      if (s.limit > 0) o.SetIterLimit(s.limit);
+                      if (auto* sa = dynamic_cast<LxSAOpt*>(o.Gradient())) sa->SetSeed(11);
+                      return Valley(o, s.n, s.start);
+                    }});
+  }
+  jobs.push_back({"BFGS again", [] {
+                    LxBFGSOpt o;
+                    o.SetLineMinimize(LxMaxStepLineMinimize());
+                    return Valley(o, 6, 0.3);
+                  }});
+  jobs.push_back({"Finder A", [] { return Finder(1, {-3, -2}, {3, 2}); }});
+  jobs.push_back({"Finder B", [] { return Finder(2, {-2.5, -1.5}, {2.5, 1.5}); }});
+  return jobs;
 }
 
 // Counts messages from any thread.

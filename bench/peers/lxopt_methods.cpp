@@ -25,27 +25,18 @@ Outcome Finish(std::vector<double> x, const LxOpt::LxRunSummary& summary) {
   return o;
 }
 
-template <class Optimizer>
-Method First(const std::string& name, const std::string& methodClass) {
-  return {"LxOpt", name, methodClass, [](Counting& f) {
-            Optimizer opt;
+// A registered optimizer with the common stopping rule: the Newton family's
+// tolerance is on the RMS gradient, the others' on sum g^2.
+Method Registered(const LxOpt::LxOptimizerEntry& entry) {
+  return {"LxOpt", entry.name, entry.family, [&entry](Counting& f) {
+            LxOpt::LxAnyOptimizer opt(entry);
             opt.SetIterLimit(kIterLimit);
-            opt.SetTolerance(kGradientTolerance * kGradientTolerance);
+            opt.SetTolerance(entry.needs == LxOpt::LxObjectiveNeeds::kHessian
+                                 ? kGradientTolerance / std::sqrt(double(f.NumVar()))
+                                 : kGradientTolerance * kGradientTolerance);
             const std::vector<double> start = f.problem().Start();
             std::vector<double> x(start.size());
-            opt(f, start.data(), x.data());
-            return Finish(std::move(x), opt.LastRun());
-          }};
-}
-
-Method Newton() {
-  return {"LxOpt", "Newton", "Newton", [](Counting& f) {
-            LxOpt::LxNewtonOpt opt;
-            opt.SetIterLimit(kIterLimit);
-            opt.SetTolerance(kGradientTolerance / std::sqrt(double(f.NumVar())));
-            const std::vector<double> start = f.problem().Start();
-            std::vector<double> x(start.size());
-            opt(f, start.data(), x.data());
+            opt(f, nullptr, start.data(), x.data());
             return Finish(std::move(x), opt.LastRun());
           }};
 }
@@ -68,18 +59,21 @@ Method Geometry(const std::string& name, bool history) {
 
 }  // namespace
 
+// Every registered optimizer but the geometry driver (with its own
+// tolerance, with and without history steps), the constrained Newton run
+// (no constraints here) and annealing (a global search).
 std::vector<Method> LxOptMethods() {
-  return {First<LxOpt::LxSteepestDescentOpt>("SteepestDescent", "SD"),
-          First<LxOpt::LxConjGradOpt>("ConjGrad", "CG"),
-          First<LxOpt::LxFletcherReevesOpt>("FletcherReeves", "CG"),
-          First<LxOpt::LxRibierePolakOpt>("RibierePolak", "CG"),
-          First<LxOpt::LxHestenesStiefelOpt>("HestenesStiefel", "CG"),
-          First<LxOpt::LxBFGSOpt>("BFGS", "QN"),
-          First<LxOpt::LxDFPOpt>("DFP", "QN"),
-          First<LxOpt::LxLBFGSOpt>("LBFGS", "QN"),
-          Geometry("GeomBFGS", false),
-          Geometry("GeomBFGS-DIIS", true),
-          Newton()};
+  std::vector<Method> methods;
+  for (const LxOpt::LxOptimizerEntry& e : LxOpt::LxOptimizerRegistry()) {
+    const std::string name = e.name;
+    if (name == "GeomBFGS") {
+      methods.push_back(Geometry("GeomBFGS", false));
+      methods.push_back(Geometry("GeomBFGS-DIIS", true));
+    } else if (name != "NewtonConstr" && name != "Annealing") {
+      methods.push_back(Registered(e));
+    }
+  }
+  return methods;
 }
 
 }  // namespace lxbench

@@ -358,21 +358,21 @@ Array StartCopy(const py::object& x0) {
   return Array(start.size(), start.data());
 }
 
-// Whether the optimizer ends its run when a state-0 report is answered false.
-template <class Opt>
-constexpr bool HonoursStop() {
-  return !std::is_same<Opt, LxSteepestDescentOpt>::value &&
-         !std::is_same<Opt, LxNewtonOpt>::value && !std::is_same<Opt, LxNewtonConstrOpt>::value &&
-         !std::is_same<Opt, LxBFGSOptimizer>::value;
+// The library's entry for an optimizer class of this module.
+const LxOptimizerEntry& Entry(const char* name) {
+  const LxOptimizerEntry* entry = LxFindOptimizer(name);
+  if (entry == nullptr) throw std::logic_error(std::string("no optimizer called ") + name);
+  return *entry;
 }
 
 // One run of `opt` (an LxOptimizer1 or LxOptimizer2) on Python callables.
 // jac: a callable, True (fun returns (value, gradient)), or None / "2-point"
 // / "3-point" (central differences with step eps). guard: the non-finite
-// guard described at PyObjective.
+// guard described at PyObjective. honoursStop: the run ends when its
+// checkpoint answers false (the registry says which do).
 template <class Opt, class Func>
 py::dict Run(Opt& opt, py::function fun, const py::object& x0, py::object jac, py::object hess,
-             py::object callback, bool guard, double eps, bool dfpInverse) {
+             py::object callback, bool guard, double eps, bool dfpInverse, bool honoursStop) {
   GradientSource source = GradientSource::kJac;
   if (py::isinstance<py::bool_>(jac)) {
     source = py::cast<bool>(jac) ? GradientSource::kIncluded : GradientSource::kNumeric;
@@ -390,7 +390,7 @@ py::dict Run(Opt& opt, py::function fun, const py::object& x0, py::object jac, p
   std::unique_ptr<DFPReplay> replay;
   if (dfpInverse && std::is_same<Opt, LxDFPOpt>::value)
     replay = std::make_unique<DFPReplay>(static_cast<unsigned int>(x.size()));
-  PyCheckpoint cp(std::move(callback), HonoursStop<Opt>(), replay.get());
+  PyCheckpoint cp(std::move(callback), honoursStop, replay.get());
   LoggingSink sink;
   double* data = x.mutable_data();
   double value = 0.0;
@@ -444,21 +444,37 @@ class Anneal : public LxSAOpt {
   double GetTolerance() const override { return Tolerance(); }
 };
 
-// The settings every optimizer shares, and its minimize(fun, x0, ...).
+// minimize(fun, x0, ...) of the optimizer the registry calls `name`, which
+// the class also carries as registry_name.
 template <class Opt, class Func, class Class>
-Class& Common(Class& cls) {
+Class& Minimize(Class& cls, const char* name) {
+  const bool honoursStop = Entry(name).honoursStop;
+  cls.attr("registry_name") = name;
+  cls.def(
+      "minimize",
+      [honoursStop](Opt& opt, py::function fun, const py::object& x0, py::object jac,
+                    py::object hess, py::object callback, bool guard, double eps, bool dfpInverse) {
+        return Run<Opt, Func>(opt, std::move(fun), x0, std::move(jac), std::move(hess),
+                              std::move(callback), guard, eps, dfpInverse, honoursStop);
+      },
+      py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(), py::arg("hess") = py::none(),
+      py::arg("callback") = py::none(), py::arg("guard") = true, py::arg("eps") = kLxGradientStep,
+      py::arg("dfp_inverse") = false,
+      "Minimizes fun from x0; returns a dict of the raw outcome. jac: callable, True "
+      "(fun returns (f, g)) or None (central differences with step eps); "
+      "callback(x, fun, gnorm, nit) -> False stops; guard: stop on a non-finite start "
+      "and step back from non-finite points; dfp_inverse (DFP only): add hess_inv, the "
+      "DFP update replayed over the reported points.");
+  return cls;
+}
+
+// The settings every optimizer shares, and its minimize.
+template <class Opt, class Func, class Class>
+Class& Common(Class& cls, const char* name) {
   cls.def(py::init<>())
       .def_property("iter_limit", &Opt::GetIterLimit, &Opt::SetIterLimit)
-      .def_property("tolerance", &Opt::GetTolerance, &Opt::SetTolerance)
-      .def("minimize", &Run<Opt, Func>, py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(),
-           py::arg("hess") = py::none(), py::arg("callback") = py::none(), py::arg("guard") = true,
-           py::arg("eps") = kLxGradientStep, py::arg("dfp_inverse") = false,
-           "Minimizes fun from x0; returns a dict of the raw outcome. jac: callable, True "
-           "(fun returns (f, g)) or None (central differences with step eps); "
-           "callback(x, fun, gnorm, nit) -> False stops; guard: stop on a non-finite start "
-           "and step back from non-finite points; dfp_inverse (DFP only): add hess_inv, the "
-           "DFP update replayed over the reported points.");
-  return cls;
+      .def_property("tolerance", &Opt::GetTolerance, &Opt::SetTolerance);
+  return Minimize<Opt, Func>(cls, name);
 }
 
 template <class Opt, class Class>
@@ -613,7 +629,7 @@ void BindNewtonConstrained(py::module_& m) {
             }
             return Run<LxNewtonConstrOpt, LxFunc2>(s.opt, std::move(fun), x, std::move(jac),
                                                    std::move(hess), std::move(callback), guard, eps,
-                                                   false);
+                                                   false, Entry("NewtonConstr").honoursStop);
           },
           py::arg("fun"), py::arg("x0"), py::arg("jac") = py::none(), py::arg("hess") = py::none(),
           py::arg("callback") = py::none(), py::arg("guard") = true,
@@ -700,14 +716,23 @@ PYBIND11_MODULE(_lxopt, m) {
   m.doc() = "Compiled core of lxopt";
   m.def("state_name", &LxGetStateName, py::arg("state"));
   m.attr("release") = LxOptGetRelease();
+  m.def(
+      "optimizer_names",
+      [] {
+        py::list names;
+        for (const LxOptimizerEntry& e : LxOptimizerRegistry()) names.append(e.name);
+        return names;
+      },
+      "The library's name of every optimizer (the classes' registry_name).");
 
   py::class_<LxBFGSOpt> bfgs(m, "BFGS");
-  WithKeptHessian<LxBFGSOpt>(WithLineMinimizer<LxBFGSOpt>(Common<LxBFGSOpt, LxFunc1>(bfgs)));
+  WithKeptHessian<LxBFGSOpt>(
+      WithLineMinimizer<LxBFGSOpt>(Common<LxBFGSOpt, LxFunc1>(bfgs, "BFGS")));
   py::class_<LxBFGSModOpt> bfgsMod(m, "BFGSCarry");
   WithKeptHessian<LxBFGSModOpt>(
-      WithLineMinimizer<LxBFGSModOpt>(Common<LxBFGSModOpt, LxFunc1>(bfgsMod)));
+      WithLineMinimizer<LxBFGSModOpt>(Common<LxBFGSModOpt, LxFunc1>(bfgsMod, "BFGSMod")));
   py::class_<LxLBFGSOpt> lbfgs(m, "LBFGS");
-  WithLineMinimizer<LxLBFGSOpt>(Common<LxLBFGSOpt, LxFunc1>(lbfgs));
+  WithLineMinimizer<LxLBFGSOpt>(Common<LxLBFGSOpt, LxFunc1>(lbfgs, "LBFGS"));
   lbfgs.def_property("memory", &LxLBFGSOpt::GetMemory, &LxLBFGSOpt::SetMemory)
       .def_property("keep_pairs", &LxLBFGSOpt::GetKeepPairs, &LxLBFGSOpt::SetKeepPairs)
       .def(
@@ -724,21 +749,23 @@ PYBIND11_MODULE(_lxopt, m) {
                     "Variables are x, y, z per atom: start from a model Hessian.");
   WithAtomicNumbers(lbfgs);
   py::class_<LxDFPOpt> dfp(m, "DFP");
-  WithLineMinimizer<LxDFPOpt>(Common<LxDFPOpt, LxFunc1>(dfp));
+  WithLineMinimizer<LxDFPOpt>(Common<LxDFPOpt, LxFunc1>(dfp, "DFP"));
   py::class_<LxConjGradOpt> cg(m, "ConjGrad");
-  WithLineMinimizer<LxConjGradOpt>(Common<LxConjGradOpt, LxFunc1>(cg));
+  WithLineMinimizer<LxConjGradOpt>(Common<LxConjGradOpt, LxFunc1>(cg, "ConjGrad"));
   py::class_<LxFletcherReevesOpt> fr(m, "FletcherReeves");
-  WithLineMinimizer<LxFletcherReevesOpt>(Common<LxFletcherReevesOpt, LxFunc1>(fr));
+  WithLineMinimizer<LxFletcherReevesOpt>(
+      Common<LxFletcherReevesOpt, LxFunc1>(fr, "FletcherReeves"));
   py::class_<LxRibierePolakOpt> pr(m, "PolakRibiere");
-  WithLineMinimizer<LxRibierePolakOpt>(Common<LxRibierePolakOpt, LxFunc1>(pr));
+  WithLineMinimizer<LxRibierePolakOpt>(Common<LxRibierePolakOpt, LxFunc1>(pr, "RibierePolak"));
   py::class_<LxHestenesStiefelOpt> hs(m, "HestenesStiefel");
-  WithLineMinimizer<LxHestenesStiefelOpt>(Common<LxHestenesStiefelOpt, LxFunc1>(hs));
+  WithLineMinimizer<LxHestenesStiefelOpt>(
+      Common<LxHestenesStiefelOpt, LxFunc1>(hs, "HestenesStiefel"));
   py::class_<LxSteepestDescentOpt> sd(m, "SteepestDescent");
-  Common<LxSteepestDescentOpt, LxFunc1>(sd);
+  Common<LxSteepestDescentOpt, LxFunc1>(sd, "SteepestDescent");
   py::class_<LxNewtonOpt> newton(m, "Newton");
-  Common<LxNewtonOpt, LxFunc2>(newton);
+  Common<LxNewtonOpt, LxFunc2>(newton, "Newton");
   py::class_<LxBFGSOptimizer> geometry(m, "Geometry");
-  WithKeptHessian<LxBFGSOptimizer>(Common<LxBFGSOptimizer, LxFunc1>(geometry));
+  WithKeptHessian<LxBFGSOptimizer>(Common<LxBFGSOptimizer, LxFunc1>(geometry, "GeomBFGS"));
   geometry.def_property("history", &LxBFGSOptimizer::GetHistory, &LxBFGSOptimizer::SetHistory);
   geometry.def_property("cartesian", &LxBFGSOptimizer::GetCartesian, &LxBFGSOptimizer::SetCartesian,
                         "Variables are x, y, z per atom: start from a model Hessian.");
@@ -749,16 +776,14 @@ PYBIND11_MODULE(_lxopt, m) {
   geometry.def_property("surrogate", &LxBFGSOptimizer::GetSurrogate, &LxBFGSOptimizer::SetSurrogate,
                         "Try a Gaussian-process model's minimum first in each cycle.");
 
-  py::class_<Anneal>(m, "Anneal")
-      .def(py::init<double>(), py::arg("temperature") = 300.0)
+  py::class_<Anneal> anneal(m, "Anneal");
+  anneal.def(py::init<double>(), py::arg("temperature") = 300.0)
       .def_property("iter_limit", &Anneal::GetIterLimit, &Anneal::SetIterLimit)
-      .def_property("tolerance", &Anneal::GetTolerance, &Anneal::SetTolerance)
-      .def("minimize", &Run<Anneal, LxFunc1>, py::arg("fun"), py::arg("x0"),
-           py::arg("jac") = py::none(), py::arg("hess") = py::none(),
-           py::arg("callback") = py::none(), py::arg("guard") = true,
-           py::arg("eps") = kLxGradientStep, py::arg("dfp_inverse") = false);
+      .def_property("tolerance", &Anneal::GetTolerance, &Anneal::SetTolerance);
+  Minimize<Anneal, LxFunc1>(anneal, "Annealing");
 
   BindNewtonConstrained(m);
+  m.attr("NewtonConstrained").attr("registry_name") = "NewtonConstr";
   BindMinFinder(m);
   bind_steps(m);
 }

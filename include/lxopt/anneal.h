@@ -62,6 +62,9 @@ class LXOPT_API LxSAOpt : public LxOptimizer1 {
   // Reseeds the generator (365 unless this is called); the next run draws
   // from the new sequence. Copies still start from 365.
   void SetSeed(unsigned int seed) { random_.Seed(seed); }
+  // Sets the initial temperature in kelvin of the next runs.
+  void SetTemperature(double temperature) { temperature_ = temperature; }
+  double GetTemperature() const { return temperature_; }
 
   using LxOptimizer1::operator();
   // Anneals from x0, then minimises the best point with BFGS, reporting

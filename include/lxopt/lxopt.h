@@ -17,6 +17,7 @@
 #include "lxopt/numeric.h"
 #include "lxopt/optimizer.h"
 #include "lxopt/quasinewton.h"
+#include "lxopt/registry.h"
 #include "lxopt/steepest.h"
 #include "lxopt/tools.h"
 #include "lxopt/version.h"

@@ -130,7 +130,7 @@ double LxSAOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, 
           if (xp[h] > kBox || !(xp[h] >= -kBox)) xp[h] = 2.0 * kBox * random_.NextFloat() - kBox;
           const double fp = func(xp);
           if (++nev >= evaluationLimit_) {
-            // The value of this last evaluation is deliberately not used.
+            // Deliberate: the value of this last evaluation is not used.
             LxThrow.Warning("Number of function evaluation exceeded");
             return FinalMinimization(func, checkpoint, xopt, x);
           }
@@ -171,7 +171,7 @@ double LxSAOpt::Run(LxFunc1& func, LxCheckpoint1* checkpoint, const double* x0, 
     t *= coolingFactor_;
     for (unsigned int k = kHistorySize - 1; k > 1; --k) history[k] = history[k - 1];
     history[1] = f;
-    // Restart from the best point; f deliberately keeps the last accepted
+    // Restart from the best point. Deliberate: f keeps the last accepted
     // value, so the next comparisons are made against it.
     for (unsigned int i = 0; i < n; ++i) x[i] = xp[i] = xopt[i];
   }

@@ -1,5 +1,5 @@
-// The conjugate-gradient optimizers in the demo table, and a section that
-// runs one of them with each line minimizer.
+// Conjugate gradients with the quasi-Newton search in the demo table, and a
+// section that runs them with each line minimizer.
 #include <cstdio>
 #include <vector>
 
@@ -14,15 +14,6 @@ Opt Configured() {
   opt.SetTolerance(1e-8);
   return opt;
 }
-
-const Register conjGrad(Optimizer{20, "ConjGrad", false,
-                                  RunWith(Configured<LxOpt::LxConjGradOpt>())});
-const Register fletcherReeves(Optimizer{21, "FletcherReeves", false,
-                                        RunWith(Configured<LxOpt::LxFletcherReevesOpt>())});
-const Register ribierePolak(Optimizer{22, "RibierePolak", false,
-                                      RunWith(Configured<LxOpt::LxRibierePolakOpt>())});
-const Register hestenesStiefel(Optimizer{23, "HestenesStiefel", false,
-                                         RunWith(Configured<LxOpt::LxHestenesStiefelOpt>())});
 
 LxOpt::LxConjGradOpt WithQuasiNewtonSearch() {
   LxOpt::LxConjGradOpt opt = Configured<LxOpt::LxConjGradOpt>();

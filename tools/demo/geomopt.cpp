@@ -1,6 +1,5 @@
-// The geometry BFGS driver: a row of the table, and a 13-atom Lennard-Jones
-// cluster relaxed from a perturbed icosahedron with LxBFGSCheckpoint
-// printing its cycle lines.
+// The geometry BFGS driver: a 13-atom Lennard-Jones cluster relaxed from a perturbed icosahedron
+// with LxBFGSCheckpoint printing its cycle lines.
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -38,13 +37,6 @@ void RelaxCluster(const Options&) {
       e, cluster.FStar(), LxOpt::LxGetStateName(opt.LastRun().state));
 }
 
-LxOpt::LxBFGSOptimizer Configured() {
-  LxOpt::LxBFGSOptimizer opt;
-  opt.SetTolerance(1e-6);
-  return opt;
-}
-
-const Register table(Optimizer{50, "GeometryBFGS", false, RunWith(Configured())});
 const Register section(Section{50, "lj13", RelaxCluster});
 
 }  // namespace

@@ -23,6 +23,30 @@ const Problem* FindProblem(const std::string& name) {
 
 namespace {
 
+constexpr double kTableTolerance = 1e-8;
+constexpr double kGeometryTolerance = 1e-6;
+
+// The table's first rows: every optimizer of the library, each run on a
+// fresh object, at the table's tolerance (the geometry driver at its own, the
+// Newton optimizer at its default). The constrained Newton run and annealing
+// have sections of their own.
+void AddLibraryOptimizers(Registry& r) {
+  for (const LxOpt::LxOptimizerEntry& e : LxOpt::LxOptimizerRegistry()) {
+    const std::string name = e.name, family = e.family;
+    if (name == "NewtonConstr" || family == "SA") continue;
+    const double tolerance = name == "GeomBFGS" ? kGeometryTolerance : kTableTolerance;
+    r.optimizers.push_back({0, name, e.needs == LxOpt::LxObjectiveNeeds::kHessian,
+                            [&e, tolerance](LxOpt::LxFunc2& f, LxOpt::LxCheckpoint1* cp,
+                                            const double* start, double* out) {
+                              LxOpt::LxAnyOptimizer opt(e);
+                              if (e.needs == LxOpt::LxObjectiveNeeds::kGradient)
+                                opt.SetTolerance(tolerance);
+                              opt(f, cp, start, out);
+                              return opt.LastRun();
+                            }});
+  }
+}
+
 // What --plot asks for: the SVG path (empty: no plot) and the problem.
 struct PlotRequest {
   std::string path;
@@ -269,6 +293,7 @@ int main(int argc, char** argv) {
   PlotRequest plot;
   const Parsed parsed = ParseArguments(argc, argv, options, plot);
   Registry& r = TheRegistry();
+  AddLibraryOptimizers(r);
   auto byOrder = [](const auto& a, const auto& b) { return a.order < b.order; };
   std::stable_sort(r.problems.begin(), r.problems.end(), byOrder);
   std::stable_sort(r.optimizers.begin(), r.optimizers.end(), byOrder);

@@ -1,5 +1,4 @@
-// Newton in the demo table (it runs on the problems that supply a Hessian),
-// and the constrained Newton section: nearest points on a sphere, a plane and
+// The constrained Newton section: nearest points on a sphere, a plane and
 // their intersection circle, each printed beside its known answer.
 #include <array>
 #include <cmath>
@@ -9,8 +8,6 @@
 
 namespace demo {
 namespace {
-
-const Register newton(Optimizer{60, "Newton", true, RunWith(LxOpt::LxNewtonOpt())});
 
 using Vec3 = std::array<double, 3>;
 

@@ -1,6 +1,7 @@
-// The quasi-Newton optimizers in the demo table: BFGS, BFGS with a carried
-// matrix (two runs in a row with one object), DFP and L-BFGS, each with each line
-// minimizer; and a section showing the kept inverse Hessian.
+// The quasi-Newton rows of the demo table beyond the library's own: BFGS,
+// DFP and L-BFGS with each other line minimizer, BFGS with a carried matrix
+// (two runs in a row with one object) with each; and a section showing the
+// kept inverse Hessian.
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -60,16 +61,16 @@ RunFunction TwoRuns(const LxOpt::LxLineMinimize& search) {
 bool RegisterAll() {
   int order = 30;
   for (const Search& s : Searches()) {
+    const int at = order++;
     const std::unique_ptr<LxOpt::LxLineMinimize> search = s.make();
     const std::string suffix = s.suffix;
+    Register(Optimizer{at + 4, "BFGSMod2Runs" + suffix, false, TwoRuns(*search)});
+    if (suffix.empty()) continue;  // the library's rows run the default search
+    Register(Optimizer{at, "BFGS" + suffix, false, RunWith(Configured<LxOpt::LxBFGSOpt>(*search))});
     Register(
-        Optimizer{order, "BFGS" + suffix, false, RunWith(Configured<LxOpt::LxBFGSOpt>(*search))});
-    Register(Optimizer{order + 4, "BFGSMod2Runs" + suffix, false, TwoRuns(*search)});
-    Register(
-        Optimizer{order + 8, "DFP" + suffix, false, RunWith(Configured<LxOpt::LxDFPOpt>(*search))});
-    Register(Optimizer{order + 12, "LBFGS" + suffix, false,
+        Optimizer{at + 8, "DFP" + suffix, false, RunWith(Configured<LxOpt::LxDFPOpt>(*search))});
+    Register(Optimizer{at + 12, "LBFGS" + suffix, false,
                        RunWith(Configured<LxOpt::LxLBFGSOpt>(*search))});
-    ++order;
   }
   return true;
 }

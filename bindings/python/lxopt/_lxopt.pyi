@@ -16,8 +16,10 @@ RawResult = Dict[str, Any]
 release: str
 
 def state_name(state: int) -> str: ...
+def optimizer_names() -> List[str]: ...
 
 class _Optimizer:
+    registry_name: str
     iter_limit: int
     tolerance: float
     def __init__(self) -> None: ...

@@ -88,6 +88,12 @@ def demo_rows(name):
     return rows
 
 
+def test_every_library_optimizer_has_a_class():
+    from lxopt import _lxopt
+    bound = [c.registry_name for c in vars(_lxopt).values() if hasattr(c, "registry_name")]
+    assert sorted(bound) == sorted(_lxopt.optimizer_names())
+
+
 @pytest.mark.parametrize("name", sorted(DEMO_OPTIMIZERS))
 def test_runs_identical_to_the_cpp_demo(name):
     method, options = DEMO_OPTIMIZERS[name]
