@@ -310,9 +310,9 @@ TEST(Registry, ListsEveryOptimizerClassOfTheHeaders) {
   for (const auto& [name, base] : baseOf) {
     std::string root = base;
     while (baseOf.count(root)) root = baseOf[root];
-    const bool base =
+    const bool sharedBase =
         name == "LxGradientOpt" || name == "LxConjGradBase" || name == "LxBetaConjGradOpt";
-    if ((root == "LxOptimizer1" || root == "LxOptimizer2") && !base) declared.insert(name);
+    if ((root == "LxOptimizer1" || root == "LxOptimizer2") && !sharedBase) declared.insert(name);
   }
   for (const LxOptimizerEntry& e : LxOptimizerRegistry()) {
     registered.insert(e.className);
