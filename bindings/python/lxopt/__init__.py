@@ -122,7 +122,7 @@ def _configure(opt, options):
             raise ValueError(f"{type(opt).__name__} takes no line minimizer")
         opt.set_line_minimizer(line)
     for key in ("iter_limit", "tolerance", "keep_hessian", "keep_pairs", "history", "memory",
-                "cartesian", "max_atom_step", "surrogate"):
+                "cartesian", "atomic_numbers", "max_atom_step", "surrogate"):
         if key in options:
             if not hasattr(opt, key):
                 raise ValueError(f"{type(opt).__name__} has no option {key!r}")
@@ -131,7 +131,7 @@ def _configure(opt, options):
         raise ValueError(f"unknown options: {sorted(options)}; lxopt takes gtol, norm, maxiter, "
                          "disp, eps, maxcor, nonfinite_guard and the library's iter_limit, "
                          "tolerance, line_minimizer, keep_hessian, history, memory, cartesian, "
-                         "max_atom_step, surrogate")
+                         "atomic_numbers, max_atom_step, surrogate")
 
 
 def _constraint(c):
@@ -274,7 +274,8 @@ def minimize(fun, x0, args=(), method=None, jac=None, hess=None, hessp=None, bou
     once; non-finite values later are stepped back from), and the library's
     iter_limit, tolerance, line_minimizer ("cg", "qn", "nr", "maxstep"),
     keep_hessian, history (geometry), memory and keep_pairs (lbfgs), cartesian
-    (geometry, lbfgs: x is x, y, z per atom), max_atom_step and surrogate
+    (geometry, lbfgs: x is x, y, z per atom), atomic_numbers (geometry, lbfgs:
+    the elements for the cartesian model), max_atom_step and surrogate
     (geometry).
     temperature is the start temperature of "anneal".
 

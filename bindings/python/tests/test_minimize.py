@@ -272,3 +272,35 @@ def test_every_array_handed_to_python_is_owned_at_n_50000():
     assert all(x.flags.owndata or x.base is not None for x in kept + seen)
     r.x[:] = 7.0  # the result is the caller's to change
     assert not any(np.any(x == 7.0) for x in kept[-3:] + seen[-3:])
+
+
+@pytest.mark.parametrize("method", ["geometry", "lbfgs"])
+def test_atom_options_reach_the_optimizer(method, monkeypatch):
+    """cartesian and atomic_numbers in options are set on the optimizer; a
+    water-like triangle of springs reaches its minimum with them."""
+    seen = []
+    cls = {"geometry": lxopt.Geometry, "lbfgs": lxopt.LBFGS}[method]
+
+    class Spy(cls):
+        def __init__(self, *a):
+            super().__init__(*a)
+            seen.append(self)
+
+    monkeypatch.setitem(lxopt.METHODS, method, Spy)
+    bonds = [(0, 1, 0.96, 5.0), (0, 2, 0.96, 5.0), (1, 2, 1.52, 1.0)]
+
+    def springs(x):
+        p, f, g = x.reshape(3, 3), 0.0, np.zeros((3, 3))
+        for a, b, r0, k in bonds:
+            d = p[a] - p[b]
+            r = np.linalg.norm(d)
+            f += 0.5 * k * (r - r0) ** 2
+            g[a] += k * (r - r0) * d / r
+            g[b] -= k * (r - r0) * d / r
+        return f, g.ravel()
+
+    x0 = np.array([0.0, 0.0, 0.1, 0.9, 0.2, 0.0, -0.3, 0.8, 0.0])
+    res = lxopt.minimize(springs, x0, jac=True, method=method,
+                         options={"cartesian": True, "atomic_numbers": [8, 1, 1]})
+    assert res.success and res.fun < 1e-10
+    assert seen and all(o.cartesian and o.atomic_numbers == [8, 1, 1] for o in seen)
