@@ -55,34 +55,24 @@ const Poly kNear{0.01, -0.2, 1, 0};  // (x - 0.1)^2
 // A hump whose trial at 4 lies higher while still descending.
 const Poly kHump{0, -1, 2, -0.4};
 const double kHumpMin = (4.0 - std::sqrt(16.0 - 4.8)) / 2.4;
-// -x - x^3 falls ever faster: every interpolation is pushed out to twice the
-// step, all 32 trials (1, 2, ..., 2^31) are spent and the next, unevaluated
-// step 2^32 is reported with the last trial's value and slope.
+// -x - x^3 falls ever faster: the cubic searches spend 32 trials 1, 2, ..., 2^31
+// and report the unevaluated 2^32 with the last trial's value and slope.
 const Poly kFalling{0, -1, 0, -1};
-Points Doublings() {
-  Points p(32);
-  for (int i = 0; i < 32; ++i) p[i] = std::ldexp(1.0, i);
+// f(0), ..., f(n - 1).
+template <class F>
+Points Series(int n, F f) {
+  Points p(n);
+  for (int i = 0; i < n; ++i) p[i] = f(i);
   return p;
 }
-// The More-Thuente search extrapolates on kFalling to a + 4 (a - a_prev):
-// (4^(i+1) - 1) / 3, and after 20 trials takes the lowest, the last.
-Points Quadruplings() {
-  Points p(20);
-  for (int i = 0; i < 20; ++i) p[i] = (std::ldexp(1.0, 2 * i + 2) - 1.0) / 3.0;
-  return p;
-}
-// (x - 50)^2 with limit 1 from the entry step 100: the march walks 1, 2, ...,
-// 50, where the slope stops it, and hands on 49.5, which the quasi-Newton
-// search accepts at once (f = 0.25): 51 evaluations.
+const Points kDoublings = Series(32, [](int i) { return std::ldexp(1.0, i); });
+// More-Thuente extrapolates to a + 4 (a - a_prev) and takes the last of 20.
+const Points kQuadruplings =
+    Series(20, [](int i) { return (std::ldexp(1.0, 2 * i + 2) - 1.0) / 3.0; });
+// (x - 50)^2, limit 1: the march walks 1, ..., 50 and hands on 49.5 (accepted).
 const Poly kFifty{2500, -100, 1, 0};
-Points MarchToFifty() {
-  Points p;
-  for (int i = 1; i <= 50; ++i) p.push_back(i);
-  p.push_back(49.5);
-  return p;
-}
-// NR from 2 on (x - 0.1)^2: the cubic through (1, 0) and (2, f(2)) has b <= 0
-// and the next step is the product sqrt(disc) (-b) / (3a), disc = 0.8704.
+const Points kMarchToFifty = Series(51, [](int i) { return i < 50 ? i + 1.0 : 49.5; });
+// NR from 2 on (x - 0.1)^2: b <= 0, so the step is sqrt(disc) (-b) / (3a).
 const double kProductStep = std::sqrt(0.8704) * 0.62 / 2.43;
 
 // step: the accepted step when ok; trials: every evaluation point, in order.
@@ -95,14 +85,10 @@ struct Case {
   double step;
   Points trials;
 };
-void PrintTo(const Case& c, std::ostream* os) {
-  *os << c.name;
-}
 
 class OnALine : public ::testing::TestWithParam<Case> {};
 
-// Every search runs through CreateCopy (copies keep the settings). On false,
-// all but the backtracking search leave the outputs untouched.
+// Through CreateCopy (copies keep the settings); on false the outputs stay.
 TEST_P(OnALine, TrialsAndResult) {
   const Case& c = GetParam();
   Poly1D f(c.poly);
@@ -129,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"cg_overshoot_divides_by_3", &kCG, kHump, 4.0, true, kHumpMin, {4, 4.0 / 3, kHumpMin}},
         {"cg_entry_step_below_floor_fails", &kCG, kSq0, 1e-11, false, 0, {1e-10, 2.0, 1.0}},
         {"cg_increase_fails", &kCG, kAtMin, 1.0, false, 0, {1.0, 0.0}},
-        {"cg_spent_trials_report_next_step", &kCG, kFalling, 1.0, true, 0x1p32, Doublings()},
+        {"cg_spent_trials_report_next_step", &kCG, kFalling, 1.0, true, 0x1p32, kDoublings},
         // The quasi-Newton search accepts any first trial that meets both tests.
         {"qn_short_first_trial_accepted", &kQN, kSq, 0.5, true, 0.5, {0.5}},
         {"qn_long_first_trial_brackets", &kQN, kSq, 3.0, true, 1.0, {3.0, 1.0}},
@@ -137,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"qn_entry_step_below_floor_searches", &kQN, kSq0, 1e-11, true, 1.0, {1e-10, 2.0, 1.0}},
         {"qn_linear_degenerate_interpolation_fails", &kQN, kLinear, 1.0, false, 0, {1.0}},
         {"qn_increase_fails", &kQN, kAtMin, 1.0, false, 0, {1.0, 0.0}},
-        {"qn_spent_trials_report_next_step", &kQN, kFalling, 1.0, true, 0x1p32, Doublings()},
+        {"qn_spent_trials_report_next_step", &kQN, kFalling, 1.0, true, 0x1p32, kDoublings},
         // The final step is tested: a floor of 2 rejects the minimum at 1.
         {"qn_final_step_below_floor_fails", &kQNFloor2, kSq, 1.0, false, 0, {2.0, 1.0}},
         // One trial: the interpolated step with the first trial's value.
@@ -147,7 +133,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"max_clamp_march_delegate", &kMaxHalf, kSq, 4.0, true, 0.75, {0.5, 1.0, 0.75}},
         {"max_stop_at_first_hands_on_half", &kMaxTwo, kSq, 4.0, true, 1.0, {2.0, 1.0}},
         {"max_march_to_entry_step_keeps_it", &kMaxHalf, kFar, 1.5, true, 1.5, {0.5, 1.0, 1.5}},
-        {"max_long_march_to_its_end", &kMaxOne, kFifty, 100.0, true, 49.5, MarchToFifty()},
+        {"max_long_march_to_its_end", &kMaxOne, kFifty, 100.0, true, 49.5, kMarchToFifty},
         // No cut: exactly the quasi-Newton search.
         {"max_no_limits", &kMaxNone, kSq, 3.0, true, 1.0, {3.0, 1.0}},
         {"max_zero_limit", &kMaxZero, kSq, 3.0, true, 1.0, {3.0, 1.0}},
@@ -162,13 +148,12 @@ INSTANTIATE_TEST_SUITE_P(
         {"mt_first_trial_accepted", &kMT, kSq, 0.5, true, 0.5, {0.5}},
         {"mt_long_first_trial_brackets", &kMT, kSq, 3.0, true, 1.0, {3.0, 1.0}},
         {"mt_not_downhill_fails", &kMT, kAtMin, 1.0, false, 0, {}},
-        {"mt_spent_trials_take_the_lowest", &kMT, kFalling, 1.0, true, Quadruplings()[19],
-         Quadruplings()},
+        {"mt_spent_trials_take_the_lowest", &kMT, kFalling, 1.0, true, kQuadruplings[19],
+         kQuadruplings},
         {"mt_falling_at_the_limit_accepted", &kMTLimit2, kFalling, 1.0, true, 2.0, {1.0, 2.0}}}),
     [](const ::testing::TestParamInfo<Case>& i) { return std::string(i.param.name); });
 
-// In n variables both cubic searches find the exact line minimum of a
-// quadratic, a* = -g.d / (d.H d) = 15 / 5.125, with two gradient evaluations.
+// In n variables the cubic searches find a* = -g.d / (d.H d) in two gradients.
 TEST(LineSearchInNVariables, QuadraticLineMinimum) {
   lxtest::DiagonalQuadratic q({1.0, 4.0, 9.0}, {1.0, -1.0, 2.0});
   const double x0[3] = {0.0, 0.0, 0.0};
@@ -185,13 +170,8 @@ TEST(LineSearchInNVariables, QuadraticLineMinimum) {
   }
 }
 
-// Values that are not numbers end every search: CG spends its 32 trials and
-// succeeds, QN stops at the degenerate interpolation, the march at the first
-// such value (not 39 steps of 2.5e4 on to the entry step 1e6) before QN, the
-// backtracking search fails at its smallest step, More-Thuente after its 20
-// trials. n = 0: the cubic searches fail at the first trial (the value did
-// not fall); the backtracking search's smallest step is infinite, so its
-// first trial fails; More-Thuente sees no downhill slope and evaluates nothing.
+// NaN values end every search (the march at the first one, not after 39 steps);
+// n = 0 fails at the first trial, or at none for More-Thuente.
 struct EdgeCase {
   const char* name;
   const LxLineMinimize* lm;
@@ -199,9 +179,6 @@ struct EdgeCase {
   int nanEvaluations;
   std::vector<double> empty;  // gradient and value calls, step left
 };
-void PrintTo(const EdgeCase& c, std::ostream* os) {
-  *os << c.name;
-}
 class Edges : public ::testing::TestWithParam<EdgeCase> {};
 
 TEST_P(Edges, NotANumberAndNoVariablesEndTheSearch) {
@@ -229,8 +206,7 @@ INSTANTIATE_TEST_SUITE_P(Searches, Edges,
                              {"mt", &kMT, false, 20, {0, 0, 0.5}}}),
                          [](const auto& i) { return std::string(i.param.name); });
 
-// The geometry driver's search serves the quasi-Newton optimizers too: BFGS
-// with it reaches the valley's minimum.
+// The geometry driver's search serves BFGS too.
 TEST(MoreThuenteLineMinimize, DrivesTheQuasiNewtonOptimizers) {
   lxtest::Rosenbrock valley;
   LxBFGSOpt bfgs;
@@ -242,10 +218,8 @@ TEST(MoreThuenteLineMinimize, DrivesTheQuasiNewtonOptimizers) {
   EXPECT_NEAR(out[0], 1.0, 1e-6);
 }
 
-// The limits are copied in; copies and assignment are deep (clones: above), and
-// SetMaxStep replaces them (n = 0 changes nothing). With several limits the
-// smallest ratio wins (0.3 for x1, then 0.1 for x2 with the reduced step); x3,
-// beyond the limit count, is free to move by 10: the march starts at 0.1.
+// The tightest limit wins (x3, past the count, is free); limits are copied in,
+// copies are deep and SetMaxStep replaces them (n = 0 changes nothing).
 TEST(MaxStepLineMinimize, LimitsCopiesAndTheTightestLimit) {
   Poly1D f3(kSq);
   double limits[2] = {0.3, 0.1}, step = 1.0, fval = 1.0, gradOut[3], dir[3] = {1.0, 1.0, 100.0};
@@ -266,9 +240,7 @@ TEST(MaxStepLineMinimize, LimitsCopiesAndTheTightestLimit) {
   }
 }
 
-// A limit so small that the step a rounds to 0: the march would sample x0 for
-// ever while the caller's value lies above it; it samples x0 once and hands
-// the entry step on (the quasi-Newton search accepts 0.25 at once).
+// A step that rounds to 0: the march samples x0 once and hands the step on.
 TEST(MaxStepLineMinimize, AMarchThatCannotMoveEnds) {
   Poly1D f(kSq);
   double limit = 4.9e-324, x0 = 0.0, dir = 4.0, grad0 = -8.0, gradOut = 0.0, fval = 2.0;
@@ -278,27 +250,19 @@ TEST(MaxStepLineMinimize, AMarchThatCannotMoveEnds) {
   EXPECT_EQ(step, 0.25);
 }
 
-// A failed backtracking search leaves the last trial's step, value and
-// gradient, evaluated with the gradient once at the end.
+// A failed backtracking search leaves the last trial, its gradient taken once.
 TEST(NRLineSearch, FailureWritesTheLastTrial) {
   Poly1D f(kAtMin);
   const Outcome r = Search(kNR1, f, 1.0);
   EXPECT_TRUE(!r.ok && r.step < 1e-7 && f.gradientCalls == 1) << r.step;
   EXPECT_EQ(std::make_pair(r.fval, r.grad), std::make_pair(f.F(r.step), f.Slope(r.step)));
+  Poly1D ascent({0, 1, -0.5, 0});  // a backtrack back to the full step fails, not cycles
+  EXPECT_FALSE(Search(kNR1, ascent, 1.0).ok);
+  EXPECT_EQ(ascent.points, (Points{1.0, 1.0, 1.0}));
 }
 
-// Along the ascent direction of x - x^2/2 the quadratic backtrack from the
-// full step lands on the full step again: the second trial there fails
-// instead of cycling forever.
-TEST(NRLineSearch, RepeatedFullStepFails) {
-  Poly1D f({0, 1, -0.5, 0});
-  const Outcome r = Search(kNR1, f, 1.0);
-  EXPECT_FALSE(r.ok);
-  EXPECT_EQ(f.points, (Points{1.0, 1.0, 1.0}));
-}
-
-// The cap max(|x|, n) shortens the caller's direction; a copy has no cap; a
-// zero direction, and any direction under a cap of 0 (n = 0), fails at once.
+// The cap max(|x|, n) shortens the direction (copies have none); a zero
+// direction, or a cap of 0, fails at once.
 TEST(NRLineSearch, DirectionCapAndZeroDirection) {
   Poly1D f(kSq);  // along x[0]
   const double x0[3] = {0.0, 0.0, 0.0};

@@ -1,6 +1,5 @@
-// Newton optimizers: eigenvalue checks, the damped run's exits and damping,
-// the pivot repair and the constrained run (the allocation-free loop is in
-// test_allocations.cpp).
+// Newton optimizers: eigenvalue checks, the damped run, the pivot repair and
+// the constrained run.
 #include <gtest/gtest.h>
 
 #include <Eigen/Cholesky>
@@ -96,13 +95,11 @@ TEST(Newton, ConvexQuadraticTakesOneStepOnceDampingIsSmall) {
   OpenNewton newton;
   newton.initialDamping_ = 1e-14;
   const Outcome run = RunFrom(newton, counted, {0.0, 0.0, 0.0});
-  // Step 0 lands on the minimum; step 1 starts there with r < 1e-6: Done.
   EXPECT_EQ(run.states(), (States{kLxCont, kLxCont, kLxDone}));
   EXPECT_EQ(run.iters(), (States{0, 1, 1}));
   const std::vector<double>& v = run.calls()[0].x;
   EXPECT_LT(std::hypot(v[0] - 1.0, v[1] + 2.0, v[2] - 3.0), 1e-10);
   EXPECT_LT(run.f, 1e-18);
-  // Values at the start and the two trial points; two Hessians.
   EXPECT_EQ((std::vector<std::uint64_t>{counted.Values(), counted.Gradients(), counted.Hessians()}),
             (std::vector<std::uint64_t>{3, 0, 2}));
 }
@@ -116,8 +113,7 @@ TEST(Newton, DampingGrowsToMaximumThenNotFoundAtTheTrialPoint) {
   LxCountingFunc counted(uphill);
   OpenNewton newton;
   const Outcome run = RunFrom(newton, counted, {0.3, -0.4});
-  // lambda: 0.01, 0.08, ..., 327.68 (iteration 5), then 1000 where mu = 3000
-  // and the step is g / 3002: out is left at that trial point.
+  // lambda grows 0.01, 0.08, ..., to 1000 (mu = 3000, step g / 3002): out at that trial.
   ASSERT_EQ(run.states(), States{kLxNotFound});
   EXPECT_EQ(run.calls()[0].iter, 6u);
   const double grow = 1.0 + 2.0 / 3002.0;
@@ -147,8 +143,7 @@ TEST(Newton, IterationLimitZeroAndHessianFailureEndAfterPreconditioning) {
   EXPECT_EQ(run.f, quadratic(expected.out.data()));
   EXPECT_EQ(counted.Values(), 1u);
   EXPECT_EQ(counted.Hessians(), 0u);
-  // A Hessian operation that fails: 0.0 and no report; out stays where the
-  // preconditioning run left it.
+  // A failing Hessian: 0.0, no report, out where the preconditioning left it.
   lxtest::Linear linear({1.0, -2.0});
   newton.SetIterLimit(5);
   const Outcome failed = RunFrom(newton, linear, {0.5, 0.5});
@@ -158,8 +153,7 @@ TEST(Newton, IterationLimitZeroAndHessianFailureEndAfterPreconditioning) {
 }
 
 TEST(Newton, RiseBelowValueChangeToleranceIsAccepted) {
-  // Derivatives of (x - 1)^2 drive the step from 0 to 2 / 2.03; the value
-  // rises along it by slope * x.
+  // Derivatives of (x - 1)^2 step from 0 to 2 / 2.03; the value rises by slope * x.
   const double x1 = 2.0 / 2.03;
   for (double slope : {4e-13, 2e-12}) {
     SCOPED_TRACE(slope);
@@ -178,8 +172,7 @@ TEST(Newton, RiseBelowValueChangeToleranceIsAccepted) {
 }
 
 TEST(Newton, SmallGradientMovesTheLimitToIterationPlus30) {
-  // f = x^2 with a Hessian twice too large: every step halves x, and the RMS
-  // gradient 2|x| first drops below 1e-5 at iteration 3.
+  // f = x^2, Hessian twice too large: x halves, 2|x| < 1e-5 from iteration 3.
   Scripted halving(1, [](const double* x, double* h, double* g) {
     if (g) g[0] = 2.0 * x[0], h[0] = 4.0;
     return x[0] * x[0];
@@ -215,8 +208,7 @@ TEST(Newton, IndefiniteHessianIsRepaired) {
       FirstStep(Eigen::Vector2d(2.0, -2.0).asDiagonal(), Eigen::Vector2d(1.0, 1.0));
   EXPECT_NEAR(step(0), 2.0 / 2.01, 1e-14);
   EXPECT_NEAR(step(1), -2.0 / 1000.0, 1e-15);
-  // n = 150 spans several 64-wide tiles. The step must solve A' s = g with
-  // A' = P^T L D' L^T P, built here from the factors directly.
+  // n = 150 spans several 64-wide tiles; the step solves P^T L D' L^T P s = g.
   const int n = 150;
   MtRng rng;
   LxUniformDoubleRNG uniform(-1.0, 1.0);
@@ -247,8 +239,7 @@ TEST(ConstrainedNewton, ReachesAnalyticConstrainedMinima) {
   const std::vector<double> c{1.0, -1.0, 2.0, 0.5};
   DiagonalQuadratic quadratic({1.0, 2.0, 3.0, 0.5}, c), round({1.0, 1.0, 1.0, 1.0}, c);
   Quadric first({1, 1, 1, 0}, 1.0), second({0, 1, -1, 2}, -0.5), sphere({0, 0, 0, 0}, 1.0, 1.0);
-  // The Lagrange conditions solved by hand; on the sphere with equal weights
-  // the minimizer is c / |c|.
+  // The Lagrange conditions solved by hand; on the sphere the minimizer is c / |c|.
   const std::vector<double> one{5.0 / 11, -14.0 / 11, 20.0 / 11, 0.5},
       two{85.0 / 194, -231.0 / 194, 340.0 / 194, 237.0 / 194}, projected{0.4, -0.4, 0.8, 0.2};
   struct Case {
@@ -264,8 +255,7 @@ TEST(ConstrainedNewton, ReachesAnalyticConstrainedMinima) {
   for (const Case& k : cases) {
     SCOPED_TRACE(testing::Message() << k.constraints.size() << " from " << k.start[0]);
     LxNewtonConstrOpt newton;
-    // The default 1e-5 bounds the Lagrangian's RMS gradient, so the point only
-    // to about 1e-6; a tighter tolerance lets the answer be checked to 1e-7.
+    // The default 1e-5 bounds the point to about 1e-6 only.
     newton.SetTolerance(1e-9);
     for (LxConstrFunc* constraint : k.constraints) ASSERT_TRUE(newton.Add(*constraint));
     const Outcome run = RunFrom(newton, *k.f, k.start);
