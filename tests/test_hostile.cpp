@@ -1,9 +1,6 @@
-// Hostile objectives: every optimizer and line minimizer against values that
-// are not numbers, infinite or huge, gradients that are not numbers or do not
-// match the value, flat and unbounded functions, and an objective that throws.
-// Each run must end within an explicit evaluation bound, report a final state
-// its optimizer may report, and let the objective's exception through as is.
-// The sanitizer build checks the same runs for bad accesses and leaks.
+// Hostile objectives (non-finite or huge values, bad gradients, flat, unbounded, throwing) against
+// every optimizer and line minimizer: each run ends within an evaluation bound on an allowed state
+// and lets the objective's exception through; the sanitizer build checks them for leaks.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -28,21 +25,10 @@ constexpr unsigned int kTrials = 32;            // evaluations per line search (
 constexpr unsigned int kNone = 100;             // pseudo-state: no checkpoint call at all
 constexpr unsigned int kTrue = 11, kFalse = 3;  // line minimizer / finder results as states
 
-enum class Fault {
-  kNaN,
-  kPosInf,
-  kNegInf,
-  kNaNGrad,
-  kHuge,
-  kWrongGrad,
-  kConstant,
-  kLinear,
-  kThrow
-};
-
+enum class Fault { kNaN, kPosInf, kNegInf, kNaNGrad, kHuge, kUphill, kFlat, kLinear, kThrow };
 struct ObjectiveError {
-  long evaluation;
-};                  // what the objective throws
+  long evaluation;  // what the objective throws
+};
 struct Overrun {};  // the guard: a run exceeded its bound
 
 struct Hostility {
@@ -52,35 +38,30 @@ struct Hostility {
   unsigned int n = kN;  // variables
 };
 
-// Enough variables to put every scratch block (a line search's 2n doubles
-// included) on the heap, where the address sanitizer sees every overrun and
-// a passing exception must release them.
+// Every scratch block (a line search's 2n too) on the heap, for the sanitizer to watch.
 constexpr unsigned int kLarge = 1100;
 
-const Hostility kHostilities[] = {
-    {"NaN", Fault::kNaN, 0},
-    {"NaNLater", Fault::kNaN, 2},
-    {"PosInf", Fault::kPosInf, 0},
-    {"PosInfLater", Fault::kPosInf, 2},
-    {"NegInf", Fault::kNegInf, 0},
-    {"NegInfLater", Fault::kNegInf, 2},
-    {"NaNGrad", Fault::kNaNGrad, 0},
-    {"NaNGradLater", Fault::kNaNGrad, 2},
-    {"Huge", Fault::kHuge, 0},
-    {"WrongGrad", Fault::kWrongGrad, 0},
-    {"Constant", Fault::kConstant, 0},
-    {"Linear", Fault::kLinear, 0},
-    {"Throw", Fault::kThrow, 0},
-    {"ThrowLater", Fault::kThrow, 2},
-    {"ThrowLarge", Fault::kThrow, 2, kLarge},
-    {"ThrowLargeLater", Fault::kThrow, 4, kLarge},
-    {"NaNLarge", Fault::kNaN, 2, kLarge},
-    {"LinearLarge", Fault::kLinear, 0, kLarge},
-};
+const Hostility kHostilities[] = {{"NaN", Fault::kNaN, 0},
+                                  {"NaNLater", Fault::kNaN, 2},
+                                  {"PosInf", Fault::kPosInf, 0},
+                                  {"PosInfLater", Fault::kPosInf, 2},
+                                  {"NegInf", Fault::kNegInf, 0},
+                                  {"NegInfLater", Fault::kNegInf, 2},
+                                  {"NaNGrad", Fault::kNaNGrad, 0},
+                                  {"NaNGradLater", Fault::kNaNGrad, 2},
+                                  {"Huge", Fault::kHuge, 0},
+                                  {"WrongGrad", Fault::kUphill, 0},
+                                  {"Constant", Fault::kFlat, 0},
+                                  {"Linear", Fault::kLinear, 0},
+                                  {"Throw", Fault::kThrow, 0},
+                                  {"ThrowLater", Fault::kThrow, 2},
+                                  {"ThrowLarge", Fault::kThrow, 2, kLarge},
+                                  {"ThrowLargeLater", Fault::kThrow, 4, kLarge},
+                                  {"NaNLarge", Fault::kNaN, 2, kLarge},
+                                  {"LinearLarge", Fault::kLinear, 0, kLarge}};
 
-// sum_i d_i (x_i - 1)^2 with d_i = 1 + i mod 3, spoiled after `onset` evaluations.
-// Every evaluation (value, gradient or Hessian) counts; one beyond `bound`
-// throws Overrun, which turns a hang into a failure.
+// sum_i d_i (x_i - 1)^2, d_i = 1 + i mod 3, spoiled after `onset` evaluations; every evaluation
+// counts, and one beyond `bound` throws Overrun (a hang becomes a failure).
 class HostileFunc : public lxtest::Objective {
  public:
   using lxtest::Objective::operator();
@@ -88,10 +69,7 @@ class HostileFunc : public lxtest::Objective {
   unsigned int NumVar() const override { return h_.n; }
   double operator()(const double* x) override { return Eval(x, nullptr, nullptr); }
   double operator()(const double* x, double* g) override { return Eval(x, g, nullptr); }
-  bool operator()(const double* x, double* h, double* g) override {
-    Eval(x, g, h);
-    return true;
-  }
+  bool operator()(const double* x, double* h, double* g) override { return Eval(x, g, h), true; }
   long evaluations = 0;
 
  private:
@@ -127,10 +105,10 @@ class HostileFunc : public lxtest::Objective {
       case Fault::kHuge:
         each([](double& v) { v *= 1e300; });
         return f * 1e300;
-      case Fault::kWrongGrad:
+      case Fault::kUphill:
         for (unsigned int i = 0; g && i < n; ++i) g[i] = -g[i];  // points uphill
         return f;
-      case Fault::kConstant:
+      case Fault::kFlat:
         each([](double& v) { v = 0.0; });
         return 7.0;
       case Fault::kLinear:
@@ -175,23 +153,19 @@ struct Outcome {
 };
 using RunFn = std::function<Outcome(HostileFunc&, ThrowingRecorder&, double* out)>;
 
-// A subject under test: how to run it, the most evaluations the run may
-// make, the states it may end on (kNone: no report at all), the states it
-// may report before that, and the faults on which it is defined never to end
-// (the guard's Overrun is then the expected outcome).
+// A subject: its evaluation bound, the states it may end on (kNone: no report) and report before,
+// and the faults on which it is defined never to end (the guard's Overrun is then expected).
 struct Subject {
   const char* name;
   long bound;
-  std::set<unsigned int> finals;
-  std::set<unsigned int> intermediates;
+  std::set<unsigned int> finals, intermediates;
   RunFn run;  // null for a registered optimizer: Optimize(entry, configure)
   std::set<Fault> neverEnds = {};
   bool smallOnly = false;  // runs of O(n^3) (or long O(n^2)) work: small n only
   std::function<void(LxAnyOptimizer&, unsigned int n)> configure = nullptr;
 };
 
-// Runs a registered optimizer with the common limit; the state is the last
-// report's.
+// A registered optimizer with the common limit; the state is the last report's.
 RunFn Optimize(const LxOptimizerEntry& entry,
                std::function<void(LxAnyOptimizer&, unsigned int n)> configure) {
   return [&entry, configure](HostileFunc& f, ThrowingRecorder& rec, double* out) {
@@ -204,8 +178,7 @@ RunFn Optimize(const LxOptimizerEntry& entry,
   };
 }
 
-// One call of a line minimizer from the start along the steepest descent
-// direction (2, 4, 6, 2, ...); the entry value and gradient come from one evaluation.
+// One line search from 0 along -g = (2, 4, 6, 2, ...), entry value and gradient in one evaluation.
 template <class LM>
 RunFn Search(std::function<void(LM&)> configure = nullptr) {
   return [configure](HostileFunc& f, ThrowingRecorder&, double*) {
@@ -230,50 +203,39 @@ Outcome FindMinima(HostileFunc& f, ThrowingRecorder&, double*) {
   finder.SetThresholdNumberOfNoChange(1);
   finder.SetLocalOptMaxIter(kLimit);
   const std::vector<double> lower(f.NumVar(), -2.0), upper(f.NumVar(), 2.0);
-  if (!finder.Setup(f, &generator, lower, upper)) return {kFalse, 0.0};
-  return {finder.Optimize() ? kTrue : kFalse, 0.0};
+  return {finder.Setup(f, &generator, lower, upper) && finder.Optimize() ? kTrue : kFalse, 0.0};
 }
 
 // Evaluation bounds, each from the limits that govern the run.
 constexpr long kPerIteration = kTrials + 1;  // one search plus one re-evaluation
 constexpr long kGradientRun = 1 + kLimit * kPerIteration;
 constexpr long kQNDefaultRun = 1 + 1000 * kPerIteration;  // LxBFGSOpt's default limit 1000
-// Newton: preconditioning steepest descent (limit 20: 21 evaluations), the
-// start value, then per iteration a Hessian and a value, for at most the
-// limit plus the 30 iterations of the near-convergence extension.
+// Newton: preconditioning descent (21), the start, a Hessian and a value per iteration (limit +
+// 30).
 constexpr long kNewtonRun = 21 + 1 + 2 * (kLimit + 30);
-// Geometry driver: the start, per cycle two searches of at most 30 trials
-// (the second after restarting H), and the closing value evaluation.
+// Geometry driver: the start, per cycle two searches of 30 trials at most, the closing value.
 constexpr long kGeomRun = 2 + kLimit * 2 * 30;
 constexpr long kAnnealEvaluations = 200;
-// Minimum finder (n = 3): per optimized sample a 10-iteration steepest
-// descent, a BFGS run and the validity test (the point and max(10, 2n)
-// neighbours), for the first minimum and each sample; plus one value per
-// drawn start point when the store is refilled (at most 50 a cycle).
+// Minimum finder (n = 3), per optimized sample: 10 descent steps, BFGS, the validity test (point
+// and 10 neighbours); plus one value per drawn start (50 a refill).
 constexpr long kMinfinderRun =
     (1 + kMinfinderSamples) * (11 + kGradientRun + 1 + 10) + 50 * kMinfinderSamples;
-// Backtracking from a = 1 down to 1e-7 / max|dir| = 1e-7 / 6 halves at most
-// 26 times; plus the entry evaluation and the closing value and gradient.
+// Backtracking from 1 to 1e-7 / max|dir| halves 26 times at most; plus entry and closing calls.
 constexpr long kNRSearch = 1 + 26 + 1;
-// The max-step march from the entry step 1 with limits 0.1 on a direction
-// whose largest component is 6: steps of 1/60, at most 60 before it
-// reaches 1 (it has no count of its own).
+// The max-step march with limits 0.1 along max|dir| = 6: steps of 1/60, at most 60 to reach 1.
 constexpr long kMarch = 60;
 
 const std::set<unsigned int> kCont = {kLxCont};
 const std::set<unsigned int> kLineResults = {kTrue, kFalse};
-// Faults that keep every start point out of the minimum finder's sample
-// window: by definition it then draws start points for ever.
+// Faults that keep every start out of the finder's window: it then draws starts for ever.
 const std::set<Fault> kNoFirstMinimum = {Fault::kNaN,     Fault::kPosInf, Fault::kNegInf,
                                          Fault::kNaNGrad, Fault::kHuge,   Fault::kLinear};
 
 const std::vector<Subject>& Subjects() {
-  // The Fletcher-Reeves family ends silently (last report "Cont", or none)
-  // on convergence and on a hopeless search.
+  // The Fletcher-Reeves family ends silently (last report "Cont", or none).
   const std::set<unsigned int> betaFinals = {kNone, 0, 1, 6, 11}, plain = {1, 3, 6, 11};
   const std::set<unsigned int> newtonFinals = {kNone, 3, 6, 11, 12}, newtonSteps = {0, 12};
-  // Every registered optimizer has a row (an optimizer added to the registry
-  // without one stops the program at once), then the other subjects.
+  // A registered optimizer without a row stops the program at once.
   const auto pin = [](LxAnyOptimizer& o, unsigned int n) {
     static PinFirst small(kN), large(kLarge);
     static_cast<LxNewtonConstrOpt*>(o.Hessian())->Add(n == kN ? small : large);
@@ -309,22 +271,22 @@ const std::vector<Subject>& Subjects() {
         {"Minfinder", kMinfinderRun, kLineResults, kCont, FindMinima, kNoFirstMinimum, true});
     all.push_back({"LineCG", 1 + kTrials, kLineResults, {}, Search<LxCGLineMinimize>()});
     all.push_back({"LineQN", 1 + kTrials, kLineResults, {}, Search<LxQNLineMinimize>()});
+    const auto cap = [](LxMaxStepLineMinimize& lm) {
+      double limits[kN] = {0.1, 0.1, 0.1};  // further variables unlimited
+      lm.SetMaxStep(kN, limits);
+    };
     all.push_back({"LineMaxStep",
                    1 + kMarch + kTrials,
                    kLineResults,
-                   {},  // march, inner search
-                   Search<LxMaxStepLineMinimize>([](LxMaxStepLineMinimize& lm) {
-                     double limits[kN] = {0.1, 0.1, 0.1};  // further variables unlimited
-                     lm.SetMaxStep(kN, limits);
-                   })});
+                   {},
+                   Search<LxMaxStepLineMinimize>(cap)});
     all.push_back({"LineNR", kNRSearch, kLineResults, {}, Search<LxNRLineSearch>()});
     return all;
   }();
   return subjects;
 }
 
-// One run of a subject on a hostile objective, with messages and progress
-// lines kept out of the test output.
+// One run of a subject on a hostile objective, messages and progress kept out of the output.
 struct Play {
   Play(const Subject& s, const Hostility& h, size_t checkpointThrowsAt = 0)
       : f(h, s.bound), out(h.n) {
@@ -404,17 +366,10 @@ struct Oddity {
 };
 
 const Oddity kOddities[] = {
-    {"SteepestDescent", "NaN", kLxDone, true, 6,
-     "a NaN trial value passes as a decrease, so the walk follows the healthy gradient to "
-     "convergence and returns NaN"},
-    {"LineQN", "NaN", kTrue, true, 3,
-     "NaN passes the negated decrease test; after one interpolation the search succeeds"},
-    {"BFGS", "NaN", kLxExhaust, true, 22,
-     "searches succeed with NaN values until an interpolation between them gives a NaN "
-     "step, which is accepted too; from the NaN point every search succeeds at once"},
-    {"ConjGrad", "PosInf", kLxNotFound, false, 6,
-     "+Inf passes no test: the search and the recovery search both fail"},
-};
+    {"SteepestDescent", "NaN", kLxDone, true, 6, "NaN passes as a decrease; the gradient is sane"},
+    {"LineQN", "NaN", kTrue, true, 3, "NaN passes the negated decrease test"},
+    {"BFGS", "NaN", kLxExhaust, true, 22, "a NaN step is accepted too, then every search succeeds"},
+    {"ConjGrad", "PosInf", kLxNotFound, false, 6, "+Inf passes no test: both searches fail"}};
 
 TEST(HostileOddities, AreKept) {
   for (const Oddity& o : kOddities) {
@@ -426,8 +381,7 @@ TEST(HostileOddities, AreKept) {
   }
 }
 
-// An exception thrown by the checkpoint passes through as well; with many
-// variables every scratch block is on the heap and must be released.
+// A checkpoint's exception passes through too, releasing the heap scratch of many variables.
 TEST(HostileCheckpoint, ExceptionPassesThrough) {
   for (const Subject& s : Subjects()) {
     if (s.finals == kLineResults) continue;                           // no checkpoint

@@ -1,12 +1,10 @@
-// Different optimizer objects used at once on different threads give, bit for
-// bit, the results they give one after another: the library keeps no mutable
-// state shared between objects. Run under ThreadSanitizer by `make tsan`.
+// Optimizer objects run at once on different threads give, bit for bit, their sequential results:
+// no mutable state is shared between objects. Run under ThreadSanitizer by `make tsan`.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -14,14 +12,14 @@
 #include <vector>
 
 #include "lxopt/lxopt.h"
+#include "support/problems.h"
 
 namespace {
 
 using namespace LxOpt;
 using Vec = std::vector<double>;
 
-// What one job leaves behind: the returned value, the final point and the
-// whole checkpoint record, all compared bit for bit.
+// What one job leaves: value, final point and the whole checkpoint record, compared bit for bit.
 struct Outcome {
   Vec numbers;
   std::vector<unsigned int> codes;
@@ -37,26 +35,17 @@ struct Job {
   std::function<Outcome()> run;
 };
 
-// The chained curved valley as an LxFunc2 (numeric Hessian) for the Newton
-// optimizers.
-class ValleyWithHessian : public LxFunc2 {
- public:
-  using LxFunc2::operator();
-  explicit ValleyWithHessian(unsigned int n) : f_(n) {}
-  unsigned int NumVar() const override { return f_.NumVar(); }
-  double operator()(const double* x) override { return f_(x); }
-  double operator()(const double* x, double* g) override { return f_(x, g); }
+// The chained curved valley with a numeric Hessian, for the Newton optimizers.
+struct ValleyWithHessian : lxtest::Objective {
+  using Objective::operator();
+  explicit ValleyWithHessian(unsigned int n) : f(n) {}
+  unsigned int NumVar() const override { return f.NumVar(); }
+  double operator()(const double* x) override { return f(x); }
+  double operator()(const double* x, double* g) override { return f(x, g); }
   bool operator()(const double* x, double* h, double* g) override {
-    f_(x, g);
-    NumericHessian(f_, x, h);
-    return true;
+    return f(x, g), NumericHessian(f, x, h), true;
   }
-  std::vector<LxFComponent> GetFComponents(const double* x) override {
-    return f_.GetFComponents(x);
-  }
-
- private:
-  LxTestF f_;
+  LxTestF f;
 };
 
 // An optimizer on the valley of n variables from (start, ..., start).
@@ -91,30 +80,23 @@ Outcome Finder(std::uint32_t seed, const Vec& lower, const Vec& upper) {
   return o;
 }
 
-// Every optimizer of the registry on its own valley; settings other than
-// the defaults where a run would be too short or too long.
+// Every registered optimizer on its own valley, with settings where the defaults do not fit.
 struct Setting {
+  const char* name;
   unsigned int n = 5;
   double start = -0.5, tolerance = 0.0;  // 0: the default
   unsigned int limit = 0;                // 0: the default
 };
-const std::map<std::string, Setting> kSettings = {
-    {"BFGS", {12, -1.2}},
-    {"ConjGrad", {8, -0.5, 1e-8}},
-    {"RibierePolak", {5, 0.0, 1e-8}},
-    {"DFP", {4, 2.0}},
-    {"LBFGS", {30, -1.0, 1e-10}},
-    {"SteepestDescent", {3, 0.5, 0.0, 3000}},
-    {"GeomBFGS", {9, -0.7}},
-    {"Newton", {6, -0.8}},
-    {"Annealing", {3, 3.0, 0.0, 20000}},
-};
+const Setting kSettings[] = {
+    {"BFGS", 12, -1.2},    {"ConjGrad", 8, -0.5, 1e-8}, {"RibierePolak", 5, 0.0, 1e-8},
+    {"DFP", 4, 2.0},       {"LBFGS", 30, -1.0, 1e-10},  {"SteepestDescent", 3, 0.5, 0.0, 3000},
+    {"GeomBFGS", 9, -0.7}, {"Newton", 6, -0.8},         {"Annealing", 3, 3.0, 0.0, 20000}};
 
 std::vector<Job> Jobs() {
   std::vector<Job> jobs;
   for (const LxOptimizerEntry& e : LxOptimizerRegistry()) {
-    const auto found = kSettings.find(e.name);
-    const Setting s = found == kSettings.end() ? Setting() : found->second;
+    Setting s{e.name};
+    for (const Setting& row : kSettings) s = std::string(row.name) == e.name ? row : s;
     jobs.push_back({e.name, [&e, s] {
                       LxAnyOptimizer o(e);
                       if (s.tolerance > 0.0) o.SetTolerance(s.tolerance);
@@ -133,59 +115,40 @@ std::vector<Job> Jobs() {
   return jobs;
 }
 
-// Counts messages from any thread.
-struct CountingSink {
-  std::atomic<int> count{0};
-  LxMessageSink previous =
-      LxSetMessageSink([this](LxMessageLevel, const std::string&) { ++count; });
-  ~CountingSink() { LxSetMessageSink(previous); }
-};
-
 TEST(Threads, ConcurrentRunsMatchSequentialRunsBitForBit) {
   const std::vector<Job> jobs = Jobs();
   std::ostringstream progress;  // only the annealing job writes lxout
   std::ostream* previousOut = LxSetOutputStream(&progress);
-
-  std::vector<Outcome> sequential;
-  int sequentialMessages = 0;
-  {
-    CountingSink sink;
-    for (const Job& job : jobs) sequential.push_back(job.run());
-    sequentialMessages = sink.count;
-  }
+  std::atomic<int> messages{0};  // from any thread
+  const LxMessageSink previousSink =
+      LxSetMessageSink([&](LxMessageLevel, const std::string&) { ++messages; });
+  std::vector<Outcome> sequential, concurrent(jobs.size());
+  for (const Job& job : jobs) sequential.push_back(job.run());
+  const int sequentialMessages = messages.exchange(0);
   const std::string sequentialProgress = progress.str();
   progress.str("");
-
-  std::vector<Outcome> concurrent(jobs.size());
-  int concurrentMessages = 0;
-  {
-    CountingSink sink;
-    std::atomic<std::size_t> arrived{0};  // every thread waits for all, so the runs overlap
-    std::vector<std::thread> threads;
-    for (std::size_t k = 0; k < jobs.size(); ++k) {
-      threads.emplace_back([&, k] {
-        for (++arrived; arrived < jobs.size();) std::this_thread::yield();
-        concurrent[k] = jobs[k].run();
-      });
-    }
-    for (std::thread& t : threads) t.join();
-    concurrentMessages = sink.count;
+  std::atomic<std::size_t> arrived{0};  // every thread waits for all, so the runs overlap
+  std::vector<std::thread> threads;
+  for (std::size_t k = 0; k < jobs.size(); ++k) {
+    threads.emplace_back([&, k] {
+      for (++arrived; arrived < jobs.size();) std::this_thread::yield();
+      concurrent[k] = jobs[k].run();
+    });
   }
+  for (std::thread& t : threads) t.join();
+  LxSetMessageSink(previousSink);
   LxSetOutputStream(previousOut);
-
   for (std::size_t k = 0; k < jobs.size(); ++k) {
     EXPECT_FALSE(sequential[k].numbers.empty()) << jobs[k].name;
-    EXPECT_TRUE(sequential[k] == concurrent[k])
-        << jobs[k].name << " differs when run beside the others";
+    EXPECT_TRUE(sequential[k] == concurrent[k]) << jobs[k].name << " differs beside the others";
   }
-  EXPECT_EQ(concurrentMessages, sequentialMessages);
+  EXPECT_EQ(messages.load(), sequentialMessages);
   EXPECT_EQ(progress.str(), sequentialProgress);
   EXPECT_NE(sequentialProgress.find("T = "), std::string::npos);
 }
 
-// Ask/tell runs hand the turn between the caller and the optimizer's worker
-// thread; several at once, each interrupted by a reset (one right after a
-// tell, while its worker computes), still end exactly like direct runs.
+// Several ask/tell runs at once, each reset right after a tell (its worker computing), then run
+// again, end exactly like direct runs.
 TEST(Threads, AskTellRunsMatchDirectRuns) {
   auto direct = [](LxOptimizer1& opt, unsigned int n) {
     LxTestF f(n);
@@ -207,20 +170,15 @@ TEST(Threads, AskTellRunsMatchDirectRuns) {
     out.insert(out.end(), run.GetPoint(), run.GetPoint() + n);
     return out;
   };
-  struct Case {
-    unsigned int n;
-    bool geometry;
-  };
-  const std::vector<Case> cases = {{9, true}, {12, false}, {6, true}, {20, false}};
-  auto make = [](bool geometry) -> std::unique_ptr<LxOptimizer1> {
-    if (geometry) return std::make_unique<LxBFGSOptimizer>();
-    return std::make_unique<LxLBFGSOpt>();
-  };
+  const std::vector<std::pair<const char*, unsigned int>> cases = {
+      {"GeomBFGS", 9}, {"LBFGS", 12}, {"GeomBFGS", 6}, {"LBFGS", 20}};
   std::vector<Vec> expected, got(cases.size());
-  for (const Case& c : cases) expected.push_back(direct(*make(c.geometry), c.n));
+  for (const auto& [name, n] : cases)
+    expected.push_back(direct(*LxFindOptimizer(name)->make1(), n));
   std::vector<std::thread> threads;
   for (std::size_t k = 0; k < cases.size(); ++k)
-    threads.emplace_back([&, k] { got[k] = driven(*make(cases[k].geometry), cases[k].n); });
+    threads.emplace_back(
+        [&, k] { got[k] = driven(*LxFindOptimizer(cases[k].first)->make1(), cases[k].second); });
   for (std::thread& t : threads) t.join();
   for (std::size_t k = 0; k < cases.size(); ++k) EXPECT_EQ(got[k], expected[k]) << k;
 }

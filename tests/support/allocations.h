@@ -1,8 +1,5 @@
-// The one allocation interposer of the tests: replaces the malloc family with
-// counting versions that forward to glibc's own entry points. The runtime's
-// operator new and delete obtain and return their blocks through malloc,
-// aligned_alloc and free, so they are counted too. Include it in one source
-// file of a test program.
+// The tests' allocation interposer: counting versions of the malloc family (which operator new and
+// delete use too) forwarding to glibc's own entry points. Include it in one source file only.
 #ifndef LXOPT_TESTS_SUPPORT_ALLOCATIONS_H
 #define LXOPT_TESTS_SUPPORT_ALLOCATIONS_H
 
@@ -18,8 +15,7 @@ long allocations = 0;
 long releases = 0;
 }  // namespace
 
-// The sanitizers own malloc, and the forwarding needs glibc's entry points:
-// elsewhere the replacements stay out and the counting tests skip.
+// Without glibc, or under a sanitizer (which owns malloc), nothing is replaced and the tests skip.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && defined(__GLIBC__)
 #define LXTEST_COUNTED 1
 extern "C" {
@@ -30,12 +26,10 @@ void* __libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void* block);
 
 void* malloc(std::size_t size) {
-  ++allocations;
-  return __libc_malloc(size);
+  return ++allocations, __libc_malloc(size);
 }
 void* calloc(std::size_t count, std::size_t size) {
-  ++allocations;
-  return __libc_calloc(count, size);
+  return ++allocations, __libc_calloc(count, size);
 }
 void* realloc(void* block, std::size_t size) {
   if (block == nullptr) ++allocations;
@@ -47,8 +41,7 @@ void free(void* block) {
   __libc_free(block);
 }
 void* memalign(std::size_t alignment, std::size_t size) {
-  ++allocations;
-  return __libc_memalign(alignment, size);
+  return ++allocations, __libc_memalign(alignment, size);
 }
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
   return memalign(alignment, size);
