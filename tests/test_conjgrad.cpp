@@ -5,6 +5,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <tuple>
 
 #include "../src/conjgrad/beta.h"
@@ -81,8 +82,11 @@ Points GradientAt(const Points& x) {
   Points g(3);
   return Bowl()(x.data(), g.data()), g;
 }
+double Dot(const Points& a, const Points& b) {
+  return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
+}
 double Norm(const Points& v) {
-  return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+  return std::sqrt(Dot(v, v));
 }
 
 class AllFour : public ::testing::TestWithParam<Named> {};
@@ -104,9 +108,6 @@ const ExitCase kExits[] = {{"NoOpt", 1000, 1365.0, ~0ul, "0 NoOpt"},
                            {"Limit1", 1, 0.1, ~0ul, "1 Exhaust"},
                            {"Limit2", 2, 0.1, ~0ul, "1 Cont, 2 Exhaust"},
                            {"StopAsked", 1000, 0.1, 1, "1 Cont, 2 Cont, 2 Done"}};
-void PrintTo(const ExitCase& c, std::ostream* os) {
-  *os << c.name;
-}
 class SharedExits : public ::testing::TestWithParam<std::tuple<Named, ExitCase>> {};
 
 // The exits all four share, as the whole sequence of reports; after a search
@@ -167,11 +168,10 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
 }
 
 // Failed searches (by call number). ConjGrad retries once from the last success
-// along -g with 1/|g| (one re-evaluation there), ends "NotFound" with that |g|
-// after two failures in a row; a success clears the recovery. The family ends
-// silently when a steepest-descent search fails; a failed conjugate search
-// still moves by the old step, reports the old value and |g|, and restarts
-// along minus that stale gradient with the same step, unscaled.
+// along -g with 1/|g|, ends "NotFound" after two failures in a row. The family
+// ends silently when a steepest-descent search fails; a failed conjugate one
+// still moves by the old step, reports the old figures and restarts along
+// minus that stale gradient with the same step.
 struct FailCase {
   const char* name;
   std::set<int> failOn;
@@ -179,16 +179,10 @@ struct FailCase {
   std::uint64_t gradients;  // ConjGrad's
   std::string family;
 };
+const std::string kRecovered = "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad";
 const FailCase kFails[] = {{"First2", {1, 2}, "2 NotFound", 1 + 1, ""},
                            {"Second3", {2, 3}, "1 Cont, 3 NotFound", 1 + 2 + 1, "1 Cont, 2 Cont"},
-                           {"Second4",
-                            {2, 4},
-                            "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad",
-                            1 + 5 * 2 + 2,
-                            "1 Cont, 2 Cont"}};
-void PrintTo(const FailCase& c, std::ostream* os) {
-  *os << c.name;
-}
+                           {"Second4", {2, 4}, kRecovered, 1 + 5 * 2 + 2, "1 Cont, 2 Cont"}};
 class FailedSearches : public ::testing::TestWithParam<std::tuple<Named, FailCase>> {};
 
 TEST_P(FailedSearches, RetryOrEnd) {
@@ -225,10 +219,8 @@ INSTANTIATE_TEST_SUITE_P(Optimizers, FailedSearches,
                          ::testing::Combine(::testing::ValuesIn(kAll), ::testing::ValuesIn(kFails)),
                          CaseName<FailedSearches::ParamType>);
 
-// About n iterations on a 10-variable quadratic (ConjGrad up to 2n: its
-// trial-step ratio keeps the reference slope of before a restart, so the
-// first trial after one can be far off), and the curved valley. ConjGrad
-// ends "Grad" repeating the last report; the family ends quietly after a Cont.
+// About n iterations on a quadratic (ConjGrad up to 2n), and the valley.
+// ConjGrad ends "Grad" repeating the last report; the family after a Cont.
 TEST_P(AllFour, Converges) {
   DiagonalQuadratic quad = DiagonalQuadratic::IllConditioned(10, 100.0);
   lxtest::Rosenbrock valley;
@@ -253,17 +245,8 @@ TEST_P(AllFour, Converges) {
 INSTANTIATE_TEST_SUITE_P(Optimizers, AllFour, ::testing::ValuesIn(kAll),
                          ::testing::PrintToStringParamName());
 
-double Dot(const Points& a, const Points& b) {
-  double s = 0.0;
-  for (size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
-  return s;
-}
-
-// ConjGrad's trial steps around a recovery: the first search starts with
-// 1 / sqrt(g.g), the retry after a failure with sqrt(1 / g.g) (g.g = 2356:
-// the two forms differ in the last bit), and the recovery leaves the
-// reference slope of the ratio as it stands: search 4 starts with the step
-// search 3 left times slope(1) / slope(4).
+// ConjGrad's trial steps: first 1 / sqrt(g.g), the retry sqrt(1 / g.g) (they
+// differ in the last bit for g.g = 2356); search 4 scales by slope(1) / slope(4).
 TEST(ConjGrad, TrialStepsAroundARecovery) {
   DiagonalQuadratic q({1.0, 2.0, 5.0, 11.0}, {1.0, 1.0, 2.0, 2.0});
   ScriptedSearch lm({2});
@@ -283,18 +266,12 @@ TEST(ConjGrad, TrialStepsAroundARecovery) {
   EXPECT_DOUBLE_EQ(log.steps[3], log.left[2] * slope(0) / slope(3));
 }
 
-// Whole runs on a 12-variable problem and on the curved valley (n = 2),
-// search by search. Restarts come before the n-th search since the last one
-// exactly when the new gradient is far from orthogonal to the old one
-// (Powell's test, |g'.g| > 0.2 g'.g'), and at the latest with the n-th
-// (Beale). A restart shows as the entry step 1.0 (ConjGrad, which also
-// restarts after its first search) or the direction -g (family). Trial steps:
-// ConjGrad scales the step the last search left by slope(r) / slope(c),
-// slope = g.d, with r the last search formed between restarts (or the
-// first); the family keeps the step after a restart and scales it by the
-// ratio of the last two slopes otherwise. The family's direction is
-// -g' + beta d with beta formed from y = g' - g as written (not from
-// differences of separate dot products, which round otherwise).
+// Search by search on 12 variables and on the valley: a restart (entry step
+// 1.0 for ConjGrad, direction -g for the family) comes exactly on Powell's
+// test |g'.g| > 0.2 g'.g' or at the n-th search since the last. Trial steps
+// scale the step left by slope(r) / slope(c), slope = g.d, r the last search
+// between restarts (ConjGrad) or the previous one (family, which keeps the
+// step at a restart). The family's beta is formed from y = g' - g as written.
 TEST_P(AllFour, SearchBySearch) {
   LxTestF testF(12);
   lxtest::Rosenbrock valley;
