@@ -134,12 +134,10 @@ INSTANTIATE_TEST_SUITE_P(Optimizers, SharedExits,
 TEST_P(AllFour, BadInput) {
   auto opt = GetParam().make(nullptr);
   DiagonalQuadratic q = Bowl(), empty({}, {});
-  LxCountingFunc counted(q);
   lxtest::MessageCapture msg;
   LxTraceCheckpoint rec;
-  EXPECT_EQ((*opt)(counted, &rec, kOrigin.data(), nullptr), 0.0);
+  EXPECT_EQ((*opt)(q, &rec, kOrigin.data(), nullptr), 0.0);  // the rest: test_framework
   EXPECT_EQ(msg.Texts(), std::vector<std::string>{"memory not provided for optimized variables"});
-  EXPECT_EQ(counted.Gradients() + rec.Entries().size(), 0u);
   (*opt)(empty, &rec, kOrigin.data(), Points(1).data());  // no variables: converged at once
   EXPECT_EQ(Trace(rec), "0 NoOpt");
 }
