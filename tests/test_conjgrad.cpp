@@ -20,8 +20,7 @@ using lxtest::ScriptedSearch;
 using lxtest::StopAfter;
 using Points = std::vector<double>;
 
-// make(nullptr) builds a fresh optimizer, make(&o) a copy of o. family: the
-// classic family (with no gradient in its Cont and Done reports) and its beta.
+// make(nullptr): a fresh optimizer, make(&o): a copy of o; family: beta-based.
 using Ptr = std::unique_ptr<LxConjGradBase>;
 using Beta = LxBetaConjGradOpt::Beta;
 struct Named {
@@ -59,8 +58,7 @@ std::string Trace(const LxTraceCheckpoint& rec) {
   return s;
 }
 
-// One run on Bowl() through a line minimizer that fails on the calls in
-// failOn. Every exit returns the value and leaves the point of the last report.
+// One run on Bowl() through a search failing on the calls in failOn.
 struct BowlRun {
   DiagonalQuadratic q = Bowl();
   LxCountingFunc counted{q};
@@ -90,7 +88,6 @@ double Norm(const Points& v) {
 }
 
 class AllFour : public ::testing::TestWithParam<Named> {};
-// "<optimizer>_<case>" for the parameterised cases below.
 template <class Param>
 std::string CaseName(const ::testing::TestParamInfo<Param>& info) {
   return std::string(std::get<0>(info.param).name) + "_" + std::get<1>(info.param).name;
@@ -110,8 +107,7 @@ const ExitCase kExits[] = {{"NoOpt", 1000, 1365.0, ~0ul, "0 NoOpt"},
                            {"StopAsked", 1000, 0.1, 1, "1 Cont, 2 Cont, 2 Done"}};
 class SharedExits : public ::testing::TestWithParam<std::tuple<Named, ExitCase>> {};
 
-// The exits all four share, as the whole sequence of reports; after a search
-// the exit repeats the figures of the report before it.
+// Shared exits; after a search the exit repeats the figures of the last report.
 TEST_P(SharedExits, ReportSequence) {
   const auto& [o, c] = GetParam();
   auto opt = o.make(nullptr);
@@ -142,9 +138,7 @@ TEST_P(AllFour, BadInput) {
   EXPECT_EQ(Trace(rec), "0 NoOpt");
 }
 
-// SetLineMinimize stores a clone; copies and assignment clone it again and
-// take the limit and tolerance. The first search starts with a unit
-// displacement, 1/|g|.
+// Copies and assignment clone the search and take the limit and tolerance.
 TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
   auto opt = GetParam().make(nullptr), assigned = GetParam().make(nullptr);
   BowlRun before(*opt, {});
@@ -153,7 +147,7 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
   opt->SetLineMinimize(LxCGLineMinimize());
   const size_t searches = before.log.steps.size();
   ASSERT_GT(searches, 0u);
-  EXPECT_DOUBLE_EQ(before.log.steps[0], 1.0 / Norm(GradientAt(kOrigin)));
+  EXPECT_DOUBLE_EQ(before.log.steps[0], 1.0 / Norm(GradientAt(kOrigin)));  // unit move
   for (LxConjGradBase* o : {opt.get(), assigned.get(), copied.get()})
     (*o)(before.q, kOrigin.data(), before.x.data());
   EXPECT_EQ(before.log.steps.size(), 3 * searches);  // none through the original
@@ -165,11 +159,9 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
   EXPECT_EQ(GetParam().make(opt.get())->GetTolerance(), 0.5);
 }
 
-// Failed searches (by call number). ConjGrad retries once from the last success
-// along -g with 1/|g|, ends "NotFound" after two failures in a row. The family
-// ends silently when a steepest-descent search fails; a failed conjugate one
-// still moves by the old step, reports the old figures and restarts along
-// minus that stale gradient with the same step.
+// Failed searches (by call). ConjGrad retries once along -g with 1/|g|. The
+// family ends silently on a failed first search; after a failed conjugate one
+// it moves by the old step, reports old figures and restarts along the old -g.
 struct FailCase {
   const char* name;
   std::set<int> failOn;
@@ -264,12 +256,10 @@ TEST(ConjGrad, TrialStepsAroundARecovery) {
   EXPECT_DOUBLE_EQ(log.steps[3], log.left[2] * slope(0) / slope(3));
 }
 
-// Search by search on 12 variables and on the valley: a restart (entry step
-// 1.0 for ConjGrad, direction -g for the family) comes exactly on Powell's
-// test |g'.g| > 0.2 g'.g' or at the n-th search since the last. Trial steps
-// scale the step left by slope(r) / slope(c), slope = g.d, r the last search
-// between restarts (ConjGrad) or the previous one (family, which keeps the
-// step at a restart). The family's beta is formed from y = g' - g as written.
+// Search by search: a restart (step 1.0 for ConjGrad, -g for the family) comes
+// exactly on Powell's test |g'.g| > 0.2 g'.g' or at the n-th search. Trial
+// steps scale the step left by slope(r) / slope(c), slope = g.d; the family
+// keeps it at a restart and forms beta from y = g' - g as written.
 TEST_P(AllFour, SearchBySearch) {
   LxTestF testF(12);
   lxtest::Rosenbrock valley;
@@ -326,8 +316,7 @@ TEST_P(AllFour, SearchBySearch) {
   }
 }
 
-// Polak-Ribiere's beta, negative where g_new has turned back towards g, is
-// used as it stands (in the loop Powell's test restarts first in such cases).
+// A negative Polak-Ribiere beta stands (in runs Powell's test restarts first).
 TEST(FamilyCoefficients, PolakRibiereNotClampedAtZero) {
   const detail::BetaInputs p{4.0, 1.0, -0.5, 3.5};  // gg, ggNew, gNew.y, d.y
   EXPECT_DOUBLE_EQ(detail::ConjugacyCoefficient(Beta::kFletcherReeves, p), 0.25);
