@@ -29,9 +29,6 @@ struct Named {
   bool family;
   Beta beta;
 };
-void PrintTo(const Named& o, std::ostream* os) {
-  *os << o.name;
-}
 template <class T>
 Named Make(const char* name, bool family, Beta beta = Beta::kFletcherReeves) {
   return {
@@ -233,7 +230,7 @@ TEST_P(AllFour, Converges) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Optimizers, AllFour, ::testing::ValuesIn(kAll),
-                         ::testing::PrintToStringParamName());
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // ConjGrad's trial steps: first 1 / sqrt(g.g), the retry sqrt(1 / g.g) (they
 // differ in the last bit for g.g = 2356); search 4 scales by slope(1) / slope(4).

@@ -86,7 +86,6 @@ std::unique_ptr<LxGradientOpt> Make(Kind kind, const LxLineMinimize* lm = nullpt
   return o;
 }
 
-// One run with the search, the limit and no tolerance.
 void RunWith(LxGradientOpt& opt, const LxLineMinimize& search, unsigned int limit, LxFunc1& f,
              const double* in, double* out) {
   opt.SetLineMinimize(search);
@@ -108,10 +107,8 @@ const Shared kIll30 =
     std::make_shared<DiagonalQuadratic>(DiagonalQuadratic::IllConditioned(30, 1e3));
 const Shared kValley = std::make_shared<Rosenbrock>();
 
-const struct Problem {
-  Shared f;
-  Vec start, minimizer;
-} kProblems[] = {
+using Problem = std::tuple<Shared, Vec, Vec>;  // objective, start, minimizer
+const Problem kProblems[] = {
     {Quad({1, 10}, {3, -1}), {0, 0}, {3, -1}},
     {std::make_shared<Coupled>(), {0, 0, 0}, kCoupledMinimizer},
     {kIll30, Vec(30, 0.0), Vec(30, 1.0)},
@@ -122,16 +119,16 @@ class Convergence : public ::testing::TestWithParam<std::tuple<Kind, int, bool>>
 
 TEST_P(Convergence, EndsDoneAtTheMinimizer) {
   const auto [kind, index, cgSearch] = GetParam();
-  const Problem& p = kProblems[index];
+  const auto& [f, start, minimizer] = kProblems[index];
   const LxCGLineMinimize cg;
   auto opt = Make(kind, cgSearch ? &cg : nullptr);
   opt->SetTolerance(1e-14);
   LxTraceCheckpoint trace;
-  Vec out(p.start.size());
-  (*opt)(*p.f, &trace, p.start.data(), out.data());
+  Vec out(start.size());
+  (*opt)(*f, &trace, start.data(), out.data());
   ASSERT_FALSE(trace.Entries().empty());
   EXPECT_EQ(trace.Entries().back().state, kLxDone);
-  EXPECT_LT(MaxDifference(out, p.minimizer), 1e-6);
+  EXPECT_LT(MaxDifference(out, minimizer), 1e-6);
 }
 
 INSTANTIATE_TEST_SUITE_P(QuasiNewton, Convergence,
