@@ -232,8 +232,8 @@ TEST_P(AllFour, Converges) {
 INSTANTIATE_TEST_SUITE_P(Optimizers, AllFour, ::testing::ValuesIn(kAll),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// ConjGrad's trial steps: first 1 / sqrt(g.g), the retry sqrt(1 / g.g) (they
-// differ in the last bit for g.g = 2356); search 4 scales by slope(1) / slope(4).
+// ConjGrad's trial steps: first 1 / sqrt(g.g) (not sqrt(1 / g.g): they differ
+// in the last bit at g.g = 2356), the retry sqrt(1 / g.g); then slope(1) / slope(4).
 TEST(ConjGrad, TrialStepsAroundARecovery) {
   DiagonalQuadratic q({1.0, 2.0, 5.0, 11.0}, {1.0, 1.0, 2.0, 2.0});
   ScriptedSearch lm({2});
