@@ -183,10 +183,9 @@ TEST_P(FailedSearches, RetryOrEnd) {
     ASSERT_EQ(Trace(r.rec), c.family);
     if (calls.size() < 2) return;
     const Points g = GradientAt(calls[0].x);
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 3; ++i)
       EXPECT_DOUBLE_EQ(calls[1].x[i], calls[0].x[i] + steps[1] * dirs[1][i]);
-      EXPECT_DOUBLE_EQ(dirs[2][i], -g[i]);
-    }
+    EXPECT_EQ(dirs[2], (Points{-g[0], -g[1], -g[2]}));
     EXPECT_EQ(std::make_tuple(steps[2], calls[1].fval, calls[1].gnorm),
               std::make_tuple(steps[1], calls[0].fval, calls[0].gnorm));
     return;
