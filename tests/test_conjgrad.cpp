@@ -87,16 +87,11 @@ double Norm(const Points& v) {
 class AllFour : public ::testing::TestWithParam<Named> {};
 template <class Param>
 std::string CaseName(const ::testing::TestParamInfo<Param>& info) {
-  return std::string(std::get<0>(info.param).name) + "_" + std::get<1>(info.param).name;
+  return std::string(std::get<0>(info.param).name) + "_" + std::get<0>(std::get<1>(info.param));
 }
 
-struct ExitCase {
-  const char* name;
-  unsigned int limit;
-  double tolerance;  // |g|^2 = 1364 at the start
-  unsigned long continueFor;
-  std::string trace;
-};
+// name, iteration limit, tolerance (|g|^2 = 1364 at the start), reports before a stop, trace
+using ExitCase = std::tuple<const char*, unsigned int, double, unsigned long, std::string>;
 const ExitCase kExits[] = {{"NoOpt", 1000, 1365.0, ~0ul, "0 NoOpt"},
                            {"Limit0", 0, 0.1, ~0ul, "1 Exhaust"},
                            {"Limit1", 1, 0.1, ~0ul, "1 Exhaust"},
@@ -107,11 +102,12 @@ class SharedExits : public ::testing::TestWithParam<std::tuple<Named, ExitCase>>
 // Shared exits; after a search the exit repeats the figures of the last report.
 TEST_P(SharedExits, ReportSequence) {
   const auto& [o, c] = GetParam();
+  const auto& [name, limit, tolerance, continueFor, trace] = c;
   auto opt = o.make(nullptr);
-  opt->SetIterLimit(c.limit);
-  opt->SetTolerance(c.tolerance);
-  BowlRun r(*opt, {}, c.continueFor);
-  ASSERT_EQ(Trace(r.rec), c.trace);
+  opt->SetIterLimit(limit);
+  opt->SetTolerance(tolerance);
+  BowlRun r(*opt, {}, continueFor);
+  ASSERT_EQ(Trace(r.rec), trace);
   for (const LxTraceEntry& e : r.calls)
     EXPECT_EQ(!e.hasGradient, o.family && (e.state == kLxCont || e.state == kLxDone));
   const size_t n = r.calls.size();
@@ -159,13 +155,8 @@ TEST_P(AllFour, CopiesCloneTheLineMinimizer) {
 // Failed searches (by call). ConjGrad retries once along -g with 1/|g|. The
 // family ends silently on a failed first search; after a failed conjugate one
 // it moves by the old step, reports old figures and restarts along the old -g.
-struct FailCase {
-  const char* name;
-  std::set<int> failOn;
-  std::string conjGrad;
-  std::uint64_t gradients;  // ConjGrad's
-  std::string family;
-};
+// name, failing calls, ConjGrad's trace and gradient evaluations, the family's trace
+using FailCase = std::tuple<const char*, std::set<int>, std::string, std::uint64_t, std::string>;
 const std::string kRecovered = "1 Cont, 3 Cont, 5 Cont, 6 Cont, 7 Cont, 7 Grad";
 const FailCase kFails[] = {{"First2", {1, 2}, "2 NotFound", 1 + 1, ""},
                            {"Second3", {2, 3}, "1 Cont, 3 NotFound", 1 + 2 + 1, "1 Cont, 2 Cont"},
@@ -174,13 +165,12 @@ class FailedSearches : public ::testing::TestWithParam<std::tuple<Named, FailCas
 
 TEST_P(FailedSearches, RetryOrEnd) {
   const auto& [o, c] = GetParam();
+  const auto& [name, failOn, conjGradTrace, gradients, familyTrace] = c;
   auto opt = o.make(nullptr);
-  BowlRun r(*opt, c.failOn);
-  const std::vector<LxTraceEntry>& calls = r.calls;
-  const std::vector<Points>& dirs = r.log.dirs;
-  const Points& steps = r.log.steps;
+  BowlRun r(*opt, failOn);
+  const auto& [calls, dirs, steps] = std::tie(r.calls, r.log.dirs, r.log.steps);
   if (o.family) {
-    ASSERT_EQ(Trace(r.rec), c.family);
+    ASSERT_EQ(Trace(r.rec), familyTrace);
     if (calls.size() < 2) return;
     const Points g = GradientAt(calls[0].x);
     for (int i = 0; i < 3; ++i)
@@ -190,9 +180,9 @@ TEST_P(FailedSearches, RetryOrEnd) {
               std::make_tuple(steps[1], calls[0].fval, calls[0].gnorm));
     return;
   }
-  ASSERT_EQ(Trace(r.rec), c.conjGrad);
-  EXPECT_EQ(r.counted.Gradients(), c.gradients);
-  const size_t retry = *c.failOn.begin();  // index of the search after the failure
+  ASSERT_EQ(Trace(r.rec), conjGradTrace);
+  EXPECT_EQ(r.counted.Gradients(), gradients);
+  const size_t retry = *failOn.begin();  // index of the search after the failure
   const Points at = retry > 1 ? calls[0].x : kOrigin, g = GradientAt(at);
   EXPECT_EQ(dirs[retry], (Points{-g[0], -g[1], -g[2]}));
   EXPECT_DOUBLE_EQ(steps[retry], 1.0 / Norm(g));

@@ -332,7 +332,6 @@ TEST(DFP, MatrixRequestWrapsOnlyInTheElementCount) {
 
 TEST(QuasiNewtonBadInput, ReportedWithoutCrash) {
   using L = LxMessageLevel;
-  // n = 2^32 - 1 runs with a null output.
   auto expect = [](Kind kind, unsigned int n, const std::string& text, L level, int evaluations) {
     SCOPED_TRACE(kNames[kind] + " n " + std::to_string(n));
     Huge f(n);
@@ -355,7 +354,7 @@ TEST(QuasiNewtonBadInput, ReportedWithoutCrash) {
   const std::string scratch = "out of memory allocating 2147483647 in LxBFGSOpt::operator()",
                     lScratch = "out of memory allocating 2147483647 in LxLBFGSOpt::operator()";
   for (Kind kind : kKinds) {
-    // A null output gives this warning alone, even where no scratch can exist;
+    // A null output (n = 2^32 - 1) gives this warning alone, even with no scratch;
     // 7 n doubles for n = 2^30 + 1 fail before the first evaluation.
     expect(kind, 0xFFFFFFFFu, "memory not provided for optimized variables", L::Warning, 0);
     expect(kind, 1073741825u, kind == kLBFGS ? lScratch : scratch, L::Warning, 0);
