@@ -164,6 +164,9 @@ const ExitCase kExitCases[] = {
     {"Restarts", kIll30, Vec(30, 0.0), {{0, 0}, {1, 0}, {3, 0}, {4, kLxExhaust}}, 8, {3}, 4},
 };
 
+void PrintTo(const ExitCase& c, std::ostream* os) {
+  *os << c.name;
+}
 class Exits : public ::testing::TestWithParam<std::tuple<Kind, ExitCase>> {};
 
 // The whole sequence of reports, each with the value and |g| of its point.
@@ -194,8 +197,7 @@ TEST_P(Exits, RecordedSequence) {
   ASSERT_EQ(states, c.expected);
   EXPECT_EQ(c.gradients < 0 ? -1 : static_cast<int>(counted.Gradients()), c.gradients);
   const auto& entries = trace.Entries();
-  EXPECT_EQ(value, entries.back().fval);
-  EXPECT_EQ(x, entries.back().x);
+  EXPECT_EQ(std::tie(value, x), std::tie(entries.back().fval, entries.back().x));
   // A final report after a continue repeats its point.
   EXPECT_EQ(x, entries[entries.size() > 1 ? entries.size() - 2 : 0].x);
 }
@@ -490,8 +492,7 @@ TEST(LBFGS, CallsDoNotDependOnUnits) {
     calls[cartesian] = run(base, clusterStart, 1e-10, reference);
     for (int length = 0; length <= cartesian; ++length)
       for (double factor : factors[length]) {
-        int exponent;
-        const bool exact = std::frexp(factor, &exponent) == 0.5;
+        const bool exact = std::log2(factor) == std::round(std::log2(factor));  // a power of 2
         SCOPED_TRACE(std::string(cartesian ? "cartesian" : "plain") +
                      (length ? " length x" : " energy x") + std::to_string(factor));
         InUnits scaled(base, length ? 1.0 : factor, length ? factor : 1.0);
