@@ -1,5 +1,4 @@
-// Global minimum search: generators, sample store, validity criteria, finder,
-// and the finder with its work handed out in batches.
+// Global minimum search: generators, sample store, criteria, finder, batched finder.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -340,8 +339,7 @@ struct SearchCase {
 };
 class Searches : public testing::TestWithParam<SearchCase> {};
 
-// Each search ends as set; batched (the distributed seam), results and stores match bit for
-// bit, also after a second Optimize.
+// Each search ends as set; batched, its results and stores match bit for bit, twice.
 TEST_P(Searches, EndAsSetAndGiveTheSameMinimaInBatches) {
   const SearchCase& c = GetParam();
   const bool himmelblau = c.function == Himmelblau || c.function == HimmelblauHole;
@@ -393,8 +391,7 @@ INSTANTIATE_TEST_SUITE_P(
         SearchCase{"Himmelblau60Draws", Himmelblau, 60, 1000, 100, 6.0, -1, 0, 0, false, 2},
         // The quartic wells make the plan go wrong, so that path is covered.
         SearchCase{"Quartic", QuarticWells, 1000, 1000, 100, 6.0, -1, 0, 0, false, 1},
-        // Planned ahead, the neighbours of a cycle come in with its
-        // optimizations: a Values batch only after a wrong guess.
+        // Planned ahead: a Values batch only after a wrong guess.
         SearchCase{"HimmelblauPlannedAhead", Himmelblau, 1000, 1000, 100, 6.0, -1, 0, 0, true, -1},
         SearchCase{"QuarticPlannedAhead", QuarticWells, 1000, 1000, 100, 6.0, -1, 0, 0, true, 2},
         SearchCase{"NoChange0", Bowl, 1000, 1000, 0, 6.0, 1, 2, 51, false, 2},  // nothing new

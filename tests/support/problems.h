@@ -1,5 +1,4 @@
-// Test support: objectives that know their answers and a capture of host
-// messages.
+// Test support: objectives that know their answers and a capture of host messages.
 #ifndef LXOPT_TESTS_SUPPORT_PROBLEMS_H
 #define LXOPT_TESTS_SUPPORT_PROBLEMS_H
 
