@@ -78,11 +78,9 @@ TEST(Random, GeneratorsAreSeededReproducibleAndInRange) {
 }
 
 TEST(Rmsd, HandComputedAndARigidMotionUndone) {
-  // a on the x axis, b on the y axis, twice as long and shifted by 3 in x.
   const double a[] = {1, 0, 0, -1, 0, 0}, b[] = {3, 2, 0, 3, -2, 0}, w[] = {1, 3};
   EXPECT_DOUBLE_EQ(LxRMSD(a, b, 2, false), std::sqrt((8.0 + 20.0) / 2));
   EXPECT_DOUBLE_EQ(LxRMSD(a, b, 2, false, w), std::sqrt((8.0 + 60.0) / 4));
-  // Centred and turned onto the x axis, each point is 1 away from its partner.
   double r[9], turned[3] = {0, 2, 0};
   EXPECT_NEAR(LxRMSD(a, b, 2, true, nullptr, r), 1.0, 1e-12);
   LxGeom3DRotate(turned, 1, r);

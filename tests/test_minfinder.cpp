@@ -1,5 +1,4 @@
-// Global minimum search: generators, sample store, validity criteria, finder,
-// and the finder with its work handed out in batches.
+// Global minimum search: generators, sample store, criteria, finder, batched finder.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -21,8 +20,7 @@ using Texts = std::vector<std::string>;
 
 const Vec kWellsLower{-3, -2}, kWellsUpper{3, 2};
 
-// A two-variable objective from a function giving value and gradient;
-// counts the CheckVariablesValidity calls, one per local optimization.
+// A 2-variable objective counting CheckVariablesValidity calls (one per local optimization).
 struct Objective2 : Objective {
   using Function = double (*)(const double* x, double* g);
   using Objective::operator();
@@ -35,8 +33,7 @@ struct Objective2 : Objective {
   long validityCalls = 0;
 };
 
-// (x^2 + y - 11)^2 + (x + y^2 - 7)^2: four minima of value 0, a maximum and
-// four saddles in [-5, 5]^2. Value and gradient are not numbers for x > hole.
+// Himmelblau's function: four minima of value 0 in [-5, 5]^2; NaN for x > hole.
 double HimmelblauBelow(double hole, const double* x, double* g) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const double a = x[0] * x[0] + x[1] - 11.0, b = x[0] + x[1] * x[1] - 7.0;
@@ -54,8 +51,7 @@ double HimmelblauHole(const double* x, double* g) {
 const std::vector<Vec> kHimmelblauMinima{
     {3.0, 2.0}, {-2.805118, 3.131312}, {-3.779310, -3.283186}, {3.584428, -1.848126}};
 
-// x^2 (x^2 - 4)^2 + 0.1 x + (y^2 - 1)^2 + 0.05 y: six wells near x = -2, 0, 2
-// and y = -1, 1, with values about 0.1 apart.
+// Six wells near x = -2, 0, 2 and y = -1, 1, values about 0.1 apart.
 double SixWells(const double* v, double* g) {
   const double x = v[0], y = v[1], p = x * x - 4.0, q = y * y - 1.0;
   g[0] = 2.0 * x * p * p + 4.0 * x * x * x * p + 0.1;
@@ -63,9 +59,7 @@ double SixWells(const double* v, double* g) {
   return x * x * p * p + 0.1 * x + q * q + 0.05 * y;
 }
 
-// (x^2 - 1)^4 + (y^2 - 1)^4 + 0.1 x + 0.2 y: four flat-bottomed wells, where
-// BFGS stops short and a random neighbour is often lower: validations end
-// early, so the drawn-ahead neighbours of later samples are often wrong.
+// Four flat-bottomed wells: BFGS stops short, so drawn-ahead neighbours are often wrong.
 double QuarticWells(const double* v, double* g) {
   const double p = v[0] * v[0] - 1.0, q = v[1] * v[1] - 1.0;
   g[0] = 8.0 * v[0] * p * p * p + 0.1;
@@ -73,11 +67,10 @@ double QuarticWells(const double* v, double* g) {
   return p * p * p * p + q * q * q * q + 0.1 * v[0] + 0.2 * v[1];
 }
 
-// (x - 0.5)^2 + 2 (y - 0.5)^2: one well.
+// One well at (0.5, 0.5).
 double Bowl(const double* v, double* g) {
   const double a = v[0] - 0.5, b = v[1] - 0.5;
-  g[0] = 2.0 * a;
-  g[1] = 4.0 * b;
+  g[0] = 2.0 * a, g[1] = 4.0 * b;
   return a * a + 2.0 * b * b;
 }
 
@@ -124,8 +117,7 @@ TEST(Generators, InTheBoxUnitQuaternionsWithNonNegativeScalarBadBoundsRefused) {
                   (i < 4 || (lower[i] <= x[i] && x[i] < upper[i])));
   }
   EXPECT_NEAR(sumFirst / 2000, 4.0 / (3.0 * M_PI), 0.02);  // E|q0| on the 3-sphere; s.e. 0.006
-  // Bad bounds: an error, nothing written.
-  MessageCapture capture;
+  MessageCapture capture;                                  // bad bounds: an error, nothing written
   double z[5] = {7, 7, 7, 7, 7};
   EXPECT_FALSE(general(z, {}, {}) || pose(z, {0, 0, 0, 0, 0}, {1, 1, 1, 1}));
   EXPECT_EQ(Vec(z, z + 5), Vec(5, 7.0));
@@ -144,8 +136,7 @@ TEST(SampleStore, EllipsoidMeansThresholdsZeroRadiusAndClear) {
   for (std::size_t k = 0; k < starts.size(); ++k) {
     ASSERT_TRUE(store.updateMinima(starts[k], {0, 0}, 0) &&
                 store.updateEllipsoidParemetersRt(starts[k], {0, 0}));
-    EXPECT_EQ(store.GetMinimumRadii(0), radii[k]) << k;
-    EXPECT_EQ(store.GetRt(), rt[k]) << k;
+    EXPECT_TRUE(store.GetMinimumRadii(0) == radii[k] && store.GetRt() == rt[k]) << k;
   }
   // s = (x^2 + y^2) / 2^2 against 0.1, and 0.3 once 10 start points came.
   for (unsigned long k = 3; k <= 10; ++k) {
@@ -159,10 +150,8 @@ TEST(SampleStore, EllipsoidMeansThresholdsZeroRadiusAndClear) {
   EXPECT_FALSE(store.IsItInAnyEllipsoid(Vec{5.0, 5.001}.data()));  // d^2 / 0 = inf
   EXPECT_FALSE(store.IsItInAnyEllipsoid(Vec{5.0, 5.0}.data()));    // 0 / 0 = NaN
   store.Clear();
-  EXPECT_EQ(store.getLowestValue(), -4.0);
-  EXPECT_EQ(store.GetRt(), rt[2]);
-  EXPECT_EQ(store.getUpdateCount(), 3u);
-  EXPECT_EQ(store.GetAttractedCount(0), 0u);
+  EXPECT_TRUE(store.getLowestValue() == -4.0 && store.GetRt() == rt[2] &&
+              store.getUpdateCount() == 3u && store.GetAttractedCount(0) == 0u);
 }
 
 // A finder set up on a 2-variable quadratic whose stores the test fills.
@@ -196,9 +185,7 @@ TEST(Criterion, GradientToSamplesBoundaryAndNearestMinimum) {
   EXPECT_FALSE(Criterion({1, 0}, {1, 0}));  // s = -1
 }
 
-// Setup takes the objective and the generator before its checks; a failed
-// Setup leaves the bounds and stores of the earlier one. An objective left so
-// that does not fit them is refused by Optimize; one that fits is searched.
+// A failed Setup still takes objective and generator but keeps the earlier bounds and stores.
 TEST(Finder, SetupTakesObjectiveAndGeneratorFirstAndKeepsTheEarlierBounds) {
   Objective2 func(SixWells), other(SixWells);
   DiagonalQuadratic three({1, 1, 1}, {0, 0, 0}), none({}, {});
@@ -224,9 +211,7 @@ TEST(Finder, SetupTakesObjectiveAndGeneratorFirstAndKeepsTheEarlierBounds) {
   EXPECT_EQ(capture.Texts().back(), "You have to setup the minfinder object first!");
   EXPECT_FALSE(finder.Setup(other, &otherGen, {-3, -2}, {-3, 2}));  // lower == upper
   EXPECT_TRUE(finder.Optimize());  // other's wells, in the box of the first Setup
-  EXPECT_EQ(func.validityCalls, 0);
-  EXPECT_GT(other.validityCalls, 0);
-  EXPECT_GT(otherGen.draws, 0);
+  EXPECT_TRUE(func.validityCalls == 0 && other.validityCalls > 0 && otherGen.draws > 0);
   const MinfinderSamplePoints& minima = finder.GetImpl()->GetMinima();
   for (unsigned long i = 0; i < minima.getNumPoints(); ++i)
     EXPECT_TRUE(std::fabs(minima.PointData(i)[0]) < 3 && std::fabs(minima.PointData(i)[1]) < 2);
@@ -245,14 +230,12 @@ TEST(Finder, GetMinimumsOrderWindowAndNotices) {
   EXPECT_EQ(s.values, (Vec{1.0, 3.0, 5.0, 25.999}));  // default window 25, strict
   EXPECT_EQ(s.coords, (Vec{1, -1, 3, -3, 5, -5, 25.999, -25.999}));
   s.finder.SetFvalMinimaWindow(0.0);
-  EXPECT_FALSE(s.finder.GetMinimums(s.coords, s.values));
-  EXPECT_TRUE(s.coords.empty() && s.values.empty());
+  EXPECT_TRUE(!s.finder.GetMinimums(s.coords, s.values) && s.coords.empty() && s.values.empty());
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "No minimums!\nNo minimums yet!\nNo minimums within the given window!\n");
 }
 
-// Optimize runs its first-minimum phase on every call and files what it
-// finds without a duplicate test; the minima of earlier calls are kept.
+// Each call's first minimum is filed without a duplicate test; earlier minima are kept.
 TEST(Finder, SixWellsAllFoundAndKeptAcrossCalls) {
   Objective2 func(SixWells);
   Search s;
@@ -265,8 +248,7 @@ TEST(Finder, SixWellsAllFoundAndKeptAcrossCalls) {
   s.finder.SetThresholdNumberOfNoChange(100);
   ASSERT_TRUE(s.finder.Optimize());
   EXPECT_EQ(Vec(minima.PointData(0), minima.PointData(0) + 6), first);
-  // The second call's first minimum (entry 3) is a well the first call
-  // found; its cycles add each missing well once.
+  // Entry 3 repeats a well of the first call; the cycles add each missing well once.
   ASSERT_EQ(minima.getNumPoints(), 7u);
   Vec coords(minima.PointData(0), minima.PointData(0) + 14);
   coords.erase(coords.begin() + 6, coords.begin() + 8);
@@ -294,8 +276,7 @@ struct CountingBatch : LxMinfinderLocalBatch {
     ++values;
     return !failValues && LxMinfinderLocalBatch::Values(x, count, f);
   }
-  // With planAhead: one optimization at a time, the planner's new neighbours
-  // after every third one, the rest at the end (as the MPI driver does).
+  // planAhead: one optimization at a time, new neighbours after every third (as MPI does).
   bool OptimizeAndPlan(const double* x, std::size_t count, double* z, double* f, double* fz,
                        double* gz, LxMinfinderPlanner& planner) override {
     ++optimizes;
@@ -330,10 +311,21 @@ std::string StoreBytes(const MinfinderSamplePoints& s) {
   return std::string(reinterpret_cast<const char*>(all.data()), all.size() * sizeof(double));
 }
 
-// After the first call: minima, the number in the store (-1: not checked;
-// for Himmelblau's function, its first minima, which must be found); calls,
-// bounds on the local optimizations (0, 0: not checked). replans: the sign of
-// (Values batches - optimization batches), 2: not checked.
+TEST(Finder, ASeedRepeatsItsSearch) {
+  const auto Run = [](std::uint32_t seed) {
+    Objective2 func(SixWells);
+    Search s;
+    s.finder.SetSeed(seed);
+    s.finder.SetMaxNumOptPoints(4);
+    EXPECT_TRUE(s.finder.Setup(func, &s.gen, kWellsLower, kWellsUpper) && s.finder.Optimize());
+    return StoreBytes(s.finder.GetImpl()->GetMinima());
+  };
+  EXPECT_EQ(Run(11), Run(11));
+  EXPECT_NE(Run(11), Run(12));
+}
+
+// After the first call: minima stored (-1: unchecked; Himmelblau: its first ones), bounds on
+// local optimizations (0, 0: unchecked), sign of Values - optimize batches (2: unchecked).
 struct SearchCase {
   const char* name;
   Objective2::Function function;
@@ -345,10 +337,7 @@ struct SearchCase {
 };
 class Searches : public testing::TestWithParam<SearchCase> {};
 
-// Each search in [-5, 5]^2 ends as its settings say, and with its work handed
-// out in batches (the seam of the distributed driver) it gives the results
-// and minima stores of the one-process search bit for bit, also when a second
-// Optimize continues from both.
+// Each search ends as set; batched, its results and stores match bit for bit, twice.
 TEST_P(Searches, EndAsSetAndGiveTheSameMinimaInBatches) {
   const SearchCase& c = GetParam();
   const bool himmelblau = c.function == Himmelblau || c.function == HimmelblauHole;
@@ -386,8 +375,8 @@ TEST_P(Searches, EndAsSetAndGiveTheSameMinimaInBatches) {
     EXPECT_EQ(batch.optimizes > 0, batched == 1 && c.maxCalls != 1);
     replans = batch.values - batch.optimizes;
   }
-  EXPECT_TRUE(results[0][0] == results[1][0] && results[0][1] == results[1][1]);
-  EXPECT_EQ(stores[0], stores[1]);
+  EXPECT_TRUE(results[0][0] == results[1][0] && results[0][1] == results[1][1] &&
+              stores[0] == stores[1]);
   EXPECT_TRUE(c.replans == 2 || (replans > 0) - (replans < 0) == c.replans) << replans;
 }
 
@@ -400,8 +389,7 @@ INSTANTIATE_TEST_SUITE_P(
         SearchCase{"Himmelblau60Draws", Himmelblau, 60, 1000, 100, 6.0, -1, 0, 0, false, 2},
         // The quartic wells make the plan go wrong, so that path is covered.
         SearchCase{"Quartic", QuarticWells, 1000, 1000, 100, 6.0, -1, 0, 0, false, 1},
-        // Planned ahead, the neighbours of a cycle come in with its
-        // optimizations: a Values batch only after a wrong guess.
+        // Planned ahead: a Values batch only after a wrong guess.
         SearchCase{"HimmelblauPlannedAhead", Himmelblau, 1000, 1000, 100, 6.0, -1, 0, 0, true, -1},
         SearchCase{"QuarticPlannedAhead", QuarticWells, 1000, 1000, 100, 6.0, -1, 0, 0, true, 2},
         SearchCase{"NoChange0", Bowl, 1000, 1000, 0, 6.0, 1, 2, 51, false, 2},  // nothing new

@@ -10,8 +10,7 @@ namespace {
 using namespace LxOpt;
 using Vec = std::vector<double>;
 
-// f = ½ xᵀAx + m x0 x1 x2 over n = 4 (A dense): central differences of f
-// along one variable and of its quadratic gradient are exact, up to rounding.
+// ½ xᵀAx + m x0 x1 x2 (A dense): central differences are exact up to rounding.
 struct Cubic : lxtest::Objective {
   using Objective::operator();
   unsigned int NumVar() const override { return 4; }
@@ -43,9 +42,7 @@ void ExpectNear(const Vec& a, const Vec& b, double tol) {
   for (size_t i = 0; i < a.size(); ++i) EXPECT_NEAR(a[i], b[i], tol) << "entry " << i;
 }
 
-// Exact on the cubic along one variable, added to what is in g. Every point
-// evaluated, in order: x_i + h, then - 2h, then x itself; a displaced element
-// is put back by adding h again, not by copying it from x.
+// Added to g; points x_i + h, then - 2h, then x; a displaced element is restored by adding h.
 TEST(NumericGradients, MatchAnalyticAccumulateAndRestoreByArithmetic) {
   Cubic cubic;
   Vec g(4, 0.0), exact(4, 0.0);
@@ -73,11 +70,8 @@ TEST(NumericGradients, MatchAnalyticAccumulateAndRestoreByArithmetic) {
                                       {x[0], x[1]}}));
 }
 
-// Records made one variable at a time (as separate machines would) and
-// gathered in any order assemble the Hessian of the one-call form (to
-// rounding: that form restores displaced elements by arithmetic between
-// elements) and exactly the elements taken one by one. Repeated records add
-// up; rows without one stay as they were.
+// Per-variable records gathered in any order give the one-call Hessian and exactly the
+// single elements; repeated records add up, rows without one stay as they were.
 TEST(NumericHessian, ExactOnCubicAndAssembledFromRecords) {
   Cubic cubic;
   LxCountingFunc counted(cubic);
@@ -105,12 +99,11 @@ TEST(NumericHessian, ExactOnCubicAndAssembledFromRecords) {
     EXPECT_DOUBLE_EQ(partial[e], e >= 3 && e <= 5 ? -1.0 + 2 * assembled[e] : -1.0) << e;
 }
 
-// The test objective: 0 at (1, ..., 1), 1 at (0, 0); its gradient (written,
-// not added to) and Hessian against central differences.
+// The test objective's values, gradient and Hessian.
 TEST(NumericDerivatives, MatchTheTestObjective) {
   LxTestF ten(10), two(2);
-  EXPECT_TRUE(ten(Vec(10, 1.0).data()) == 0.0 && two(Vec(2, 0.0).data()) == 1.0);
-  EXPECT_EQ(two.GetFComponents(kX)[0].name, "Test function");
+  EXPECT_TRUE(ten(Vec(10, 1.0).data()) == 0.0 && two(Vec(2, 0.0).data()) == 1.0 &&
+              two.GetFComponents(kX)[0].name == "Test function");
   const unsigned int n = 5;
   LxTestF f(n);
   const double x[n] = {0.3, -0.8, 1.2, 0.5, -0.1};
@@ -134,13 +127,12 @@ TEST(NumericDerivatives, BadInputWarnsAndReturnsNeutralResults) {
   const GradDiff failed = DifferentialGradients(cubic, kX, 4, 0.5);
   EXPECT_TRUE(failed.index == 4 && failed.denominator == 1.0 && failed.gplus.empty() &&
               failed.gminus.empty());
-  EXPECT_EQ(NumericHessianElement(cubic, kX, 5, 0), std::numeric_limits<double>::max());
-  EXPECT_EQ(NumericHessianElement(cubic, kX, 1, 5), std::numeric_limits<double>::max());
+  for (unsigned int i : {5u, 1u})
+    EXPECT_EQ(NumericHessianElement(cubic, kX, i, 6 - i), std::numeric_limits<double>::max());
   Vec h(10, 3.0);
   EXPECT_FALSE(NumericHessian({}, h.data()));
-  EXPECT_FALSE(NumericHessian({failed}, nullptr));
-  EXPECT_TRUE(NumericHessian({failed}, h.data()));  // a failed record adds nothing
-  EXPECT_EQ(h, Vec(10, 3.0));
+  EXPECT_FALSE(NumericHessian({failed}, nullptr));  // below: a failed record adds nothing
+  EXPECT_TRUE(NumericHessian({failed}, h.data()) && h == Vec(10, 3.0));
   const std::string beyond = "Hessian row or column number can't exceed Hessian dimension";
   EXPECT_EQ(capture.Texts(),
             (std::vector<std::string>{

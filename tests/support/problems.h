@@ -1,5 +1,4 @@
-// Test support: objectives that know their answers, a counting wrapper, a
-// recorder of checkpoint calls and a capture of host messages.
+// Test support: objectives that know their answers and a capture of host messages.
 #ifndef LXOPT_TESTS_SUPPORT_PROBLEMS_H
 #define LXOPT_TESTS_SUPPORT_PROBLEMS_H
 
@@ -53,7 +52,6 @@ class DiagonalQuadratic : public Objective {
     for (size_t i = 0; i < d_.size(); ++i) h[i * (i + 1) / 2 + i] = 2.0 * d_[i];
     return true;
   }
-  const std::vector<double>& minimizer() const { return c_; }
 
  private:
   std::vector<double> d_, c_;
@@ -101,72 +99,6 @@ class Linear : public Objective {
 
  private:
   std::vector<double> slope_;
-};
-
-// Forwards to another objective and counts the evaluations of each kind.
-class Counting : public LxOpt::LxFunc2 {
- public:
-  using LxOpt::LxFunc2::operator();
-  explicit Counting(LxOpt::LxFunc2& inner) : inner_(inner) {}
-  unsigned int NumVar() const override { return inner_.NumVar(); }
-  double operator()(const double* x) override {
-    ++values;
-    return inner_(x);
-  }
-  double operator()(const double* x, double* g) override {
-    ++gradients;
-    return inner_(x, g);
-  }
-  bool operator()(const double* x, double* h, double* g) override {
-    ++hessians;
-    return inner_(x, h, g);
-  }
-  std::vector<LxFComponent> GetFComponents(const double* x) override {
-    return inner_.GetFComponents(x);
-  }
-  int values = 0, gradients = 0, hessians = 0;
-
- private:
-  LxOpt::LxFunc2& inner_;
-};
-
-// One checkpoint call as the optimizer made it.
-struct Call {
-  unsigned int iter;
-  unsigned int state;
-  double fval;
-  double gnorm;
-  bool gradNull;
-  std::vector<double> vars;
-};
-
-// Records every call; answers `answer` to state-0 reports after the first
-// `continueFor` of them.
-class Recorder : public LxOpt::LxCheckpoint1 {
- public:
-  using LxOpt::LxCheckpoint1::operator();
-  bool operator()(unsigned int iter, unsigned int nvar, double fval, double gnorm,
-                  const double* vars, const double* grad, unsigned int state) override {
-    calls.push_back({iter, state, fval, gnorm, grad == nullptr,
-                     vars ? std::vector<double>(vars, vars + nvar) : std::vector<double>()});
-    if (state != 0) return true;
-    return ++reports <= continueFor;
-  }
-  std::vector<unsigned int> States() const {
-    std::vector<unsigned int> s;
-    for (const Call& c : calls) s.push_back(c.state);
-    return s;
-  }
-  std::vector<unsigned int> Iters() const {
-    std::vector<unsigned int> s;
-    for (const Call& c : calls) s.push_back(c.iter);
-    return s;
-  }
-  std::vector<Call> calls;
-  unsigned long continueFor = ~0ul;
-
- private:
-  unsigned long reports = 0;
 };
 
 // Captures host messages for the lifetime of the object.
