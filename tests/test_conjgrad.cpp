@@ -16,6 +16,8 @@ namespace {
 
 using namespace LxOpt;
 using lxtest::DiagonalQuadratic;
+using lxtest::Dot;
+using lxtest::Norm;
 using lxtest::ScriptedSearch;
 using lxtest::StopAfter;
 using Points = std::vector<double>;
@@ -76,12 +78,6 @@ struct BowlRun {
 Points GradientAt(const Points& x) {
   Points g(3);
   return Bowl()(x.data(), g.data()), g;
-}
-double Dot(const Points& a, const Points& b) {
-  return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
-}
-double Norm(const Points& v) {
-  return std::sqrt(Dot(v, v));
 }
 
 class AllFour : public ::testing::TestWithParam<Named> {};

@@ -51,25 +51,17 @@ std::unique_ptr<Run> RunFrom(LxBFGSOptimizer& opt, LxFunc1& func, const Vec& sta
 
 // f(x) = energy * inner(x / length): the same objective in other units; also
 // records the largest atom move from the lowest point so far (the driver's).
-class Rescaled : public lxtest::Objective {
+class Rescaled : public lxtest::InUnits {
  public:
-  using Objective::operator();
-  Rescaled(lxtest::Objective& inner, double energy, double length = 1.0)
-      : inner_(inner), energy_(energy), length_(length), x_(inner.NumVar()) {}
-  unsigned int NumVar() const override { return inner_.NumVar(); }
-  double operator()(const double* x) override { return Seen(x, energy_ * inner_(Shrink(x))); }
+  using InUnits::InUnits;
+  using InUnits::operator();
+  double operator()(const double* x) override { return Seen(x, InUnits::operator()(x)); }
   double operator()(const double* x, double* g) override {
-    const double f = inner_(Shrink(x), g);
-    for (unsigned int i = 0; i < NumVar(); ++i) g[i] = g[i] * energy_ / length_;
-    return Seen(x, energy_ * f);
+    return Seen(x, InUnits::operator()(x, g));
   }
   double largest = 0.0;
 
  private:
-  double* Shrink(const double* x) {
-    for (unsigned int i = 0; i < NumVar(); ++i) x_[i] = x[i] / length_;
-    return x_.data();
-  }
   double Seen(const double* x, double f) {
     for (size_t i = 0; i + 2 < current_.size(); i += 3)
       largest = std::max(largest, std::hypot(x[i] - current_[i], x[i + 1] - current_[i + 1],
@@ -80,9 +72,8 @@ class Rescaled : public lxtest::Objective {
     }
     return f;
   }
-  lxtest::Objective& inner_;
-  double energy_, length_, lowest_ = 0.0;
-  Vec x_, current_;
+  double lowest_ = 0.0;
+  Vec current_;
 };
 
 // One variable: f and its derivative given as functions.

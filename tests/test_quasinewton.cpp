@@ -25,12 +25,8 @@ using namespace lxtest;
 using Vec = std::vector<double>;
 using States = std::vector<std::pair<unsigned int, unsigned int>>;  // (iteration, state)
 
-double Dot(const Vec& a, const Vec& b) {
-  return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
-}
-double Norm(const Vec& v) {
-  return std::sqrt(Dot(v, v));
-}
+using lxtest::Dot;
+using lxtest::Norm;
 double MaxDifference(const Vec& a, const Vec& b) {
   return std::inner_product(
       a.begin(), a.end(), b.begin(), 0.0, [](double m, double e) { return std::fmax(m, e); },
@@ -446,24 +442,6 @@ TEST(LBFGS, SkipsAPairWithNegativeCurvature) {
   EXPECT_EQ(std::tie(cartesian.log().steps, cartesian.log().dirs), std::tie(log.steps, log.dirs));
 }
 
-// f'(x') = e f(x' / l): the objective in other units of energy (e) and length (l).
-struct InUnits : Objective {
-  using Objective::operator();
-  InUnits(Objective& inner, double energy, double length)
-      : inner(inner), energy(energy), length(length) {}
-  unsigned int NumVar() const override { return inner.NumVar(); }
-  double operator()(const double* xs) override { return (*this)(xs, Vec(NumVar()).data()); }
-  double operator()(const double* xs, double* g) override {
-    Vec x(xs, xs + NumVar());
-    for (double& v : x) v /= length;
-    const double f = inner(x.data(), g);
-    for (unsigned int i = 0; i < NumVar(); ++i) g[i] = g[i] * energy / length;
-    return energy * f;
-  }
-  Objective& inner;
-  double energy, length;
-};
-
 // L-BFGS on LJ38 in other units of energy and (Cartesian only) length: a power
 // of 2 gives the same run and point, other factors calls within 10 %. The
 // Cartesian model saves calls.
@@ -495,7 +473,7 @@ TEST(LBFGS, CallsDoNotDependOnUnits) {
         const bool exact = std::log2(factor) == std::round(std::log2(factor));  // a power of 2
         SCOPED_TRACE(std::string(cartesian ? "cartesian" : "plain") +
                      (length ? " length x" : " energy x") + std::to_string(factor));
-        InUnits scaled(base, length ? 1.0 : factor, length ? factor : 1.0);
+        lxtest::InUnits scaled(base, length ? 1.0 : factor, length ? factor : 1.0);
         Vec start = clusterStart;
         for (double& v : start) v *= length ? factor : 1.0;
         const double gScale = length ? 1.0 / factor : factor;

@@ -5,6 +5,7 @@
 #include <lxopt/lxopt.h>
 
 #include <cmath>
+#include <numeric>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,6 +23,37 @@ class Objective : public LxOpt::LxFunc2 {
   }
   // No Hessian unless a problem supplies one.
   bool operator()(const double*, double*, double*) override { return false; }
+};
+
+inline double Dot(const std::vector<double>& a, const std::vector<double>& b) {
+  return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
+}
+inline double Norm(const std::vector<double>& v) {
+  return std::sqrt(Dot(v, v));
+}
+
+// f'(x') = energy f(x' / length): the inner objective in other units.
+class InUnits : public Objective {
+ public:
+  using Objective::operator();
+  InUnits(Objective& inner, double energy, double length = 1.0)
+      : inner_(inner), energy_(energy), length_(length), x_(inner.NumVar()) {}
+  unsigned int NumVar() const override { return inner_.NumVar(); }
+  double operator()(const double* x) override { return energy_ * inner_(Shrink(x)); }
+  double operator()(const double* x, double* g) override {
+    const double f = inner_(Shrink(x), g);
+    for (unsigned int i = 0; i < NumVar(); ++i) g[i] = g[i] * energy_ / length_;
+    return energy_ * f;
+  }
+
+ private:
+  const double* Shrink(const double* x) {
+    for (unsigned int i = 0; i < NumVar(); ++i) x_[i] = x[i] / length_;
+    return x_.data();
+  }
+  Objective& inner_;
+  double energy_, length_;
+  std::vector<double> x_;
 };
 
 // f = sum_i d_i (x_i - c_i)^2, minimum 0 at c; Hessian diag(2 d).
