@@ -45,16 +45,31 @@ double PairDistance2(const double* x, unsigned int a, unsigned int b) {
   return sum;
 }
 
-// Mean over atoms of the distance to the nearest other atom.
-double NearestNeighbourDistance(const double* x, unsigned int atoms) {
-  double sum = 0.0;
+// Over the atoms of x, the mean distance to the nearest other atom and, with
+// radii, the mean of that distance over the sum of the two atoms' radii: the
+// factor from radius sums to lengths, so that nearest neighbours sit, on
+// average, at their reference length (0 without radii).
+struct NearestNeighbours {
+  double meanDistance;
+  double radiusScale;
+};
+NearestNeighbours MeasureNearest(const double* x, unsigned int atoms, const double* radii) {
+  double distances = 0.0, ratios = 0.0;
   for (unsigned int a = 0; a < atoms; ++a) {
     double nearest = std::numeric_limits<double>::infinity();
-    for (unsigned int b = 0; b < atoms; ++b)
-      if (b != a) nearest = std::min(nearest, PairDistance2(x, a, b));
-    sum += std::sqrt(nearest);
+    unsigned int b = a;
+    for (unsigned int c = 0; c < atoms; ++c) {
+      if (c == a) continue;
+      const double r2 = PairDistance2(x, a, c);
+      if (r2 < nearest) {
+        nearest = r2;
+        b = c;
+      }
+    }
+    distances += std::sqrt(nearest);
+    if (radii != nullptr) ratios += std::sqrt(nearest) / (radii[a] + radii[b]);
   }
-  return sum / atoms;
+  return {distances / atoms, ratios / atoms};
 }
 
 void AddSpring(const double* x, unsigned int a, unsigned int b, double k, double* p,
@@ -106,27 +121,6 @@ constexpr double kCovalentRadius[] = {
 };
 constexpr int kElements = sizeof(kCovalentRadius) / sizeof(kCovalentRadius[0]);
 
-// Factor from radius sums to lengths at x: the mean over atoms of
-// r(a, nearest) / (R_a + R_nearest), so that nearest neighbours sit, on
-// average, at their reference length.
-double RadiusScale(const double* x, unsigned int atoms, const double* radii) {
-  double sum = 0.0;
-  for (unsigned int a = 0; a < atoms; ++a) {
-    double nearest = std::numeric_limits<double>::infinity();
-    unsigned int b = a;
-    for (unsigned int c = 0; c < atoms; ++c) {
-      if (c == a) continue;
-      const double r2 = PairDistance2(x, a, c);
-      if (r2 < nearest) {
-        nearest = r2;
-        b = c;
-      }
-    }
-    sum += std::sqrt(nearest) / (radii[a] + radii[b]);
-  }
-  return sum / atoms;
-}
-
 }  // namespace
 
 bool CovalentRadii(const int* z, unsigned int atoms, double* radii) {
@@ -144,10 +138,10 @@ bool FactorPairModel(const double* x, unsigned int n, double* model, double* nea
   detail::Zero(model, std::size_t(n) * n);
   for (unsigned int i = 0; i < n; ++i) model[std::size_t(i) * n + i] = kStabilizer;
   if (atoms > 1) {
-    const double rnn = NearestNeighbourDistance(x, atoms);
+    const NearestNeighbours measured = MeasureNearest(x, atoms, radii);
+    const double rnn = measured.meanDistance, scale = measured.radiusScale;
     if (!(rnn > 0.0) || !std::isfinite(rnn)) return false;
     if (nearest != nullptr) *nearest = rnn;
-    const double scale = radii != nullptr ? RadiusScale(x, atoms, radii) : 0.0;
     if (radii != nullptr && !(scale > 0.0 && std::isfinite(scale))) return false;
     for (unsigned int a = 0; a < atoms; ++a) {
       for (unsigned int b = a + 1; b < atoms; ++b) {
@@ -198,7 +192,7 @@ void PackedPairModelInverse(const double* model, unsigned int n, double* h, doub
 }
 
 double MeanNearestDistance(const double* x, unsigned int n) {
-  return n >= 6 && n % 3 == 0 ? NearestNeighbourDistance(x, n / 3) : 0.0;
+  return n >= 6 && n % 3 == 0 ? MeasureNearest(x, n / 3, nullptr).meanDistance : 0.0;
 }
 
 }  // namespace geom
